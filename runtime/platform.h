@@ -1,0 +1,35 @@
+// The platform driver: the one table through which every read of a clock, every sleep and every
+// random number passes, and through which the system clock is set. The default entries call the
+// operating system; tests install a driver of virtual time whose clock writer only records.
+//
+// Every other file reaches these capabilities through the choke points below, never directly.
+#pragma once
+
+#include <cstdint>
+
+struct PlatformDriver {
+    uint32_t (*tickCount)();                        // GetTickCount: ms since system start, wraps
+    void (*sleep)(uint32_t milliseconds);           // Sleep
+    int64_t (*wallClock)();                         // _time64: seconds since 1970-01-01 UTC
+    int64_t (*readSystemClock)();                   // UTC as a FILETIME count (100 ns since 1601), whole ms
+    void (*writeSystemClock)(int64_t fileTime);     // sets the UTC system clock, whole ms
+    void (*seedRandom)(uint32_t seed);              // srand
+    int32_t (*nextRandom)();                        // rand: 0..32767
+};
+
+// The operating system's own driver (runtime_win32.cpp or runtime_posix.cpp).
+extern const PlatformDriver systemDriver;
+
+// Installs a driver for the whole process; null restores systemDriver. Returns the previous one.
+const PlatformDriver* InstallPlatformDriver(const PlatformDriver* driver);
+
+// The choke points.
+uint32_t ReadTickCount();
+int64_t ReadSystemFileTime();
+void WriteSystemFileTime(int64_t fileTime);
+void SeedRandom(uint32_t seed);
+int32_t NextRandom();
+
+// FILETIME of 1970-01-01 00:00:00 UTC.
+const int64_t UNIX_EPOCH_FILETIME = 116444736000000000LL;
+const int64_t FILETIME_TICKS_PER_MS = 10000;

@@ -1,0 +1,90 @@
+// The portable half of the runtime: the TickTimer, the driver table and its choke points.
+// Locks, threads and the system driver live in runtime_win32.cpp / runtime_posix.cpp.
+#include "runtime/runtime.h"
+
+#include <atomic>
+
+#include "runtime/platform.h"
+
+namespace {
+std::atomic<const PlatformDriver*> activeDriver{&systemDriver};
+
+const PlatformDriver& Driver() {
+    return *activeDriver.load(std::memory_order_acquire);
+}
+}  // namespace
+
+const PlatformDriver* InstallPlatformDriver(const PlatformDriver* driver) {
+    return activeDriver.exchange(driver != nullptr ? driver : &systemDriver, std::memory_order_acq_rel);
+}
+
+uint32_t ReadTickCount() { return Driver().tickCount(); }
+int64_t ReadSystemFileTime() { return Driver().readSystemClock(); }
+void WriteSystemFileTime(int64_t fileTime) { Driver().writeSystemClock(fileTime); }
+void SeedRandom(uint32_t seed) { Driver().seedRandom(seed); }
+int32_t NextRandom() { return Driver().nextRandom(); }
+
+int32_t SleepFor(uint32_t milliseconds) {
+    Driver().sleep(milliseconds);
+    return 0;
+}
+
+int32_t PauseBriefly() { return SleepFor(10); }
+
+int64_t ReadWallClock(int64_t* output) {
+    const int64_t now = Driver().wallClock();
+    if (output != nullptr) {
+        *output = now;
+    }
+    return now;
+}
+
+int32_t StartTimer(TickTimer* timer, uint32_t intervalMs) {
+    if (timer == nullptr) {
+        return 1;
+    }
+    timer->context = 0;
+    timer->interval = intervalMs;
+    timer->armed = 1;
+    timer->startTick = ReadTickCount();
+    return 0;
+}
+
+int32_t RestartTimer(TickTimer* timer) {
+    if (timer == nullptr) {
+        return 1;
+    }
+    timer->armed = 1;
+    timer->startTick = ReadTickCount();
+    return 0;
+}
+
+int32_t TimerExpiredAt(const TickTimer* timer, uint32_t now) {
+    if (timer == nullptr) {
+        return 1;  // a missing timer reads as expired
+    }
+    if (timer->armed == 0) {
+        return 0;
+    }
+    uint32_t elapsed = now - timer->startTick;
+    if (now < timer->startTick) {
+        // Kept on purpose: across a wrap of the tick counter the timer fires one millisecond
+        // later than the plain modular difference would make it.
+        elapsed -= 1;
+    }
+    return elapsed >= timer->interval ? 1 : 0;
+}
+
+int32_t TimerExpired(const TickTimer* timer) {
+    if (timer == nullptr) {
+        return 1;
+    }
+    if (timer->armed == 0) {
+        return 0;
+    }
+    return TimerExpiredAt(timer, ReadTickCount());
+}
+
+int32_t ReleaseTimer(TickTimer* timer) {
+    return timer == nullptr ? 1 : 0;
+}

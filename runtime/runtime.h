@@ -1,0 +1,62 @@
+// Runtime primitives: null-tolerant lock wrappers, the TickTimer interval timer, the detached
+// thread starter, sleeps, the wall clock and thread priority.
+//
+// Status convention: 0 for success, 1 for a null object. StartThread alone returns 1 for
+// success and 0 for failure; its callers test for that polarity.
+#pragma once
+
+#include <cstdint>
+
+#ifdef _WIN32
+#include <windows.h>
+// The platform critical section itself: recursive for its owner, no time-out.
+typedef CRITICAL_SECTION Lock;
+#else
+#include <pthread.h>
+// A recursive mutex gives the critical section's semantics.
+struct Lock {
+    pthread_mutex_t mutex;
+};
+#endif
+
+int32_t InitLock(Lock* lock);
+int32_t DeleteLock(Lock* lock);
+int32_t EnterLock(Lock* lock);
+int32_t LeaveLock(Lock* lock);
+
+// Interval timer on the 32-bit millisecond tick count. Fields in this order.
+struct TickTimer {
+    uint32_t startTick;  // tick count when last started or restarted
+    uint32_t interval;   // milliseconds
+    uint32_t armed;      // 1 once started; an unarmed timer never fires
+    uint64_t context;    // cleared by start; nothing reads it
+};
+
+int32_t StartTimer(TickTimer* timer, uint32_t intervalMs);
+int32_t RestartTimer(TickTimer* timer);
+// 1 when the interval has run out (and for a null timer), 0 when not or when unarmed.
+int32_t TimerExpired(const TickTimer* timer);
+// The same decision for a given tick count: the pure core of TimerExpired.
+int32_t TimerExpiredAt(const TickTimer* timer, uint32_t now);
+// Has no effect; 0 for a timer, 1 for a null pointer.
+int32_t ReleaseTimer(TickTimer* timer);
+
+typedef uint32_t (*ThreadFunction)(uint64_t argument);
+
+// Runs function(argument) on a new detached thread. 1 when the thread was created, 0 otherwise.
+// An exception escaping the function ends the process with exit status 1.
+int32_t StartThread(ThreadFunction function, uint64_t argument);
+
+// Sleeps through the platform driver (virtual in tests). Both return 0.
+int32_t SleepFor(uint32_t milliseconds);
+int32_t PauseBriefly();  // 10 ms
+
+// Seconds since 1970-01-01 UTC; also stored through output when it is not null.
+int64_t ReadWallClock(int64_t* output);
+
+const int32_t PRIORITY_NORMAL = 0;   // THREAD_PRIORITY_NORMAL
+const int32_t PRIORITY_HIGHEST = 2;  // THREAD_PRIORITY_HIGHEST
+
+// Sets the calling thread's scheduling priority. POSIX keeps the default policy: raising it
+// needs privileges that a test machine does not have, and nothing there depends on it.
+void SetCurrentThreadPriority(int32_t priority);

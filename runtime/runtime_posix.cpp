@@ -1,0 +1,131 @@
+// POSIX half of the runtime: recursive mutexes, detached pthreads and the system driver
+// (CLOCK_MONOTONIC as the tick count, CLOCK_REALTIME in whole milliseconds as the system clock).
+#include <pthread.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "runtime/platform.h"
+#include "runtime/runtime.h"
+
+int32_t InitLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&lock->mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    return 0;
+}
+
+int32_t DeleteLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    pthread_mutex_destroy(&lock->mutex);
+    return 0;
+}
+
+int32_t EnterLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    pthread_mutex_lock(&lock->mutex);
+    return 0;
+}
+
+int32_t LeaveLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    pthread_mutex_unlock(&lock->mutex);
+    return 0;
+}
+
+namespace {
+struct ThreadStartBlock {
+    ThreadFunction function;
+    uint64_t argument;
+};
+
+void* RunThread(void* parameter) {
+    ThreadStartBlock* block = static_cast<ThreadStartBlock*>(parameter);
+    const ThreadFunction function = block->function;
+    const uint64_t argument = block->argument;
+    free(block);
+    try {
+        function(argument);
+    } catch (...) {
+        exit(1);  // nothing above a detached thread could handle it
+    }
+    return nullptr;
+}
+
+uint32_t SystemTickCount() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const uint64_t ms = static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec) / 1000000u;
+    return static_cast<uint32_t>(ms);
+}
+
+void SystemSleep(uint32_t milliseconds) {
+    timespec interval;
+    interval.tv_sec = milliseconds / 1000u;
+    interval.tv_nsec = static_cast<long>(milliseconds % 1000u) * 1000000L;
+    while (nanosleep(&interval, &interval) != 0 && errno == EINTR) {
+    }
+}
+
+int64_t SystemWallClock() { return static_cast<int64_t>(time(nullptr)); }
+
+int64_t SystemReadClock() {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    const int64_t ms = static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    return UNIX_EPOCH_FILETIME + ms * FILETIME_TICKS_PER_MS;
+}
+
+void SystemWriteClock(int64_t fileTime) {
+    const int64_t ms = (fileTime - UNIX_EPOCH_FILETIME) / FILETIME_TICKS_PER_MS;
+    timespec value;
+    value.tv_sec = static_cast<time_t>(ms / 1000);
+    value.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+    clock_settime(CLOCK_REALTIME, &value);  // failures leave the clock as it is, by design
+}
+
+void SystemSeedRandom(uint32_t seed) { srand(seed); }
+
+int32_t SystemNextRandom() { return rand(); }
+}  // namespace
+
+const PlatformDriver systemDriver = {
+    SystemTickCount, SystemSleep, SystemWallClock, SystemReadClock, SystemWriteClock, SystemSeedRandom, SystemNextRandom,
+};
+
+int32_t StartThread(ThreadFunction function, uint64_t argument) {
+    if (function == nullptr) {
+        return 0;
+    }
+    ThreadStartBlock* block = static_cast<ThreadStartBlock*>(calloc(1, sizeof(ThreadStartBlock)));
+    if (block == nullptr) {
+        return 0;
+    }
+    block->function = function;
+    block->argument = argument;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_t thread;
+    const int failed = pthread_create(&thread, &attributes, RunThread, block);
+    pthread_attr_destroy(&attributes);
+    if (failed != 0) {
+        free(block);
+        return 0;
+    }
+    return 1;
+}
+
+void SetCurrentThreadPriority(int32_t) {}

@@ -1,0 +1,116 @@
+// Win32 half of the runtime: critical sections, _beginthreadex, thread priority and the system
+// driver (GetTickCount, Sleep, _time64, GetSystemTime/SetSystemTime, srand/rand).
+#include <windows.h>
+#include <process.h>
+
+#include <cstdlib>
+#include <ctime>
+
+#include "runtime/platform.h"
+#include "runtime/runtime.h"
+
+int32_t InitLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    InitializeCriticalSection(lock);
+    return 0;
+}
+
+int32_t DeleteLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    DeleteCriticalSection(lock);
+    return 0;
+}
+
+int32_t EnterLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    EnterCriticalSection(lock);
+    return 0;
+}
+
+int32_t LeaveLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    LeaveCriticalSection(lock);
+    return 0;
+}
+
+namespace {
+struct ThreadStartBlock {
+    ThreadFunction function;
+    uint64_t argument;
+};
+
+unsigned __stdcall RunThread(void* parameter) {
+    ThreadStartBlock* block = static_cast<ThreadStartBlock*>(parameter);
+    const ThreadFunction function = block->function;
+    const uint64_t argument = block->argument;
+    free(block);
+    try {
+        return function(argument);
+    } catch (...) {
+        exit(1);  // nothing above a detached thread could handle it
+    }
+}
+
+uint32_t SystemTickCount() { return GetTickCount(); }
+
+void SystemSleep(uint32_t milliseconds) { Sleep(milliseconds); }
+
+int64_t SystemWallClock() { return _time64(nullptr); }
+
+int64_t SystemReadClock() {
+    SYSTEMTIME systemTime;
+    FILETIME fileTime;
+    GetSystemTime(&systemTime);
+    SystemTimeToFileTime(&systemTime, &fileTime);
+    return static_cast<int64_t>((static_cast<uint64_t>(fileTime.dwHighDateTime) << 32) | fileTime.dwLowDateTime);
+}
+
+void SystemWriteClock(int64_t value) {
+    FILETIME fileTime;
+    SYSTEMTIME systemTime;
+    fileTime.dwLowDateTime = static_cast<DWORD>(static_cast<uint64_t>(value));
+    fileTime.dwHighDateTime = static_cast<DWORD>(static_cast<uint64_t>(value) >> 32);
+    // Failures (no privilege, a value out of range) leave the clock as it is, by design.
+    FileTimeToSystemTime(&fileTime, &systemTime);
+    SetSystemTime(&systemTime);
+}
+
+void SystemSeedRandom(uint32_t seed) { srand(seed); }
+
+int32_t SystemNextRandom() { return rand(); }
+}  // namespace
+
+const PlatformDriver systemDriver = {
+    SystemTickCount, SystemSleep, SystemWallClock, SystemReadClock, SystemWriteClock, SystemSeedRandom, SystemNextRandom,
+};
+
+int32_t StartThread(ThreadFunction function, uint64_t argument) {
+    if (function == nullptr) {
+        return 0;
+    }
+    ThreadStartBlock* block = static_cast<ThreadStartBlock*>(calloc(1, sizeof(ThreadStartBlock)));
+    if (block == nullptr) {
+        return 0;
+    }
+    block->function = function;
+    block->argument = argument;
+    const uintptr_t handle = _beginthreadex(nullptr, 0, RunThread, block, 0, nullptr);
+    if (handle == 0) {
+        free(block);
+        return 0;
+    }
+    CloseHandle(reinterpret_cast<HANDLE>(handle));  // detached: nobody joins it
+    return 1;
+}
+
+void SetCurrentThreadPriority(int32_t priority) {
+    SetThreadPriority(GetCurrentThread(), priority);
+}

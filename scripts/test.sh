@@ -1,0 +1,19 @@
+#!/bin/bash
+# Sets everything up on a fresh Debian machine, builds both builds and runs every test:
+# the native build (GCC, sanitizers) and the Windows build (MinGW-w64, tests under Wine).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh
+
+status=0
+for preset in native windows; do
+  echo "=== $preset: configure and build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+done
+for preset in native windows; do
+  echo "=== $preset: test"
+  ctest --preset "$preset" || status=1
+done
+exit $status

@@ -1,0 +1,49 @@
+// NTP time arithmetic: the 32.32 timestamp, the system clock read and set as one, the tick
+// stamp that times an exchange, and the estimate of true time from the four stamps of an answer.
+//
+//   0                   1                   2                   3
+//   0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1
+//  +-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+
+//  |             seconds since 1900-01-01 00:00:00 UTC             |
+//  +-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+
+//  |              fraction of a second, units of 2^-32 s            |
+//  +-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+
+//
+// Big-endian inside packets and in every 8-byte buffer written here; host order in memory.
+#pragma once
+
+#include <cstdint>
+
+typedef uint64_t NtpTimestamp;
+
+const uint32_t NTP_PACKET_SIZE = 48;
+const uint32_t NTP_ORIGINATE_OFFSET = 24;
+const uint32_t NTP_RECEIVE_OFFSET = 32;
+const uint32_t NTP_TRANSMIT_OFFSET = 40;
+
+// Written once by NtpInitEpoch, read everywhere after.
+extern int64_t ntpEpochFileTime;    // 1900-01-01 as a FILETIME: 94354848000000000
+extern double ntpUnitsPerTick;      // 2^32 / 10^7 fraction units per 100 ns tick
+extern uint64_t ntpToUnixSeconds;   // 2208988800 s from 1900 to 1970
+
+void NtpInitEpoch();
+
+// System clock (UTC) to a big-endian stamp in out[0..7]; its two lowest fraction bits are zero.
+void NtpNow(uint8_t* out);
+// Sets the system clock to a host-order stamp; the two lowest fraction bits are ignored.
+void NtpSetSystemClock(NtpTimestamp value);
+// The millisecond tick count as a big-endian 32.32 stamp counted from system start.
+void NtpTickStamp(uint8_t* out);
+// From T4 (destination, 8 big-endian bytes) and a 48-byte answer: time = T3 + delay / 2 and
+// delay = (T4 - T1) - (T3 - T2), never negative. Leaves T1..T3 of the packet in host order.
+void NtpComputeTime(NtpTimestamp* time, const uint8_t* destination, uint8_t* packet, NtpTimestamp* delay);
+// The one place where a clock observer would attach; called after every read and setting.
+void NtpClockHook();
+
+// The pure conversions behind NtpNow and NtpSetSystemClock.
+NtpTimestamp FileTimeToNtp(int64_t fileTime);
+int64_t NtpToFileTime(NtpTimestamp value);
+NtpTimestamp TickToNtp(uint32_t tickMs);
+
+uint64_t LoadBigEndian64(const uint8_t* bytes);
+void StoreBigEndian64(uint8_t* bytes, uint64_t value);

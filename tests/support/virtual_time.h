@@ -1,0 +1,36 @@
+// Virtual time for tests: a platform driver whose tick count, wall clock and system clock move
+// only when a thread sleeps or the test advances them, so that code which sleeps for a day runs
+// in milliseconds. Clock settings are recorded (and move the virtual system clock), never made.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+// 2026-01-01 00:00:00 UTC as a FILETIME.
+const int64_t VIRTUAL_START_FILETIME = 134116992000000000LL;
+
+// Installs the virtual driver. Elapsed time starts at 0, the tick count at startTick.
+void InstallVirtualTime(int64_t startFileTime = VIRTUAL_START_FILETIME, uint32_t startTick = 1000000);
+// Restores the guard driver of the test main.
+void RemoveVirtualTime();
+
+void AdvanceVirtualTime(uint64_t milliseconds);
+uint64_t VirtualElapsedMs();
+int64_t VirtualSystemFileTime();
+
+// Every value handed to the clock writer, in order.
+std::vector<int64_t> RecordedClockSettings();
+
+// NextRandom returns these in order, then 0. SeedRandom's argument is recorded.
+void QueueRandomValues(const std::vector<int32_t>& values);
+uint32_t RecordedRandomSeed();
+
+// Called on the sleeping thread with the requested milliseconds before the clock advances; it
+// may block to hold that thread at a point the test chooses. An empty function removes it.
+void SetSleepHook(std::function<void(uint32_t)> hook);
+
+// Clock writes that reached the guard driver (the default in every test binary).
+uint32_t GuardedClockWrites();
+// Reinstalls the guard driver: the operating system's clocks, a clock writer that only counts.
+void InstallGuardDriver();
