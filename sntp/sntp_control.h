@@ -1,0 +1,25 @@
+// The SNTP controller: reads SNTP_IP from Vantor.dat in the data directory, chooses the role
+// (server for an empty setting, 0.0.0.0 or one of this host's addresses; client otherwise) and
+// starts, stops and restarts the time thread, clearing every trouble on stop and restart.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+const uint32_t SNTP_SETTING_SIZE = 256;
+
+extern std::atomic<uint8_t> serverRole;  // 1 server, 0 client
+extern int32_t sntpInitialised;
+extern char sntpServerSetting[SNTP_SETTING_SIZE];
+
+int32_t StartSntp();
+// Stop flag, clear all troubles, 1200 ms, then StartSntp's steps. The caller holds controlLock.
+int32_t RestartSntp();
+int32_t StopSntp();
+// SNTP_IP of <directory>\Vantor.dat into value (256 bytes); a missing file or key reads as "".
+int32_t ReadSntpIp(char* value, const char* directory);
+// Sets SNTP_IP in <directory>\Vantor.dat and saves; the save result (1 if it cannot be opened).
+int32_t WriteSntpIp(const char* value, const char* directory);
+
+// The role choice as a pure function of the setting: 1 server, 0 client.
+int32_t ChooseServerRole(const char* setting);
