@@ -1,1 +1,132 @@
-// (to be written)
+// The SNTP controller: the one setting SNTP_IP, the role it implies, and the start, stop and
+// restart of the one time thread. Every stop and restart clears the troubles first.
+#include "sntp/sntp_control.h"
+
+#include <cstring>
+
+#include "config/config_file.h"
+#include "config/directories.h"
+#include "config/message_texts.h"
+#include "net/ipv4.h"
+#include "runtime/runtime.h"
+#include "sntp/ntp_time.h"
+#include "sntp/sntp_client.h"
+#include "sntp/sntp_server.h"
+#include "sntp/sntp_troubles.h"
+#include "trouble/trouble_queue.h"
+
+std::atomic<uint8_t> serverRole{1};
+int32_t sntpInitialised = 0;
+char sntpServerSetting[SNTP_SETTING_SIZE];
+
+namespace {
+const char SETTING_KEY[] = "SNTP_IP";
+const char SETTING_FILE[] = "Vantor.dat";
+const uint32_t DIRECTORY_COPY_LIMIT = 512;
+const uint32_t STOP_GRACE_MS = 1200;  // covers a one-second sleep and a 500 ms wait step
+
+#ifdef _WIN32
+const char PATH_SEPARATOR = '\\';
+#else
+const char PATH_SEPARATOR = '/';
+#endif
+
+void InitialiseOnce() {
+    if (sntpInitialised != 0) {
+        return;
+    }
+    sntpInitialised = 1;
+    InitMessageTexts();
+    NtpInitEpoch();
+    CreateTroubleQueue();
+}
+
+// <directory>\Vantor.dat, bounded to a path buffer.
+void MakeSettingPath(const char* directory, char* path) {
+    char copy[DIRECTORY_COPY_LIMIT + 1];
+    std::strncpy(copy, directory != nullptr ? directory : "", DIRECTORY_COPY_LIMIT);
+    copy[DIRECTORY_COPY_LIMIT] = '\0';
+    std::strncpy(path, copy, PATH_CAPACITY);
+    path[PATH_CAPACITY - 1] = '\0';
+    size_t length = std::strlen(path);
+    const char separator[2] = {PATH_SEPARATOR, '\0'};
+    std::strncat(path, separator, PATH_CAPACITY - 1 - length);
+    length = std::strlen(path);
+    std::strncat(path, SETTING_FILE, PATH_CAPACITY - 1 - length);
+}
+}  // namespace
+
+int32_t ReadSntpIp(char* value, const char* directory) {
+    char path[PATH_CAPACITY];
+    MakeSettingPath(directory, path);
+    ConfigFile file;
+    if (OpenConfigFile(&file, path) != 0) {
+        return 1;
+    }
+    GetConfigString(&file, SETTING_KEY, value, SNTP_SETTING_SIZE, "");
+    CloseConfigFile(&file);
+    return 0;
+}
+
+int32_t WriteSntpIp(const char* value, const char* directory) {
+    char path[PATH_CAPACITY];
+    MakeSettingPath(directory, path);
+    ConfigFile file;
+    if (OpenConfigFile(&file, path) != 0) {
+        return 1;
+    }
+    SetConfigString(&file, SETTING_KEY, value);
+    const int32_t saved = SaveConfigFile(&file, path);
+    CloseConfigFile(&file);
+    return saved;
+}
+
+int32_t ChooseServerRole(const char* setting) {
+    if (setting == nullptr || setting[0] == '\0') {
+        return 1;  // no time server named: this machine is the installation's source
+    }
+    uint32_t address = 0;
+    if (ParseIPv4(setting, &address) != 0) {
+        return 0;  // a host name, resolved (or not) by the client at each exchange
+    }
+    if (IsLocalAddress(&address) != 0) {
+        return 1;
+    }
+    if (address == 0) {
+        return 1;  // 0.0.0.0
+    }
+    return 0;
+}
+
+int32_t StartSntp() {
+    InitialiseOnce();
+    serverRole = 1;
+    char directory[PATH_CAPACITY];
+    GetDataDirectory(directory, PATH_CAPACITY);
+    if (ReadSntpIp(sntpServerSetting, directory) != 0) {
+        return 1;
+    }
+    if (ChooseServerRole(sntpServerSetting) != 0) {
+        StartThread(SntpServerThread, 0);
+    } else {
+        serverRole = 0;
+        // The client copies the text before the controller could write it again.
+        StartThread(SntpClientThread, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(sntpServerSetting)));
+    }
+    return 0;
+}
+
+int32_t RestartSntp() {
+    stopRequested = 1;
+    ClearAllSntpTroubles();
+    SleepFor(STOP_GRACE_MS);
+    return StartSntp();
+}
+
+int32_t StopSntp() {
+    stopRequested = 1;
+    ClearAllSntpTroubles();
+    // The thread is not joined: this grace period is the whole of the handshake.
+    SleepFor(STOP_GRACE_MS);
+    return 0;
+}

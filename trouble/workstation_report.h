@@ -19,3 +19,7 @@ void BuildWorkstationReport(uint8_t* report, const char16_t* source, uint32_t ki
 // The sink: builds the report and writes it to the mailslot; an absent mailslot loses it silently.
 void SendWorkstationReport(const char16_t* source, uint32_t kind, uint32_t code, uint32_t state,
                            const char16_t* text);
+
+// The platform half: one write of a finished report to the workstation mailslot, opened and
+// closed for this report alone. An absent mailslot or a failed write loses the report silently.
+void WriteWorkstationMailslot(const uint8_t* report, uint32_t size);

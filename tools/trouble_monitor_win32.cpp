@@ -1,0 +1,157 @@
+// TroubleMonitor: stands in for the workstation application on a test rig or a machine without
+// it. It creates the workstation mailslot and prints each report as one line:
+//
+//   2026-11-22T05:40:00.123Z SNTP code=7 SET The time server did not respond.  Contact ...
+//
+// or, with --json, one JSON object per line. --count N and --seconds S end it by themselves.
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "trouble/trouble_queue.h"
+#include "trouble/workstation_report.h"
+
+namespace {
+const char WORKSTATION_MAILSLOT[] = "\\\\.\\mailslot\\WORKSTATION";
+const DWORD READ_STEP_MS = 200;  // how often the time limit is looked at while nothing arrives
+
+struct MonitorOptions {
+    bool json = false;
+    long count = -1;    // reports to print before exiting; -1 for no limit
+    long seconds = -1;  // run time before exiting; -1 for no limit
+};
+
+uint32_t Word(const uint8_t* at) {
+    return at[0] | (at[1] << 8) | (at[2] << 16) | (static_cast<uint32_t>(at[3]) << 24);
+}
+
+// UTF-16 field to UTF-8, stopping at NUL or the field's end.
+std::string FieldText(const uint8_t* at, uint32_t units) {
+    std::string text;
+    for (uint32_t i = 0; i < units; ++i) {
+        uint32_t unit = at[2 * i] | (at[2 * i + 1] << 8);
+        if (unit == 0) {
+            break;
+        }
+        if (unit >= 0xD800 && unit <= 0xDBFF && i + 1 < units) {
+            const uint32_t low = at[2 * i + 2] | (at[2 * i + 3] << 8);
+            if (low >= 0xDC00 && low <= 0xDFFF) {
+                unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+                ++i;
+            }
+        }
+        if (unit < 0x80) {
+            text.push_back(static_cast<char>(unit));
+        } else if (unit < 0x800) {
+            text.push_back(static_cast<char>(0xC0 | (unit >> 6)));
+            text.push_back(static_cast<char>(0x80 | (unit & 0x3F)));
+        } else if (unit < 0x10000) {
+            text.push_back(static_cast<char>(0xE0 | (unit >> 12)));
+            text.push_back(static_cast<char>(0x80 | ((unit >> 6) & 0x3F)));
+            text.push_back(static_cast<char>(0x80 | (unit & 0x3F)));
+        } else {
+            text.push_back(static_cast<char>(0xF0 | (unit >> 18)));
+            text.push_back(static_cast<char>(0x80 | ((unit >> 12) & 0x3F)));
+            text.push_back(static_cast<char>(0x80 | ((unit >> 6) & 0x3F)));
+            text.push_back(static_cast<char>(0x80 | (unit & 0x3F)));
+        }
+    }
+    return text;
+}
+
+std::string JsonQuoted(const std::string& text) {
+    std::string quoted = "\"";
+    for (const char c : text) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            quoted.push_back('\\');
+            quoted.push_back(c);
+        } else if (byte < 0x20) {
+            char escaped[8];
+            snprintf(escaped, sizeof escaped, "\\u%04x", byte);
+            quoted += escaped;
+        } else {
+            quoted.push_back(c);
+        }
+    }
+    quoted.push_back('"');
+    return quoted;
+}
+
+std::string UtcNow() {
+    SYSTEMTIME now;
+    GetSystemTime(&now);
+    char text[32];
+    snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u.%03uZ", now.wYear, now.wMonth, now.wDay, now.wHour,
+             now.wMinute, now.wSecond, now.wMilliseconds);
+    return text;
+}
+
+void PrintReport(const uint8_t* report, DWORD size, const MonitorOptions& options) {
+    if (size != WORKSTATION_REPORT_SIZE) {
+        printf(options.json ? "{\"time\":\"%s\",\"error\":\"message of %lu bytes\"}\n" : "%s malformed message of %lu bytes\n",
+               UtcNow().c_str(), static_cast<unsigned long>(size));
+        fflush(stdout);
+        return;
+    }
+    const std::string source = FieldText(report + WORKSTATION_REPORT_SOURCE_OFFSET, 256);
+    const std::string text = FieldText(report + WORKSTATION_REPORT_TEXT_OFFSET, WORKSTATION_REPORT_TEXT_UNITS);
+    const uint32_t kind = Word(report + WORKSTATION_REPORT_KIND_OFFSET);
+    const uint32_t code = Word(report + WORKSTATION_REPORT_CODE_OFFSET);
+    const uint32_t state = Word(report + WORKSTATION_REPORT_STATE_OFFSET);
+    const char* stateName = state == TROUBLE_SET ? "SET" : state == TROUBLE_CLEARED ? "CLEARED" : "STATE?";
+    if (options.json) {
+        printf("{\"time\":\"%s\",\"header\":[%u,%u],\"source\":%s,\"kind\":%u,\"code\":%u,\"state\":%u,\"text\":%s}\n",
+               UtcNow().c_str(), Word(report), Word(report + 4), JsonQuoted(source).c_str(), kind, code, state,
+               JsonQuoted(text).c_str());
+    } else {
+        printf("%s %s code=%u %s %s\n", UtcNow().c_str(), source.c_str(), code, stateName, text.c_str());
+    }
+    fflush(stdout);
+}
+
+int Usage() {
+    fprintf(stderr, "usage: TroubleMonitor [--json] [--count N] [--seconds S]\n");
+    return 2;
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+    MonitorOptions options;
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--json") == 0) {
+            options.json = true;
+        } else if (strcmp(argv[i], "--count") == 0 && i + 1 < argc) {
+            options.count = strtol(argv[++i], nullptr, 10);
+        } else if (strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) {
+            options.seconds = strtol(argv[++i], nullptr, 10);
+        } else {
+            return Usage();
+        }
+    }
+    HANDLE slot = CreateMailslotA(WORKSTATION_MAILSLOT, 0, READ_STEP_MS, nullptr);
+    if (slot == INVALID_HANDLE_VALUE) {
+        fprintf(stderr, "TroubleMonitor: cannot create %s: error %lu (is the workstation application running?)\n",
+                WORKSTATION_MAILSLOT, GetLastError());
+        return 1;
+    }
+    fprintf(stderr, "TroubleMonitor: listening on %s\n", WORKSTATION_MAILSLOT);
+    const ULONGLONG started = GetTickCount64();
+    long printed = 0;
+    while (options.count < 0 || printed < options.count) {
+        if (options.seconds >= 0 && GetTickCount64() - started >= static_cast<ULONGLONG>(options.seconds) * 1000u) {
+            break;
+        }
+        uint8_t message[4096];
+        DWORD size = 0;
+        if (ReadFile(slot, message, sizeof message, &size, nullptr)) {
+            PrintReport(message, size, options);
+            ++printed;
+        }
+    }
+    CloseHandle(slot);
+    return 0;
+}
