@@ -1,0 +1,235 @@
+#!/usr/bin/env python3
+"""End-to-end tests of NorvikTime.exe under Wine's real service control manager: the command
+words and their console texts, the server role against a real NTP implementation, troubles
+through the workstation mailslot, the client role's schedule, the role change, and the takeover
+from W32Time. Traffic stays on 127.0.0.0/8; Wine refuses SetSystemTime, so the host clock is
+never touched.
+
+Usage: service_e2e.py --build <windows build directory> [unittest arguments]
+"""
+
+import argparse
+import os
+import socket
+import struct
+import sys
+import time
+import unittest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import winerig  # noqa: E402
+from winerig import (NOT_INSTALLED, RUNNING, SERVICE, STOPPED, FakeSntpServer, Monitor, Rig,  # noqa: E402
+                     report_text, sntp_request, wait_for_server)
+
+BUILD = None
+W32TIME_KEY = "HKLM\\System\\CurrentControlSet\\Services\\W32Time"
+
+# The client's first exchange comes 59..118 s after its thread starts; the service itself
+# needs a moment to start under Wine, so the window is widened by a few seconds at its end.
+FIRST_EXCHANGE_EARLIEST = 59 - 1
+FIRST_EXCHANGE_LATEST = 118 + 6
+
+
+def texts(reports, state):
+    return [report["text"] for report in reports if report["state"] == state]
+
+
+class ServiceEndToEnd(unittest.TestCase):
+    rig = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.rig = Rig(BUILD, os.path.join(BUILD, "e2e-prefix"))
+        cls.rig.boot(fresh=True)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.rig.remove_service()
+        cls.rig.shutdown()
+
+    def setUp(self):
+        self.rig.remove_service()
+        self.rig.write_setting(None)
+        self.cleanups = []
+
+    def tearDown(self):
+        for cleanup in reversed(self.cleanups):
+            cleanup()
+        self.rig.remove_service()
+
+    def monitor(self):
+        monitor = Monitor(self.rig)
+        self.cleanups.append(monitor.stop)
+        return monitor
+
+    def install_running(self):
+        code, output = self.rig.norvik("install")
+        self.assertEqual((0, "Service successfully added..."), (code, output))
+        self.rig.wait_state(RUNNING)
+        return time.monotonic()
+
+    def test_command_words(self):
+        rig = self.rig
+        for word in ("127", "256", "abc"):
+            self.assertEqual((0, "Invalid command..."), rig.norvik("command", word))
+        self.assertEqual((0, ""), rig.norvik("command", "128"))  # no such service: silent
+        self.assertEqual((0, "no service: 1060\n"), rig.norvik("uninstall"))
+
+        self.install_running()
+        self.assertIn("RUNNING", rig.sc("query", SERVICE).stdout)
+        self.assertEqual((0, "no service: 1073\n"), rig.norvik("install"))
+        self.assertEqual((0, "no service: 1073\n"), rig.norvik("INSTALL"))
+        self.assertEqual((0, "Service command performed..."), rig.norvik("command", "128"))
+        self.assertEqual((0, "Service command performed..."), rig.norvik("Command", "200"))
+        self.assertEqual(RUNNING, rig.state())
+
+        rig.sc("stop", SERVICE)
+        rig.wait_state(STOPPED)
+        self.assertIn("STOPPED", rig.sc("query", SERVICE).stdout)
+        # A stopped service is sent nothing, and the command still reports success.
+        self.assertEqual((0, "Service command performed..."), rig.norvik("command", "128"))
+        code, output = rig.norvik("Uninstall")
+        self.assertEqual(0, code)
+        self.assertRegex(output, r"\Astopped : \d+\nService successfully removed\.\.\.\Z")
+        rig.wait_state(NOT_INSTALLED)
+
+        self.install_running()
+        self.assertEqual((0, "Service successfully removed..."), rig.norvik("uninstall"))
+        rig.wait_state(NOT_INSTALLED)
+
+        # Without its number "command" starts the dispatcher, which fails silently from a console.
+        self.assertEqual((0, ""), rig.norvik("command"))
+
+    def test_server_role_answers_version_3_only(self):
+        self.install_running()  # no Vantor.dat: the server role
+        wait_for_server("127.0.0.1", 20)
+        answer, stamp = sntp_request("127.0.0.1", poll=10)
+        self.assertIsNotNone(answer)
+        self.assertEqual(48, len(answer))
+        self.assertEqual(0x1C, answer[0])
+        self.assertEqual(1, answer[1])
+        self.assertEqual(10, answer[2])
+        self.assertEqual(0xFA, answer[3])
+        self.assertEqual(b"LOCL", answer[12:16])
+        self.assertEqual(stamp, struct.unpack(">Q", answer[24:32])[0])
+        receive, transmit = struct.unpack(">QQ", answer[32:48])
+        self.assertLessEqual(receive, transmit)
+        self.assertEqual(0, transmit & 3)
+        self.assertLess(abs((transmit >> 32) - winerig.NTP_UNIX_OFFSET - time.time()), 5)
+
+        symmetric, _ = sntp_request("127.0.0.1", first_byte=0x19)
+        self.assertEqual(0x1A, symmetric[0])
+        for first_byte, length in ((0x23, 48), (0xDB, 48), (0x0B, 48), (0x1B, 47), (0x1B, 49)):
+            answer, _ = sntp_request("127.0.0.1", first_byte=first_byte, length=length, timeout=1.5)
+            self.assertIsNone(answer, f"answered 0x{first_byte:02X}, {length} bytes")
+
+        code, output = winerig.chrony_query("127.0.0.1")
+        self.assertEqual(0, code, output)
+        self.assertRegex(output, r"System clock wrong by -?[0-9.]+ seconds")
+
+    def test_port_taken_raises_trouble_8_and_control_128_clears(self):
+        holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        holder.bind(("0.0.0.0", 123))  # without SO_REUSEADDR: no later wildcard bind succeeds
+        self.cleanups.append(holder.close)
+        monitor = self.monitor()
+        self.install_running()
+        reports = monitor.wait_for(lambda r: len(r) >= 1, 30)
+        first = reports[0]
+        self.assertEqual(("SNTP", 51, 7, 255, report_text(8)),
+                         (first["source"], first["kind"], first["code"], first["state"], first["text"]))
+        self.assertEqual([16, 3], first["header"])
+        time.sleep(2)
+        self.assertEqual(RUNNING, self.rig.state())
+        self.assertEqual(1, len(monitor.snapshot()))
+
+        holder.close()
+        self.assertEqual((0, "Service command performed..."), self.rig.norvik("command", "128"))
+        reports = monitor.wait_for(lambda r: len(texts(r, 0)) >= 8, 30)
+        # Clears go out for every code from 1 up to the highest active one, in order.
+        self.assertEqual([report_text(code) for code in range(1, 9)], texts(reports, 0))
+        self.assertTrue(all(report["code"] == 7 for report in reports))
+        wait_for_server("127.0.0.1", 20)
+
+    def test_client_role_first_exchange_then_role_change_to_server(self):
+        server = FakeSntpServer("127.0.0.2", "good")
+        self.cleanups.append(server.close)
+        self.rig.write_setting("127.0.0.2")
+        monitor = self.monitor()
+        started = self.install_running()
+        deadline = started + FIRST_EXCHANGE_LATEST + 5
+        while not server.requests and time.monotonic() < deadline:
+            time.sleep(0.2)
+        self.assertTrue(server.requests, "no request within the start delay")
+        arrived, request = server.requests[0]
+        self.assertGreaterEqual(arrived - started, FIRST_EXCHANGE_EARLIEST)
+        self.assertLessEqual(arrived - started, FIRST_EXCHANGE_LATEST)
+        self.assertEqual(48, len(request))
+        self.assertEqual(0x1B, request[0])
+        self.assertEqual(bytes(39), request[1:40])
+        time.sleep(1)
+        self.assertEqual([], monitor.snapshot())  # a good answer raises nothing
+        self.assertEqual(1, len(server.requests))  # the next one comes a day later
+
+        # The setting now names this host: within about a minute the service is the server.
+        self.rig.write_setting("127.0.0.1")
+        wait_for_server("127.0.0.1", 75)
+
+    def test_incompatible_server_raises_trouble_5_at_once(self):
+        server = FakeSntpServer("127.0.0.3", "version4")
+        self.cleanups.append(server.close)
+        self.rig.write_setting("127.0.0.3")
+        monitor = self.monitor()
+        self.install_running()
+        reports = monitor.wait_for(lambda r: len(r) >= 1, FIRST_EXCHANGE_LATEST + 10)
+        self.assertEqual(1, len(server.requests))  # no retries for a wrong version
+        self.assertEqual((report_text(5), 255, 7), (reports[0]["text"], reports[0]["state"], reports[0]["code"]))
+        self.assertEqual((0, "Service command performed..."), self.rig.norvik("command", "128"))
+        reports = monitor.wait_for(lambda r: len(texts(r, 0)) >= 5, 30)
+        self.assertEqual([report_text(code) for code in range(1, 6)], texts(reports, 0))
+
+    def test_windows_time_takeover(self):
+        rig = self.rig
+        binary = f'"{winerig.STAND_IN}" W32Time'
+        result = rig.sc("create", "W32Time", "binpath=", binary, "start=", "demand")
+        self.assertEqual(0, result.returncode, result.stdout + result.stderr)
+        self.cleanups.append(lambda: (rig.sc("stop", "W32Time"), rig.sc("delete", "W32Time")))
+        rig.sc("start", "W32Time")
+        rig.wait_state(RUNNING, name="W32Time")
+        self.assertEqual(3, rig.registry_dword(W32TIME_KEY, "Start"))
+
+        self.install_running()
+        rig.wait_state(STOPPED, name="W32Time", timeout=30)
+        deadline = time.monotonic() + 15
+        while rig.registry_dword(W32TIME_KEY, "Start") != 4 and time.monotonic() < deadline:
+            time.sleep(0.3)
+        self.assertEqual(4, rig.registry_dword(W32TIME_KEY, "Start"))
+        self.assertEqual((0, ""), rig.norvik("stopWTS"))  # already disabled: nothing touched
+
+        rig.set_registry_dword(W32TIME_KEY, "Start", 3)
+        code, output = rig.norvik("StopWts")
+        self.assertEqual(0, code)
+        self.assertRegex(output, r"\A\d+\nW32 Time Service successfully disabled\.\.\.\Z")
+        self.assertEqual(4, rig.registry_dword(W32TIME_KEY, "Start"))
+
+        # Disabled while running: the service leaves it alone.
+        rig.remove_service()
+        rig.set_registry_dword(W32TIME_KEY, "Start", 3)
+        rig.sc("start", "W32Time")
+        rig.wait_state(RUNNING, name="W32Time")
+        rig.set_registry_dword(W32TIME_KEY, "Start", 4)
+        self.install_running()
+        time.sleep(3)
+        self.assertEqual(RUNNING, rig.state("W32Time"))
+
+
+def main():
+    global BUILD
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--build", required=True)
+    arguments, rest = parser.parse_known_args()
+    BUILD = os.path.abspath(arguments.build)
+    unittest.main(argv=[sys.argv[0], "-v", *rest])
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,285 @@
+"""A Wine prefix laid out as a Norvik installation, with the service driven through Wine's real
+service control manager, the trouble monitor standing in for the workstation application, and
+small SNTP peers on loopback addresses. Used by the end-to-end tests and by scripts/run.sh.
+
+Layout inside the prefix (drive C):
+    C:\\Norvik\\Applications\\Time\\NorvikTime.exe      the service and its tools
+    C:\\Norvik\\Applications\\System\\res1033.dll       English message texts
+    C:\\Norvik\\Data\\System\\Vantor.dat                the setting SNTP_IP (absent: server role)
+"""
+
+import json
+import os
+import queue
+import re
+import shutil
+import socket
+import struct
+import subprocess
+import threading
+import time
+
+WINE = "/usr/lib/wine/wine64"
+WINESERVER = "/usr/lib/wine/wineserver"
+SERVICE = "Norvik Time Service"
+TIME_DIR = "C:\\Norvik\\Applications\\Time"
+SYSTEM_DIR = "C:\\Norvik\\Applications\\System"
+DATA_DIR = "C:\\Norvik\\Data\\System"
+EXE = TIME_DIR + "\\NorvikTime.exe"
+MONITOR = TIME_DIR + "\\TroubleMonitor.exe"
+STAND_IN = TIME_DIR + "\\StandInService.exe"
+
+STOPPED, START_PENDING, STOP_PENDING, RUNNING = 1, 2, 3, 4
+NOT_INSTALLED = "not installed"
+
+NTP_UNIX_OFFSET = 2208988800
+
+TROUBLE_TEXTS = {
+    1: "You may need to restart the PC due to an unrecoverable socket error.",
+    2: "The time server did not respond.  Contact your network administrator.",
+    3: "Remote SNTP Server is not synchronized.  Contact your network administrator.",
+    4: "Remote SNTP Server sent an invalid response.",
+    5: "Remote SNTP Server is an incompatible version.",
+    6: "Remote SNTP Server used an inconsistent address.",
+    7: "Remote SNTP Server unknown error.",
+    8: "Local SNTP Server could not start.  Verify the Windows Time Service is disabled.",
+    9: "Local SNTP Client not started",
+    10: "Local SNTP Client: Cannot resolve host name",
+}
+
+
+def report_text(code):
+    """The text as the workstation receives it: cut at 81 UTF-16 units."""
+    return TROUBLE_TEXTS[code][:81]
+
+
+def find_file(top, name):
+    for directory, _, files in os.walk(top):
+        if name in files and "wineprefix" not in directory and "e2e-prefix" not in directory:
+            return os.path.join(directory, name)
+    raise FileNotFoundError(f"{name} under {top}")
+
+
+class Rig:
+    def __init__(self, build, prefix):
+        self.build = os.path.abspath(build)
+        self.prefix = os.path.abspath(prefix)
+        self.env = dict(os.environ, WINEPREFIX=self.prefix, WINEDEBUG="-all",
+                        WINEDLLOVERRIDES="mscoree,mshtml=")
+        self.persistent = None
+
+    def host_path(self, windows_path):
+        return os.path.join(self.prefix, "drive_c", *windows_path[3:].split("\\"))
+
+    def boot(self, fresh=True):
+        """Boots the prefix once, keeps its wineserver alive (a service dies a few seconds after
+        the last ordinary process of its prefix otherwise) and installs the files."""
+        if fresh and os.path.isdir(self.prefix):
+            subprocess.run([WINESERVER, "-k"], env=self.env, capture_output=True)
+            shutil.rmtree(self.prefix)
+        if not os.path.isdir(os.path.join(self.prefix, "drive_c")):
+            subprocess.run([WINE, "wineboot", "-i"], env=self.env, capture_output=True, timeout=300)
+        self.persistent = subprocess.Popen([WINESERVER, "-p", "-f"], env=self.env,
+                                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        for directory in (TIME_DIR, SYSTEM_DIR, DATA_DIR):
+            os.makedirs(self.host_path(directory), exist_ok=True)
+        for name in ("NorvikTime.exe", "TroubleMonitor.exe", "StandInService.exe"):
+            shutil.copy(find_file(self.build, name), self.host_path(TIME_DIR + "\\" + name))
+        shutil.copy(find_file(self.build, "res1033.dll"), self.host_path(SYSTEM_DIR + "\\res1033.dll"))
+        self.write_setting(None)
+
+    def shutdown(self):
+        subprocess.run([WINESERVER, "-k"], env=self.env, capture_output=True)
+        if self.persistent is not None:
+            try:
+                self.persistent.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                self.persistent.kill()
+            self.persistent = None
+
+    def wine(self, *args, timeout=120):
+        return subprocess.run([WINE, *args], env=self.env, capture_output=True, text=True, timeout=timeout)
+
+    def norvik(self, *args, timeout=120):
+        """Runs a command word; returns (exit code, standard output)."""
+        result = self.wine(EXE, *args, timeout=timeout)
+        return result.returncode, result.stdout
+
+    def sc(self, *args):
+        return self.wine("sc", *args, timeout=60)
+
+    def state(self, name=SERVICE):
+        result = self.sc("query", name)
+        match = re.search(r"STATE\s*:\s*(\d+)", result.stdout)
+        return int(match.group(1)) if match else NOT_INSTALLED
+
+    def wait_state(self, wanted, name=SERVICE, timeout=30.0):
+        deadline = time.monotonic() + timeout
+        state = None
+        while time.monotonic() < deadline:
+            state = self.state(name)
+            if state == wanted:
+                return True
+            time.sleep(0.3)
+        raise AssertionError(f"{name}: state {state}, wanted {wanted} within {timeout}s")
+
+    def remove_service(self):
+        """Leaves no service behind, whatever state it was in."""
+        if self.state() == NOT_INSTALLED:
+            return
+        self.sc("stop", SERVICE)
+        self.sc("delete", SERVICE)
+        self.wait_state(NOT_INSTALLED, timeout=30)
+
+    def write_setting(self, value):
+        """Vantor.dat with SNTP_IP = value; None removes the file."""
+        path = self.host_path(DATA_DIR + "\\Vantor.dat")
+        if value is None:
+            if os.path.exists(path):
+                os.remove(path)
+            return
+        with open(path, "w") as file:
+            file.write("# Norvik platform settings\n")
+            file.write(f"SNTP_IP {value}\n")
+
+    def registry_dword(self, key, value):
+        result = self.wine("reg", "query", key, "/v", value, timeout=60)
+        match = re.search(r"REG_DWORD\s+0x([0-9a-fA-F]+)", result.stdout)
+        return int(match.group(1), 16) if match else None
+
+    def set_registry_dword(self, key, value, data):
+        self.wine("reg", "add", key, "/v", value, "/t", "REG_DWORD", "/d", str(data), "/f", timeout=60)
+
+
+class Monitor:
+    """TroubleMonitor.exe --json in the rig's prefix; collects every report it prints."""
+
+    def __init__(self, rig):
+        self.process = subprocess.Popen([WINE, MONITOR, "--json"], env=rig.env, stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, text=True)
+        self.reports = []
+        self.lock = threading.Lock()
+        self.ready = threading.Event()
+        threading.Thread(target=self._read, daemon=True).start()
+        threading.Thread(target=self._watch_ready, daemon=True).start()
+        if not self.ready.wait(30):
+            raise AssertionError("the trouble monitor did not start")
+
+    def _watch_ready(self):
+        for line in self.process.stderr:
+            if "listening" in line:
+                self.ready.set()
+
+    def _read(self):
+        for line in self.process.stdout:
+            line = line.strip()
+            if line.startswith("{"):
+                with self.lock:
+                    self.reports.append(json.loads(line))
+
+    def snapshot(self):
+        with self.lock:
+            return list(self.reports)
+
+    def wait_for(self, predicate, timeout):
+        """Waits until predicate(reports) holds; returns the reports."""
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            reports = self.snapshot()
+            if predicate(reports):
+                return reports
+            time.sleep(0.2)
+        raise AssertionError(f"reports never matched within {timeout}s: {self.snapshot()}")
+
+    def stop(self):
+        self.process.terminate()
+        try:
+            self.process.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+
+
+def ntp_now():
+    now = time.time()
+    seconds = int(now) + NTP_UNIX_OFFSET
+    return (seconds << 32) | int((now - int(now)) * 2**32)
+
+
+def sntp_request(host, first_byte=0x1B, length=48, poll=6, timeout=1.0, port=123):
+    """Sends one request; returns (answer bytes, our transmit stamp) or (None, stamp)."""
+    request = bytearray(max(length, 48))
+    request[0] = first_byte
+    request[2] = poll
+    stamp = ntp_now()
+    struct.pack_into(">Q", request, 40, stamp)
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
+        sock.settimeout(timeout)
+        sock.sendto(bytes(request[:length]), (host, port))
+        try:
+            answer, _ = sock.recvfrom(512)
+            return answer, stamp
+        except socket.timeout:
+            return None, stamp
+
+
+def wait_for_server(host, timeout):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        answer, _ = sntp_request(host, timeout=0.5)
+        if answer is not None:
+            return answer
+    raise AssertionError(f"no SNTP server answered on {host}:123 within {timeout}s")
+
+
+class FakeSntpServer:
+    """A scripted SNTP server on a loopback address, port 123. Records every request; answers
+    as a good version-3 stratum-2 server, as a version-4 one, or not at all."""
+
+    def __init__(self, address, behaviour="good"):
+        self.address = address
+        self.behaviour = behaviour
+        self.requests = []  # (monotonic time, bytes)
+        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.sock.bind((address, 123))
+        self.sock.settimeout(0.2)
+        self.running = True
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    def _serve(self):
+        while self.running:
+            try:
+                request, peer = self.sock.recvfrom(512)
+            except socket.timeout:
+                continue
+            except OSError:
+                return
+            self.requests.append((time.monotonic(), request))
+            if self.behaviour == "silent" or len(request) != 48:
+                continue
+            answer = bytearray(48)
+            answer[0] = 0x24 if self.behaviour == "version4" else 0x1C
+            answer[1] = 2
+            answer[3] = 0xEC
+            answer[12:16] = socket.inet_aton("127.0.0.1")
+            answer[24:32] = request[40:48]
+            receive = ntp_now()
+            struct.pack_into(">QQ", answer, 32, receive, ntp_now())
+            self.sock.sendto(bytes(answer), peer)
+
+    def close(self):
+        self.running = False
+        self.thread.join(timeout=5)
+        self.sock.close()
+
+
+def chrony_query(address, timeout=30):
+    """Asks address:123 for the time with chrony as a version-3 client that never sets the
+    clock. Returns (exit code, output)."""
+    workdir = f"/tmp/norvik-chrony-{os.getpid()}"
+    os.makedirs(workdir, exist_ok=True)
+    # Directives on the command line replace the configuration file.
+    result = subprocess.run(["chronyd", "-Q", "-t", "10", f"pidfile {workdir}/chronyd.pid", "cmdport 0",
+                             f"server {address} iburst version 3"],
+                            capture_output=True, text=True, timeout=timeout)
+    return result.returncode, result.stdout + result.stderr

@@ -1,0 +1,45 @@
+// A stand-in service for the end-to-end tests: registered under another service's name (W32Time),
+// it reports running and stops when told, so the takeover can be watched without the real one.
+#include <windows.h>
+
+namespace {
+SERVICE_STATUS status;
+SERVICE_STATUS_HANDLE statusHandle = nullptr;
+HANDLE stopEvent = nullptr;
+char serviceName[256] = "W32Time";
+
+void WINAPI Handler(DWORD control) {
+    if (control == SERVICE_CONTROL_STOP || control == SERVICE_CONTROL_SHUTDOWN) {
+        status.dwCurrentState = SERVICE_STOP_PENDING;
+        SetServiceStatus(statusHandle, &status);
+        SetEvent(stopEvent);
+        return;
+    }
+    SetServiceStatus(statusHandle, &status);
+}
+
+void WINAPI StandInMain(DWORD, LPSTR*) {
+    statusHandle = RegisterServiceCtrlHandlerA(serviceName, Handler);
+    if (statusHandle == nullptr) {
+        return;
+    }
+    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    status.dwControlsAccepted = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
+    status.dwCurrentState = SERVICE_RUNNING;
+    stopEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    SetServiceStatus(statusHandle, &status);
+    WaitForSingleObject(stopEvent, INFINITE);
+    status.dwCurrentState = SERVICE_STOPPED;
+    status.dwControlsAccepted = 0;
+    SetServiceStatus(statusHandle, &status);
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc >= 2) {
+        lstrcpynA(serviceName, argv[1], sizeof serviceName);
+    }
+    SERVICE_TABLE_ENTRYA table[] = {{serviceName, StandInMain}, {nullptr, nullptr}};
+    StartServiceCtrlDispatcherA(table);
+    return 0;
+}
