@@ -1,1 +1,229 @@
-// (to be written)
+// NetSocket: the state machine of the socket wrapper and the library start-up count. Portable;
+// every platform call goes through socket_platform.h.
+#include "net/net_socket.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+#include "net/ipv4.h"
+#include "net/peer_registry.h"
+#include "net/socket_platform.h"
+
+namespace {
+// Live NetSocket objects. Create and destroy must pair: an unpaired destroy wraps the count
+// below zero, after which the library is never shut down. Atomic only so that readers on other
+// threads (the IPv4 routines) see a whole value.
+std::atomic<uint32_t> libraryUsers{0};
+
+const int32_t LISTEN_BACKLOG = 100;
+const uint32_t NET_SOCKET_DATAGRAM_ALT = 3;  // the other datagram type; this system uses 2
+const size_t DROPPED_PREFIX_BYTES = 8;       // zeroed in the buffer of a dropped datagram
+const uint64_t HANDLE_LOW_MASK = 0xFFFFFFFFULL;
+
+// Stream connection records belong to a stream layer this system does not have; a record
+// starts with its reference count.
+struct NetConnection {
+    int32_t references;
+};
+
+bool IsDatagram(const NetSocket* socket) {
+    return socket->type == NET_SOCKET_DATAGRAM || socket->type == NET_SOCKET_DATAGRAM_ALT;
+}
+
+NetAddress MakeAddress(uint16_t hostPort, uint32_t address) {
+    NetAddress result;
+    memset(&result, 0, sizeof(result));
+    result.family = NET_FAMILY_INET;
+    result.port = NetworkPort(hostPort);
+    result.address = address;
+    return result;
+}
+
+void ReleaseConnection(NetSocket* socket) {
+    if (socket->connection != nullptr) {
+        static_cast<NetConnection*>(socket->connection)->references -= 1;
+        socket->connection = nullptr;
+    }
+}
+}  // namespace
+
+uint32_t NetLibraryUsers() { return libraryUsers.load(); }
+
+int32_t CreateNetSocket(NetSocket* socket, uint32_t type) {
+    if (socket == nullptr) {
+        return 1;
+    }
+    if (libraryUsers.load() == 0) {
+        if (StartSocketLibrary() != 0) {
+            return 1;
+        }
+        libraryUsers.store(1);
+        StartPeerRegistry();
+    } else {
+        libraryUsers.fetch_add(1);
+    }
+    socket->handle = NET_INVALID_HANDLE;
+    socket->type = type;
+    socket->state = NET_STATE_CLOSED;
+    memset(&socket->address, 0, sizeof(socket->address));
+    socket->localPort = 0;
+    socket->localAddress = 0;
+    socket->attachment = nullptr;
+    socket->peerLimit = 0;
+    socket->connection = nullptr;
+    socket->peers = nullptr;
+    return 0;
+}
+
+int32_t OpenNetSocket(NetSocket* socket, uint16_t localPort, uint64_t peerLimit) {
+    if (socket == nullptr) {
+        return 1;
+    }
+    // Unconditionally, even with no handle: the platform refuses that quietly.
+    ClosePlatformSocket(socket->handle);
+    socket->peerLimit = peerLimit;
+    const bool datagram = IsDatagram(socket);
+    int32_t error = 0;
+    socket->handle = OpenPlatformSocket(datagram ? 1 : 0, &error);
+    // With no error code to report the calls below go on and fail (or not) on their own.
+    if (socket->handle == NET_INVALID_HANDLE) {
+        socket->state = NET_STATE_FAILED;
+        if (error != 0) {
+            return error;
+        }
+    }
+    if (datagram) {
+        SetPlatformSocketOption(socket->handle, SOCKET_OPTION_REUSE_ADDRESS, 1);  // best effort
+    }
+    socket->address = MakeAddress(localPort, 0);
+    bool failed = false;
+    error = 0;
+    if (BindPlatformSocket(socket->handle, &socket->address, &error) != 0) {
+        failed = true;
+    } else if (datagram) {
+        socket->state = NET_STATE_BOUND;
+    } else if (ListenPlatformSocket(socket->handle, LISTEN_BACKLOG, &error) == 0) {
+        socket->state = NET_STATE_LISTENING;
+    } else {
+        failed = true;
+    }
+    if (failed) {
+        socket->state = NET_STATE_FAILED;
+        if (error != 0) {
+            return error;
+        }
+    }
+    ReadPlatformSocketName(socket->handle, &socket->address);  // on failure the bind address stays
+    socket->localPort = HostPort(socket->address.port);
+    GetLocalAddress(&socket->localAddress);  // informational; a failure leaves the old value
+    return 0;
+}
+
+int32_t SendNetSocket(NetSocket* socket, const void* data, int32_t length, const uint32_t* address, uint16_t port,
+                      uint64_t peerLimit) {
+    if (socket == nullptr || data == nullptr || address == nullptr || !IsDatagram(socket)) {
+        return -1;
+    }
+    if (socket->state == NET_STATE_CLOSED) {
+        OpenNetSocket(socket, 0, peerLimit);  // a failure shows in sendto below
+    }
+    uint32_t destination = 0;
+    memcpy(&destination, address, sizeof(destination));
+    socket->address = MakeAddress(port, destination);
+    int32_t error = 0;
+    const int32_t sent = SendPlatformSocket(socket->handle, data, length, &socket->address, &error);
+    if (sent == -1) {
+        socket->state = NET_STATE_FAILED;
+    }
+    return sent;
+}
+
+int32_t ReceiveNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint32_t* senderAddress,
+                         uint16_t* senderPort, uint64_t peerLimit) {
+    if (socket == nullptr || buffer == nullptr || senderAddress == nullptr || senderPort == nullptr) {
+        return -1;
+    }
+    if (!IsDatagram(socket) || socket->attachment != nullptr) {
+        return -1;
+    }
+    int32_t error = 0;
+    if (socket->state == NET_STATE_CLOSED) {
+        // Open replaces this socket with its own, so the broadcast option does not survive.
+        // The order is the one the service has always had; nothing here sends broadcasts.
+        socket->handle = OpenPlatformSocket(1, &error);
+        SetPlatformSocketOption(socket->handle, SOCKET_OPTION_BROADCAST, 1);
+        if (OpenNetSocket(socket, socket->localPort, peerLimit) != 0) {
+            return -1;
+        }
+    }
+    NetAddress sender;
+    memset(&sender, 0, sizeof(sender));
+    const int32_t received = ReceivePlatformSocket(socket->handle, buffer, capacity, &sender, &error);
+    if (received == -1) {
+        socket->state = NET_STATE_FAILED;
+        return -1;
+    }
+    if (socket->peers == nullptr) {
+        RegisterPeerSocket(socket);
+    }
+    if (IsPeerBlocked(sender.address, socket->localPort) != 0 || AdmitPeer(socket, sender.address) == 0) {
+        // Callers read the zeroed start as "nothing usable arrived". Never past the buffer's end.
+        const size_t room = capacity > 0 ? static_cast<size_t>(capacity) : 0;
+        memset(buffer, 0, room < DROPPED_PREFIX_BYTES ? room : DROPPED_PREFIX_BYTES);
+        return 0;
+    }
+    *senderAddress = sender.address;
+    *senderPort = HostPort(sender.port);
+    return received;
+}
+
+int32_t CloseNetSocket(NetSocket* socket) {
+    if (socket == nullptr) {
+        return 1;
+    }
+    if (IsDatagram(socket)) {
+        UnregisterPeerSocket(socket);
+    } else {
+        ShutdownPlatformSend(socket->handle);
+        ReleaseConnection(socket);
+    }
+    ClosePlatformSocket(socket->handle);
+    socket->handle = NET_INVALID_HANDLE;
+    socket->state = NET_STATE_CLOSED;
+    memset(&socket->address, 0, sizeof(socket->address));
+    socket->localPort = 0;
+    socket->localAddress = 0;
+    return 0;
+}
+
+int32_t DestroyNetSocket(NetSocket* socket) {
+    if (socket == nullptr) {
+        return 1;
+    }
+    if ((socket->handle & HANDLE_LOW_MASK) != HANDLE_LOW_MASK) {
+        if (IsDatagram(socket)) {
+            UnregisterPeerSocket(socket);
+        } else {
+            ReleaseConnection(socket);
+        }
+        ClosePlatformSocket(socket->handle);
+        socket->handle = NET_INVALID_HANDLE;
+    }
+    free(socket->attachment);
+    socket->attachment = nullptr;
+    const uint32_t users = libraryUsers.load() - 1;
+    libraryUsers.store(users);
+    if (users == 0) {
+        StopPeerRegistry();
+        StopSocketLibrary();
+    }
+    return 0;
+}
+
+int32_t WaitNetSocketReadable(NetSocket* socket, uint32_t timeoutMs) {
+    if (socket == nullptr) {
+        return -1;
+    }
+    return WaitPlatformReadable(socket->handle, timeoutMs);
+}

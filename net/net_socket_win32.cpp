@@ -1,1 +1,140 @@
-// (to be written)
+// Windows Sockets edge of NetSocket: WSAStartup 2.0 for the library, SOCKET handles as they
+// are, WSAGetLastError captured right after the call that failed.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <cstring>
+
+#include "net/socket_platform.h"
+
+namespace {
+static_assert(sizeof(NetAddress) == sizeof(sockaddr_in), "NetAddress mirrors sockaddr_in");
+static_assert(sizeof(SOCKET) == sizeof(uint64_t), "SOCKET is 64 bits wide");
+
+const WORD WINSOCK_VERSION_2_0 = MAKEWORD(2, 0);
+const int SELECT_WIDTH = 1024;  // ignored by Windows; kept as the service has always passed it
+const uint32_t MS_PER_SECOND = 1000;
+
+SOCKET Handle(uint64_t handle) { return static_cast<SOCKET>(handle); }
+
+sockaddr_in ToPlatform(const NetAddress* address) {
+    sockaddr_in result;
+    memset(&result, 0, sizeof(result));
+    result.sin_family = static_cast<short>(address->family);
+    result.sin_port = address->port;
+    result.sin_addr.s_addr = address->address;
+    return result;
+}
+
+NetAddress FromPlatform(const sockaddr_in& address) {
+    NetAddress result;
+    memset(&result, 0, sizeof(result));
+    result.family = static_cast<uint16_t>(address.sin_family);
+    result.port = address.sin_port;
+    result.address = address.sin_addr.s_addr;
+    return result;
+}
+}  // namespace
+
+int32_t StartSocketLibrary() {
+    WSADATA data;
+    return WSAStartup(WINSOCK_VERSION_2_0, &data) == 0 ? 0 : 1;
+}
+
+void StopSocketLibrary() { WSACleanup(); }
+
+uint64_t OpenPlatformSocket(int32_t datagram, int32_t* error) {
+    const SOCKET handle = socket(AF_INET, datagram != 0 ? SOCK_DGRAM : SOCK_STREAM, 0);
+    if (handle == INVALID_SOCKET) {
+        *error = WSAGetLastError();
+        return NET_INVALID_HANDLE;
+    }
+    return static_cast<uint64_t>(handle);
+}
+
+void ClosePlatformSocket(uint64_t handle) {
+    closesocket(Handle(handle));  // WSAENOTSOCK for no handle; nothing to do about it
+}
+
+int32_t SetPlatformSocketOption(uint64_t handle, int32_t option, int32_t value) {
+    const int name = option == SOCKET_OPTION_BROADCAST ? SO_BROADCAST : SO_REUSEADDR;
+    const int32_t setting = value;
+    return setsockopt(Handle(handle), SOL_SOCKET, name, reinterpret_cast<const char*>(&setting), sizeof(setting)) == 0
+               ? 0
+               : -1;
+}
+
+int32_t BindPlatformSocket(uint64_t handle, const NetAddress* address, int32_t* error) {
+    const sockaddr_in platform = ToPlatform(address);
+    if (bind(Handle(handle), reinterpret_cast<const sockaddr*>(&platform), sizeof(platform)) == SOCKET_ERROR) {
+        *error = WSAGetLastError();
+        return -1;
+    }
+    return 0;
+}
+
+int32_t ListenPlatformSocket(uint64_t handle, int32_t backlog, int32_t* error) {
+    if (listen(Handle(handle), backlog) == SOCKET_ERROR) {
+        *error = WSAGetLastError();
+        return -1;
+    }
+    return 0;
+}
+
+int32_t ReadPlatformSocketName(uint64_t handle, NetAddress* address) {
+    sockaddr_in platform;
+    memset(&platform, 0, sizeof(platform));
+    int length = sizeof(platform);
+    if (getsockname(Handle(handle), reinterpret_cast<sockaddr*>(&platform), &length) == SOCKET_ERROR) {
+        return -1;
+    }
+    *address = FromPlatform(platform);
+    return 0;
+}
+
+int32_t SendPlatformSocket(uint64_t handle, const void* data, int32_t length, const NetAddress* to, int32_t* error) {
+    const sockaddr_in platform = ToPlatform(to);
+    const int sent = sendto(Handle(handle), static_cast<const char*>(data), length, 0,
+                            reinterpret_cast<const sockaddr*>(&platform), sizeof(platform));
+    if (sent == SOCKET_ERROR) {
+        *error = WSAGetLastError();
+        return -1;
+    }
+    return sent;
+}
+
+int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from, int32_t* error) {
+    sockaddr_in platform;
+    memset(&platform, 0, sizeof(platform));
+    int length = sizeof(platform);
+    const int received = recvfrom(Handle(handle), static_cast<char*>(buffer), capacity, 0,
+                                  reinterpret_cast<sockaddr*>(&platform), &length);
+    if (received == SOCKET_ERROR) {
+        *error = WSAGetLastError();
+        return -1;
+    }
+    *from = FromPlatform(platform);
+    return received;
+}
+
+void ShutdownPlatformSend(uint64_t handle) {
+    shutdown(Handle(handle), SD_SEND);  // a socket that is not connected refuses; nothing to do
+}
+
+int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs) {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(Handle(handle), &readable);
+    timeval timeout;
+    timeout.tv_sec = static_cast<long>(timeoutMs / MS_PER_SECOND);
+    timeout.tv_usec = static_cast<long>((timeoutMs % MS_PER_SECOND) * MS_PER_SECOND);
+    const int ready = select(SELECT_WIDTH, &readable, nullptr, nullptr, &timeout);
+    if (ready == SOCKET_ERROR) {
+        return -1;
+    }
+    return ready > 0 ? 1 : 0;
+}
+
+uint16_t NetworkPort(uint16_t hostPort) { return htons(hostPort); }
+
+uint16_t HostPort(uint16_t networkPort) { return ntohs(networkPort); }

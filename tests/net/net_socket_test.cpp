@@ -1,1 +1,417 @@
-// (to be written)
+// NetSocket over real UDP sockets on loopback: implicit opens, close and reopen, handle
+// ownership, platform errors, admission of real datagrams by the peer registry, and the library
+// start-up count with its ageing thread.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "net/net_socket.h"
+#include "net/peer_registry.h"
+#include "net/socket_platform.h"
+#include "runtime/runtime.h"
+
+namespace {
+const uint32_t WAIT_MS = 2000;
+const uint64_t CLIENT_LIMIT = 1;
+const uint64_t SERVER_LIMIT = 201;
+const int32_t NOT_READABLE = -2;
+const uint8_t FILL = 0xAA;
+
+uint32_t Loopback(uint8_t last) {
+    const uint8_t bytes[4] = {127, 0, 0, last};
+    uint32_t value = 0;
+    memcpy(&value, bytes, sizeof(value));
+    return value;
+}
+
+// A NetSocket that is always closed and destroyed, so a failed assertion cannot leave the
+// library running for the next test.
+class ScopedNetSocket {
+public:
+    explicit ScopedNetSocket(uint32_t type = NET_SOCKET_DATAGRAM) { created_ = CreateNetSocket(&socket_, type); }
+    ~ScopedNetSocket() {
+        if (created_ == 0) {
+            CloseNetSocket(&socket_);
+            DestroyNetSocket(&socket_);
+        }
+    }
+    ScopedNetSocket(const ScopedNetSocket&) = delete;
+    ScopedNetSocket& operator=(const ScopedNetSocket&) = delete;
+    NetSocket* get() { return &socket_; }
+    NetSocket* operator->() { return &socket_; }
+    int32_t created() const { return created_; }
+
+private:
+    NetSocket socket_;
+    int32_t created_ = 1;
+};
+
+// A plain platform socket bound to one loopback source address, to send from.
+class Sender {
+public:
+    explicit Sender(uint32_t source, uint16_t port = 0) {
+        int32_t error = 0;
+        handle_ = OpenPlatformSocket(1, &error);
+        NetAddress local;
+        memset(&local, 0, sizeof(local));
+        local.family = NET_FAMILY_INET;
+        local.port = NetworkPort(port);
+        local.address = source;
+        if (handle_ != NET_INVALID_HANDLE && BindPlatformSocket(handle_, &local, &error) != 0) {
+            ClosePlatformSocket(handle_);
+            handle_ = NET_INVALID_HANDLE;
+        }
+    }
+    ~Sender() { ClosePlatformSocket(handle_); }
+    Sender(const Sender&) = delete;
+    Sender& operator=(const Sender&) = delete;
+    bool ok() const { return handle_ != NET_INVALID_HANDLE; }
+    uint64_t handle() const { return handle_; }
+    uint16_t port() const {
+        NetAddress bound;
+        memset(&bound, 0, sizeof(bound));
+        return ReadPlatformSocketName(handle_, &bound) == 0 ? HostPort(bound.port) : 0;
+    }
+    bool SendTo(uint16_t port, const void* data, int32_t length) const {
+        NetAddress to;
+        memset(&to, 0, sizeof(to));
+        to.family = NET_FAMILY_INET;
+        to.port = NetworkPort(port);
+        to.address = Loopback(1);
+        int32_t error = 0;
+        return SendPlatformSocket(handle_, data, length, &to, &error) == length;
+    }
+
+private:
+    uint64_t handle_ = NET_INVALID_HANDLE;
+};
+
+struct Received {
+    int32_t result = NOT_READABLE;
+    uint8_t buffer[64];
+    uint32_t address = 0;
+    uint16_t port = 0;
+};
+
+// Receive with a bound on the wait: NOT_READABLE when nothing arrived in time.
+Received ReceiveWithin(NetSocket* socket, uint64_t limit) {
+    Received got;
+    memset(got.buffer, FILL, sizeof(got.buffer));
+    if (WaitNetSocketReadable(socket, WAIT_MS) == 1) {
+        got.result = ReceiveNetSocket(socket, got.buffer, sizeof(got.buffer), &got.address, &got.port, limit);
+    }
+    return got;
+}
+
+// Some platform layers accept a bind to 127.0.0.2 but report every loopback datagram as coming
+// from 127.0.0.1; distinct real senders are then impossible.
+bool LoopbackSourcesAreDistinct(uint16_t port, NetSocket* receiver, uint64_t limit) {
+    Sender probe(Loopback(250));
+    const char text[] = "probe";
+    if (!probe.ok() || !probe.SendTo(port, text, sizeof(text))) {
+        return false;
+    }
+    const Received got = ReceiveWithin(receiver, limit);
+    return got.result > 0 && got.address == Loopback(250);
+}
+
+class NetSocketTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(0u, NetLibraryUsers()); }
+    void TearDown() override {
+        EXPECT_EQ(0u, NetLibraryUsers());
+        EXPECT_EQ(0u, CountPeerSockets());
+    }
+};
+}  // namespace
+
+TEST_F(NetSocketTest, BadArgumentsAreRefusedWithoutTouchingTheSocket) {
+    EXPECT_EQ(1, CreateNetSocket(nullptr, NET_SOCKET_DATAGRAM));
+    EXPECT_EQ(1, OpenNetSocket(nullptr, 0, 1));
+    EXPECT_EQ(1, CloseNetSocket(nullptr));
+    EXPECT_EQ(1, DestroyNetSocket(nullptr));
+    EXPECT_EQ(-1, WaitNetSocketReadable(nullptr, 0));
+    EXPECT_EQ(0u, NetLibraryUsers());
+
+    ScopedNetSocket socket;
+    ASSERT_EQ(0, socket.created());
+    const uint32_t to = Loopback(1);
+    uint8_t buffer[16];
+    uint32_t from = 0;
+    uint16_t port = 0;
+    EXPECT_EQ(-1, SendNetSocket(nullptr, buffer, 1, &to, 9, 1));
+    EXPECT_EQ(-1, SendNetSocket(socket.get(), nullptr, 1, &to, 9, 1));
+    EXPECT_EQ(-1, SendNetSocket(socket.get(), buffer, 1, nullptr, 9, 1));
+    EXPECT_EQ(-1, ReceiveNetSocket(socket.get(), nullptr, 16, &from, &port, 1));
+    EXPECT_EQ(-1, ReceiveNetSocket(socket.get(), buffer, 16, nullptr, &port, 1));
+    EXPECT_EQ(-1, ReceiveNetSocket(socket.get(), buffer, 16, &from, nullptr, 1));
+    EXPECT_EQ(-1, WaitNetSocketReadable(socket.get(), 0));  // no handle yet
+    EXPECT_EQ(NET_STATE_CLOSED, socket->state);
+    EXPECT_EQ(NET_INVALID_HANDLE, socket->handle);
+
+    socket->attachment = malloc(4);  // receive refuses a socket with a stream context; destroy frees it
+    EXPECT_EQ(-1, ReceiveNetSocket(socket.get(), buffer, 16, &from, &port, 1));
+    EXPECT_EQ(NET_STATE_CLOSED, socket->state);
+
+    ScopedNetSocket stream(1);
+    EXPECT_EQ(-1, SendNetSocket(stream.get(), buffer, 1, &to, 9, 1));
+    EXPECT_EQ(-1, ReceiveNetSocket(stream.get(), buffer, 16, &from, &port, 1));
+    EXPECT_EQ(NET_STATE_CLOSED, stream->state);
+}
+
+TEST_F(NetSocketTest, SendOpensAFreshOrClosedSocketOnAnEphemeralPort) {
+    ScopedNetSocket receiver;
+    ASSERT_EQ(0, OpenNetSocket(receiver.get(), 0, SERVER_LIMIT));
+    ASSERT_EQ(NET_STATE_BOUND, receiver->state);
+    ASSERT_NE(0, receiver->localPort);
+    EXPECT_EQ(SERVER_LIMIT, receiver->peerLimit);
+
+    ScopedNetSocket sender;
+    const uint32_t to = Loopback(1);
+    const char first[] = "first";
+    ASSERT_EQ(static_cast<int32_t>(sizeof(first)), SendNetSocket(sender.get(), first, sizeof(first), &to,
+                                                                 receiver->localPort, CLIENT_LIMIT));
+    EXPECT_EQ(NET_STATE_BOUND, sender->state);
+    EXPECT_NE(0, sender->localPort);
+    EXPECT_EQ(CLIENT_LIMIT, sender->peerLimit);
+    EXPECT_EQ(to, sender->address.address);  // the destination of the last send
+    EXPECT_EQ(receiver->localPort, HostPort(sender->address.port));
+
+    Received got = ReceiveWithin(receiver.get(), SERVER_LIMIT);
+    ASSERT_EQ(static_cast<int32_t>(sizeof(first)), got.result);
+    EXPECT_STREQ(first, reinterpret_cast<const char*>(got.buffer));
+    EXPECT_EQ(to, got.address);
+    EXPECT_EQ(sender->localPort, got.port);
+
+    EXPECT_EQ(0, CloseNetSocket(sender.get()));
+    EXPECT_EQ(NET_STATE_CLOSED, sender->state);
+    EXPECT_EQ(NET_INVALID_HANDLE, sender->handle);
+    EXPECT_EQ(0, sender->localPort);
+    EXPECT_EQ(0u, sender->address.address);
+    EXPECT_EQ(CLIENT_LIMIT, sender->peerLimit);  // kept for the reopen
+
+    const char second[] = "second";
+    ASSERT_EQ(static_cast<int32_t>(sizeof(second)), SendNetSocket(sender.get(), second, sizeof(second), &to,
+                                                                  receiver->localPort, CLIENT_LIMIT));
+    EXPECT_EQ(NET_STATE_BOUND, sender->state);
+    got = ReceiveWithin(receiver.get(), SERVER_LIMIT);
+    ASSERT_EQ(static_cast<int32_t>(sizeof(second)), got.result);
+    EXPECT_EQ(sender->localPort, got.port);
+}
+
+TEST_F(NetSocketTest, ReceiveOnAFreshSocketBindsItsStoredPortFirst) {
+    uint16_t freePort = 0;
+    {
+        ScopedNetSocket probe;
+        ASSERT_EQ(0, OpenNetSocket(probe.get(), 0, 1));
+        freePort = probe->localPort;
+    }
+    ScopedNetSocket receiver;
+    receiver->localPort = freePort;  // a fresh socket keeps 0 here; any stored port is bound
+    Received got;
+    std::atomic<bool> done{false};
+    std::thread waiting([&] {
+        got.result = ReceiveNetSocket(receiver.get(), got.buffer, sizeof(got.buffer), &got.address, &got.port, 1);
+        done = true;
+    });
+
+    // Datagrams sent before the bind are lost, so keep sending until the receive returns.
+    Sender sender(Loopback(1));
+    const char text[] = "bound";
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!done && std::chrono::steady_clock::now() < deadline) {
+        sender.SendTo(freePort, text, sizeof(text));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    waiting.join();
+    ASSERT_EQ(static_cast<int32_t>(sizeof(text)), got.result);
+    EXPECT_EQ(NET_STATE_BOUND, receiver->state);
+    EXPECT_EQ(freePort, receiver->localPort);
+    EXPECT_EQ(sender.port(), got.port);
+    EXPECT_EQ(1u, CountPeers(receiver.get()));  // the first receive made the peer table
+}
+
+TEST_F(NetSocketTest, CloseThenDestroyLeavesALaterSocketsHandleAlone) {
+    ScopedNetSocket receiver;
+    ASSERT_EQ(0, OpenNetSocket(receiver.get(), 0, SERVER_LIMIT));
+    const uint32_t to = Loopback(1);
+    const char text[] = "x";
+
+    NetSocket early;
+    ASSERT_EQ(0, CreateNetSocket(&early, NET_SOCKET_DATAGRAM));
+    ASSERT_EQ(2, SendNetSocket(&early, text, 2, &to, receiver->localPort, 1));
+    EXPECT_EQ(0, CloseNetSocket(&early));
+
+    // The platform hands the freed handle to the next socket; a second close of it by destroy
+    // would take that socket away.
+    ScopedNetSocket later;
+    ASSERT_EQ(2, SendNetSocket(later.get(), text, 2, &to, receiver->localPort, 1));
+    EXPECT_EQ(0, DestroyNetSocket(&early));
+    EXPECT_EQ(0, WaitNetSocketReadable(later.get(), 0));
+    EXPECT_EQ(2, SendNetSocket(later.get(), text, 2, &to, receiver->localPort, 1));
+    EXPECT_EQ(NET_STATE_BOUND, later->state);
+    for (int datagram = 0; datagram < 3; ++datagram) {
+        EXPECT_EQ(2, ReceiveWithin(receiver.get(), SERVER_LIMIT).result) << "datagram " << datagram;
+    }
+}
+
+TEST_F(NetSocketTest, OpenOnABusyPortReportsThePlatformError) {
+    ScopedNetSocket socket;
+    Sender holder(0);  // bound to every interface, without address reuse
+    ASSERT_TRUE(holder.ok());
+    const int32_t result = OpenNetSocket(socket.get(), holder.port(), 1);
+    if (result == 0) {
+        GTEST_SKIP() << "this platform lets an address-reusing socket share a port held without reuse";
+    }
+    EXPECT_NE(1, result);  // a platform code, not the null-object status
+    EXPECT_EQ(NET_STATE_FAILED, socket->state);
+    EXPECT_EQ(0, CloseNetSocket(socket.get()));
+    EXPECT_EQ(NET_STATE_CLOSED, socket->state);
+}
+
+// The table of a limit-1 socket filled by another peer: a real datagram is dropped (0, first 8
+// bytes zero, the rest as received) until a sweep has aged that peer out.
+TEST_F(NetSocketTest, FullPeerTableDropsADatagramUntilTheSweepFreesIt) {
+    ScopedNetSocket client;
+    ASSERT_EQ(0, OpenNetSocket(client.get(), 0, CLIENT_LIMIT));
+    RegisterPeerSocket(client.get());
+    const int64_t now = ReadWallClock(nullptr);
+    ASSERT_EQ(1, AdmitPeerAt(client.get(), Loopback(99), now));
+
+    Sender server(Loopback(1));
+    ASSERT_TRUE(server.ok());
+    const char answer[] = "0123456789AB";
+    ASSERT_TRUE(server.SendTo(client->localPort, answer, 12));
+    Received got = ReceiveWithin(client.get(), CLIENT_LIMIT);
+    ASSERT_EQ(0, got.result);
+    for (int index = 0; index < 8; ++index) {
+        EXPECT_EQ(0, got.buffer[index]) << index;
+    }
+    EXPECT_EQ(0, memcmp(got.buffer + 8, "89AB", 4));
+    EXPECT_EQ(FILL, got.buffer[12]);
+    EXPECT_EQ(0u, got.address);  // outputs untouched on a drop
+    EXPECT_EQ(NET_STATE_BOUND, client->state);
+
+    SweepPeerRegistry(now + PEER_KEEP_SECONDS + 2);
+    ASSERT_TRUE(server.SendTo(client->localPort, answer, 12));
+    got = ReceiveWithin(client.get(), CLIENT_LIMIT);
+    EXPECT_EQ(12, got.result);
+    EXPECT_EQ(Loopback(1), got.address);
+    EXPECT_EQ(server.port(), got.port);
+}
+
+TEST_F(NetSocketTest, BlockedSenderIsDroppedForTheSocketsOwnPortOnly) {
+    ScopedNetSocket blocking;
+    ScopedNetSocket other;
+    ASSERT_EQ(0, OpenNetSocket(blocking.get(), 0, SERVER_LIMIT));
+    ASSERT_EQ(0, OpenNetSocket(other.get(), 0, SERVER_LIMIT));
+    BlockPeer(Loopback(1), blocking->localPort);
+
+    Sender sender(Loopback(1));
+    ASSERT_TRUE(sender.ok());
+    const char text[] = "hello";
+    ASSERT_TRUE(sender.SendTo(blocking->localPort, text, sizeof(text)));
+    ASSERT_TRUE(sender.SendTo(other->localPort, text, sizeof(text)));
+    EXPECT_EQ(0, ReceiveWithin(blocking.get(), SERVER_LIMIT).result);
+    EXPECT_EQ(static_cast<int32_t>(sizeof(text)), ReceiveWithin(other.get(), SERVER_LIMIT).result);
+    EXPECT_EQ(0u, CountPeers(blocking.get()));  // a blocked sender never reaches admission
+
+    SweepPeerRegistry(ReadWallClock(nullptr) + BLOCKED_KEEP_SECONDS + 2);
+    ASSERT_TRUE(sender.SendTo(blocking->localPort, text, sizeof(text)));
+    EXPECT_EQ(static_cast<int32_t>(sizeof(text)), ReceiveWithin(blocking.get(), SERVER_LIMIT).result);
+}
+
+TEST_F(NetSocketTest, ClientAdmitsOneServerAtATime) {
+    ScopedNetSocket client;
+    ASSERT_EQ(0, OpenNetSocket(client.get(), 0, CLIENT_LIMIT));
+    if (!LoopbackSourcesAreDistinct(client->localPort, client.get(), CLIENT_LIMIT)) {
+        GTEST_SKIP() << "datagrams from 127.0.0.2 and up arrive as 127.0.0.1 here";
+    }
+    SweepPeerRegistry(ReadWallClock(nullptr) + PEER_KEEP_SECONDS + 2);  // forget the probe
+
+    Sender a(Loopback(2));
+    Sender b(Loopback(3));
+    ASSERT_TRUE(a.ok() && b.ok());
+    const char text[] = "time";
+    ASSERT_TRUE(a.SendTo(client->localPort, text, sizeof(text)));
+    Received got = ReceiveWithin(client.get(), CLIENT_LIMIT);
+    EXPECT_EQ(static_cast<int32_t>(sizeof(text)), got.result);
+    EXPECT_EQ(Loopback(2), got.address);
+
+    ASSERT_TRUE(b.SendTo(client->localPort, text, sizeof(text)));
+    EXPECT_EQ(0, ReceiveWithin(client.get(), CLIENT_LIMIT).result);
+    ASSERT_TRUE(a.SendTo(client->localPort, text, sizeof(text)));
+    EXPECT_EQ(Loopback(2), ReceiveWithin(client.get(), CLIENT_LIMIT).address);
+
+    SweepPeerRegistry(ReadWallClock(nullptr) + PEER_KEEP_SECONDS + 2);
+    ASSERT_TRUE(b.SendTo(client->localPort, text, sizeof(text)));
+    got = ReceiveWithin(client.get(), CLIENT_LIMIT);
+    EXPECT_EQ(static_cast<int32_t>(sizeof(text)), got.result);
+    EXPECT_EQ(Loopback(3), got.address);
+}
+
+TEST_F(NetSocketTest, ServerServes201ClientsAndDropsThe202nd) {
+    ScopedNetSocket server;
+    ASSERT_EQ(0, OpenNetSocket(server.get(), 0, SERVER_LIMIT));
+    if (!LoopbackSourcesAreDistinct(server->localPort, server.get(), SERVER_LIMIT)) {
+        GTEST_SKIP() << "datagrams from 127.0.0.2 and up arrive as 127.0.0.1 here";
+    }
+    SweepPeerRegistry(ReadWallClock(nullptr) + PEER_KEEP_SECONDS + 2);  // forget the probe
+
+    const int clients = static_cast<int>(SERVER_LIMIT) + 1;
+    std::vector<std::unique_ptr<Sender>> senders;
+    for (int index = 0; index < clients; ++index) {
+        senders.emplace_back(new Sender(Loopback(static_cast<uint8_t>(2 + index))));
+        ASSERT_TRUE(senders.back()->ok()) << index;
+    }
+    const char request[] = "request";
+    for (int round = 0; round < 2; ++round) {
+        for (int index = 0; index < clients; ++index) {
+            ASSERT_TRUE(senders[index]->SendTo(server->localPort, request, sizeof(request)));
+            const Received got = ReceiveWithin(server.get(), SERVER_LIMIT);
+            if (index < clients - 1) {
+                ASSERT_EQ(static_cast<int32_t>(sizeof(request)), got.result) << "round " << round << " client " << index;
+                ASSERT_EQ(Loopback(static_cast<uint8_t>(2 + index)), got.address);
+            } else {
+                EXPECT_EQ(0, got.result) << "round " << round;
+            }
+        }
+    }
+    EXPECT_EQ(SERVER_LIMIT, CountPeers(server.get()));
+}
+
+// Real time: the thread comes with the first create and goes with the last destroy.
+TEST_F(NetSocketTest, CreateAndDestroyPairStartAndStopTheLibrary) {
+    for (int cycle = 0; cycle < 2; ++cycle) {
+        NetSocket first;
+        NetSocket second;
+        ASSERT_EQ(0, CreateNetSocket(&first, NET_SOCKET_DATAGRAM));
+        ASSERT_EQ(0, CreateNetSocket(&second, NET_SOCKET_DATAGRAM));
+        EXPECT_EQ(2u, NetLibraryUsers());
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (PeerThreadRunning() == 0 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        EXPECT_EQ(1, PeerThreadRunning()) << "cycle " << cycle;
+
+        ASSERT_EQ(0, OpenNetSocket(&second, 0, SERVER_LIMIT));
+        RegisterPeerSocket(&second);
+        EXPECT_EQ(0, DestroyNetSocket(&first));
+        EXPECT_EQ(1u, NetLibraryUsers());
+        EXPECT_EQ(1, PeerThreadRunning());
+
+        const auto started = std::chrono::steady_clock::now();
+        EXPECT_EQ(0, DestroyNetSocket(&second));
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1500));  // one sleep at most
+        EXPECT_EQ(0u, NetLibraryUsers());
+        EXPECT_EQ(0, PeerThreadRunning());
+        EXPECT_EQ(0u, CountPeerSockets());
+        EXPECT_EQ(nullptr, second.peers);
+    }
+}
