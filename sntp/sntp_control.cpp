@@ -25,12 +25,6 @@ const char SETTING_FILE[] = "Vantor.dat";
 const uint32_t DIRECTORY_COPY_LIMIT = 512;
 const uint32_t STOP_GRACE_MS = 1200;  // covers a one-second sleep and a 500 ms wait step
 
-#ifdef _WIN32
-const char PATH_SEPARATOR = '\\';
-#else
-const char PATH_SEPARATOR = '/';
-#endif
-
 void InitialiseOnce() {
     if (sntpInitialised != 0) {
         return;
@@ -41,18 +35,23 @@ void InitialiseOnce() {
     CreateTroubleQueue();
 }
 
-// <directory>\Vantor.dat, bounded to a path buffer.
+// <directory>\Vantor.dat, bounded to a path buffer. The installation's paths are Windows
+// paths; off Windows the same path names the file with slashes.
 void MakeSettingPath(const char* directory, char* path) {
     char copy[DIRECTORY_COPY_LIMIT + 1];
     std::strncpy(copy, directory != nullptr ? directory : "", DIRECTORY_COPY_LIMIT);
     copy[DIRECTORY_COPY_LIMIT] = '\0';
     std::strncpy(path, copy, PATH_CAPACITY);
     path[PATH_CAPACITY - 1] = '\0';
-    size_t length = std::strlen(path);
-    const char separator[2] = {PATH_SEPARATOR, '\0'};
-    std::strncat(path, separator, PATH_CAPACITY - 1 - length);
-    length = std::strlen(path);
-    std::strncat(path, SETTING_FILE, PATH_CAPACITY - 1 - length);
+    std::strncat(path, "\\", PATH_CAPACITY - 1 - std::strlen(path));
+    std::strncat(path, SETTING_FILE, PATH_CAPACITY - 1 - std::strlen(path));
+#ifndef _WIN32
+    for (char* at = path; *at != '\0'; ++at) {
+        if (*at == '\\') {
+            *at = '/';
+        }
+    }
+#endif
 }
 }  // namespace
 

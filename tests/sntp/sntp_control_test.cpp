@@ -1,1 +1,294 @@
-// (to be written)
+// The SNTP controller: the role implied by SNTP_IP, the setting file read and written through
+// the configuration store, and whole starts, restarts and stops of the time thread, in virtual
+// time scaled down so that the one-second steps of the threads still interleave.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config/directories.h"
+#include "net/ipv4.h"
+#include "sntp/sntp_client.h"
+#include "sntp/sntp_control.h"
+#include "sntp/sntp_server.h"
+#include "sntp/sntp_troubles.h"
+#include "tests/support/loopback_udp.h"
+#include "tests/support/trouble_recorder.h"
+#include "tests/support/virtual_time.h"
+
+#ifdef _WIN32
+#include <direct.h>
+#include <windows.h>
+#else
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
+namespace {
+const uint16_t TEST_SERVER_PORT = 12323;  // the server role binds this instead of 123
+// Keeps the ratio of the controller's 1200 ms grace to the threads' one-second steps, at a
+// fiftieth of real time.
+const uint32_t REAL_MS_PER_VIRTUAL_SECOND = 20;
+
+std::string TempRoot() {
+#ifdef _WIN32
+    char directory[MAX_PATH];
+    GetTempPathA(MAX_PATH, directory);
+    return std::string(directory) + "norvik-control-" + std::to_string(GetCurrentProcessId());
+#else
+    return "/tmp/norvik-control-" + std::to_string(getpid());
+#endif
+}
+
+void MakeDirectory(const std::string& path) {
+#ifdef _WIN32
+    _mkdir(path.c_str());
+#else
+    mkdir(path.c_str(), 0755);
+#endif
+}
+
+#ifdef _WIN32
+const char SEPARATOR[] = "\\";
+#else
+const char SEPARATOR[] = "/";
+#endif
+
+std::string ReadWhole(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+bool WaitUntil(const std::function<bool()>& condition, int realMs) {
+    for (int waited = 0; waited < realMs; waited += 5) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
+}
+
+// The exchange the client thread makes: answers with a chosen result, counts the calls.
+std::atomic<int32_t> exchangeResult{0};
+std::atomic<int32_t> exchanges{0};
+
+SntpResult ScriptedExchange(const char*, int32_t, NtpTimestamp* time, NtpTimestamp* delay, uint32_t* stratum) {
+    exchanges.fetch_add(1);
+    const int32_t result = exchangeResult.load();
+    if (result == 0) {
+        *time = 3976214400ULL << 32;
+        if (delay != nullptr) {
+            *delay = 0;
+        }
+        if (stratum != nullptr) {
+            *stratum = 2;
+        }
+    }
+    return result;
+}
+
+// 1 when a version-3 request to the test port of 127.0.0.1 is answered.
+bool ServerAnswers() {
+    LoopbackUdp endpoint;
+    if (OpenLoopbackUdp(&endpoint, "127.0.0.1", 0) != 0) {
+        return false;
+    }
+    uint8_t request[48] = {0x1B};
+    SendLoopbackUdp(&endpoint, request, sizeof request, LoopbackAddress("127.0.0.1"), TEST_SERVER_PORT);
+    uint8_t answer[64];
+    const int32_t length = ReceiveLoopbackUdp(&endpoint, answer, sizeof answer, 500, nullptr, nullptr);
+    CloseLoopbackUdp(&endpoint);
+    return length == 48 && answer[0] == 0x1C;
+}
+
+class SntpController : public testing::Test {
+protected:
+    void SetUp() override {
+        root_ = TempRoot();
+        MakeDirectory(root_);
+        MakeDirectory(root_ + SEPARATOR + "Data");
+        MakeDirectory(root_ + SEPARATOR + "Data" + SEPARATOR + "System");
+        settingPath_ = root_ + SEPARATOR + "Data" + SEPARATOR + "System" + SEPARATOR + "Vantor.dat";
+        std::remove(settingPath_.c_str());
+        OverrideInstallRoot(root_.c_str());
+        InstallVirtualTime();
+        // A virtual second costs a few real milliseconds, so that threads still take turns.
+        SetSleepHook([this](uint32_t ms) {
+            {
+                std::lock_guard<std::mutex> hold(sleepsMutex_);
+                if (std::this_thread::get_id() == testThread_) {
+                    testThreadSleeps_.push_back(ms);
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(ms * REAL_MS_PER_VIRTUAL_SECOND / 1000));
+        });
+        sntpServerPort = TEST_SERVER_PORT;
+        exchangeResult = 0;
+        exchanges = 0;
+        SetSntpExchanger(ScriptedExchange);
+        StartTroubleRecorder();
+    }
+
+    void TearDown() override {
+        StopSntp();
+        EXPECT_TRUE(WaitUntil([] { return clientRunning.load() == 0; }, 5000));
+        EXPECT_TRUE(WaitUntil(PortIsFree, 5000));  // the server thread has let port go
+        StopTroubleRecorder();
+        SetSntpExchanger(nullptr);
+        sntpServerPort = SNTP_PORT;
+        RemoveVirtualTime();
+        OverrideInstallRoot(nullptr);
+        std::remove(settingPath_.c_str());
+    }
+
+    static bool PortIsFree() {
+        // A wildcard server on the port would not stop this bind (SO_REUSEADDR), but it would
+        // still answer; a free port stays silent.
+        return !ServerAnswers();
+    }
+
+    void WriteSetting(const char* text) {
+        std::ofstream file(settingPath_, std::ios::binary | std::ios::trunc);
+        file << "# platform settings\n" << text << "\n";
+    }
+
+    std::string DataDirectory() {
+        char directory[PATH_CAPACITY];
+        GetDataDirectory(directory, PATH_CAPACITY);
+        return directory;
+    }
+
+    std::vector<uint32_t> TakeTestThreadSleeps() {
+        std::lock_guard<std::mutex> hold(sleepsMutex_);
+        std::vector<uint32_t> sleeps;
+        sleeps.swap(testThreadSleeps_);
+        return sleeps;
+    }
+
+    std::string root_;
+    std::string settingPath_;
+    std::thread::id testThread_ = std::this_thread::get_id();
+    std::mutex sleepsMutex_;
+    std::vector<uint32_t> testThreadSleeps_;
+};
+
+std::vector<SeenTrouble> Clears(int32_t from, int32_t to) {
+    std::vector<SeenTrouble> clears;
+    for (int32_t code = from; code <= to; ++code) {
+        clears.push_back({code, TROUBLE_CLEARED});
+    }
+    return clears;
+}
+}  // namespace
+
+TEST_F(SntpController, RoleFollowsTheSetting) {
+    EXPECT_EQ(1, ChooseServerRole(""));
+    EXPECT_EQ(1, ChooseServerRole("0.0.0.0"));
+    EXPECT_EQ(1, ChooseServerRole("127.0.0.1"));
+    EXPECT_EQ(0, ChooseServerRole("127.0.0.2"));  // loopback, but not this host's address
+    EXPECT_EQ(0, ChooseServerRole("no-such-host.invalid"));  // a name: client, resolved later
+    EXPECT_EQ(0, ChooseServerRole("255.255.255.255"));  // refused as an address, so a name
+
+    uint32_t own = 0;
+    if (GetLocalAddress(&own) == 0 && IsLocalAddress(&own) != 0) {
+        char text[32];
+        const uint8_t* octets = reinterpret_cast<const uint8_t*>(&own);
+        std::snprintf(text, sizeof text, "%u.%u.%u.%u", octets[0], octets[1], octets[2], octets[3]);
+        EXPECT_EQ(1, ChooseServerRole(text)) << text;
+    }
+}
+
+TEST_F(SntpController, SettingIsReadAndWrittenInTheDataDirectory) {
+    char value[SNTP_SETTING_SIZE] = "stale";
+    EXPECT_EQ(0, ReadSntpIp(value, DataDirectory().c_str()));
+    EXPECT_STREQ("", value);  // no file: the empty setting
+
+    WriteSetting("OTHER_KEY 5");
+    EXPECT_EQ(0, ReadSntpIp(value, DataDirectory().c_str()));
+    EXPECT_STREQ("", value);  // no key: the empty setting
+
+    EXPECT_EQ(0, WriteSntpIp("127.0.0.2", DataDirectory().c_str()));
+    EXPECT_EQ(0, ReadSntpIp(value, DataDirectory().c_str()));
+    EXPECT_STREQ("127.0.0.2", value);
+    EXPECT_EQ("# platform settings\nOTHER_KEY 5\nSNTP_IP 127.0.0.2\n", ReadWhole(settingPath_));
+
+    WriteSetting("sntp_ip   time.plant.invalid   # the plant's server");
+    EXPECT_EQ(0, ReadSntpIp(value, DataDirectory().c_str()));
+    EXPECT_STREQ("time.plant.invalid", value);
+
+    EXPECT_EQ(1, WriteSntpIp("127.0.0.2", (root_ + SEPARATOR + "missing").c_str()));
+}
+
+TEST_F(SntpController, MissingSettingStartsTheServer) {
+    ASSERT_EQ(0, StartSntp());
+    EXPECT_EQ(1, serverRole.load());
+    EXPECT_TRUE(WaitUntil(ServerAnswers, 5000));
+    EXPECT_EQ(0, exchanges.load());
+}
+
+TEST_F(SntpController, HostNameStartsAClientThatCannotResolveIt) {
+    SetSntpExchanger(nullptr);  // the real exchange: resolution fails before any packet
+    WriteSetting("SNTP_IP no-such-host.invalid");
+    ASSERT_EQ(0, StartSntp());
+    EXPECT_EQ(0, serverRole.load());
+    EXPECT_STREQ("no-such-host.invalid", sntpServerSetting);
+    std::vector<SeenTrouble> seen;
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            for (const SeenTrouble& trouble : TakeTroubles()) {
+                seen.push_back(trouble);
+            }
+            return !seen.empty();
+        },
+        10000));
+    EXPECT_EQ((SeenTrouble{SNTP_CANNOT_RESOLVE, TROUBLE_SET}), seen[0]);
+}
+
+TEST_F(SntpController, RestartClearsTroublesPausesAndChoosesTheRoleAnew) {
+    exchangeResult = SNTP_INCONSISTENT_ADDRESS;
+    WriteSetting("SNTP_IP 127.0.0.2");
+    ASSERT_EQ(0, StartSntp());
+    ASSERT_EQ(0, serverRole.load());
+    ASSERT_TRUE(WaitUntil([] { return (troubleMask.load() & (1u << 6)) != 0; }, 10000));
+    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}}), TakeTroubles());
+
+    WriteSetting("SNTP_IP 0.0.0.0");
+    TakeTestThreadSleeps();
+    ASSERT_EQ(0, RestartSntp());
+    EXPECT_EQ(std::vector<uint32_t>{1200}, TakeTestThreadSleeps());
+    EXPECT_EQ(Clears(1, 6), TakeTroubles());  // every code up to the highest active one
+    EXPECT_EQ(0u, troubleMask.load());
+    EXPECT_EQ(1, serverRole.load());
+    EXPECT_TRUE(WaitUntil([] { return clientRunning.load() == 0; }, 5000));
+    EXPECT_TRUE(WaitUntil(ServerAnswers, 5000));
+}
+
+TEST_F(SntpController, StopEndsTheClientAndItsClearsAreStillQueued) {
+    exchangeResult = SNTP_NOT_SYNCHRONISED;
+    WriteSetting("SNTP_IP 127.0.0.2");
+    ASSERT_EQ(0, StartSntp());
+    ASSERT_TRUE(WaitUntil([] { return clientRunning.load() == 1 && troubleMask.load() != 0; }, 10000));
+    TakeTroubles();
+    TakeTestThreadSleeps();
+    ASSERT_EQ(0, StopSntp());
+    EXPECT_EQ(std::vector<uint32_t>{1200}, TakeTestThreadSleeps());
+    EXPECT_TRUE(WaitUntil([] { return clientRunning.load() == 0; }, 5000));
+    EXPECT_EQ(Clears(1, 3), TakeTroubles());
+    // A failure seen by the ending thread is not raised: the stop silences it.
+    const int32_t before = exchanges.load();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(before, exchanges.load());
+    EXPECT_EQ(0u, troubleMask.load());
+}
