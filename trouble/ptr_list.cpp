@@ -150,6 +150,9 @@ int32_t RemovePtrListItem(PtrList* list, const void* item) {
 }
 
 void OpenPtrListCursor(PtrList* list, PtrListCursor* cursor) {
+    if (cursor == nullptr) {
+        return;
+    }
     cursor->list = list;
     cursor->current = list != nullptr ? list->head : nullptr;
     cursor->advanced = 0;
@@ -159,6 +162,9 @@ void OpenPtrListCursor(PtrList* list, PtrListCursor* cursor) {
 }
 
 void* NextPtrListItem(PtrListCursor* cursor) {
+    if (cursor == nullptr) {
+        return nullptr;
+    }
     PtrListNode* node = cursor->current;
     if (node == nullptr) {
         return nullptr;
@@ -169,6 +175,9 @@ void* NextPtrListItem(PtrListCursor* cursor) {
 }
 
 void ClosePtrListCursor(PtrListCursor* cursor) {
+    if (cursor == nullptr) {
+        return;
+    }
     PtrList* list = cursor->list;
     if (list == nullptr) {
         return;
