@@ -30,6 +30,8 @@ int32_t TroubleSinkInstalled();
 // Allocates a record filled with bounded copies of source and text (the last unit forced to
 // NUL); null when it cannot be allocated.
 TroubleRecord* NewTroubleRecord(const char16_t* source, const char16_t* text, uint32_t code, uint32_t state);
+// Frees a record that QueueTrouble refused; queued records are freed by the drain.
+void FreeTroubleRecord(TroubleRecord* record);
 // Appends the record under troubleLock. 0, or 1 when it could not be queued (no queue, or no
 // node): the record then stays the caller's.
 int32_t QueueTrouble(TroubleRecord* record);
