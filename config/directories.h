@@ -15,4 +15,17 @@ int32_t GetDataDirectory(char* destination, uint32_t capacity);
 
 // The rule, as a pure function of the module path: cut at the first backslash at or after
 // index 3, keep the low byte of each unit, '|' becomes '!', at most 259 characters and a NUL.
+// root must hold PATH_CAPACITY bytes; a null modulePath gives the empty root.
 void ComputeInstallRoot(const char16_t* modulePath, char* root);
+
+// Replaces the cached root with root (bounded, NUL-terminated), as a test or a host that knows
+// its installation does; null forgets it, so the next GetInstallRoot computes it again.
+void OverrideInstallRoot(const char* root);
+
+// The module whose path gives the root. Null (the service never sets it) names the running
+// executable; a host that loads this code as a library would set its own module handle.
+extern void* moduleHandle;
+
+// The platform half: the path of moduleHandle's file (GetModuleFileNameW; /proc/self/exe on
+// POSIX, one unit per byte), at most capacity-1 units and a NUL; empty when it cannot be read.
+void ReadModulePath(char16_t* path, uint32_t capacity);
