@@ -1,1 +1,147 @@
-// (to be written)
+// SNTP troubles: the records that raising and clearing queue, the whole-mask rule of the
+// clears, the silence during a stop, and the texts of the result codes.
+#include "sntp/sntp_troubles.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "trouble/trouble_queue.h"
+
+namespace {
+struct Report {
+    std::u16string source;
+    uint32_t code;
+    uint32_t state;
+    std::u16string text;
+};
+
+std::vector<Report> reports;
+
+void RecordReport(const char16_t* source, uint32_t, uint32_t code, uint32_t state, const char16_t* text) {
+    reports.push_back({source, code, state, text});
+}
+
+// Everything queued since the last call.
+std::vector<Report> Drained() {
+    reports.clear();
+    DrainTroubles();
+    return reports;
+}
+
+std::u16string TextOf(SntpResult code) {
+    return SntpTroubleTable[code].defaultText;
+}
+
+class SntpTroublesTest : public testing::Test {
+protected:
+    void SetUp() override {
+        CreateTroubleQueue();
+        SetReportCallback(RecordReport);
+        troubleMask = 0;
+        stopRequested = 0;
+        Drained();
+    }
+    void TearDown() override {
+        SetReportCallback(nullptr);
+        DrainTroubles();
+        troubleMask = 0;
+        stopRequested = 0;
+    }
+};
+}  // namespace
+
+TEST_F(SntpTroublesTest, ClearAllSendsClearsUpToTheHighestActiveCodeOnly) {
+    SetSntpTrouble(SNTP_NOT_SYNCHRONISED);
+    SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
+    EXPECT_EQ(troubleMask.load(), (1u << 3) | (1u << 6));
+    std::vector<Report> raised = Drained();
+    ASSERT_EQ(raised.size(), 2u);
+    EXPECT_EQ(raised[0].source, u"SNTP");
+    EXPECT_EQ(raised[0].code, 7u);  // every SNTP trouble travels as code 7
+    EXPECT_EQ(raised[0].state, TROUBLE_SET);
+    EXPECT_EQ(raised[0].text, TextOf(3));
+    EXPECT_EQ(raised[1].text, TextOf(6));
+
+    ClearAllSntpTroubles();
+    EXPECT_EQ(troubleMask.load(), 0u);
+    std::vector<Report> cleared = Drained();
+    ASSERT_EQ(cleared.size(), 6u);
+    for (SntpResult code = 1; code <= 6; ++code) {
+        EXPECT_EQ(cleared[code - 1].text, TextOf(code)) << "code " << code;
+        EXPECT_EQ(cleared[code - 1].state, TROUBLE_CLEARED);
+        EXPECT_EQ(cleared[code - 1].code, 7u);
+    }
+}
+
+TEST_F(SntpTroublesTest, ClearsGoOutOnlyWhileSomeTroubleIsActive) {
+    ClearSntpTrouble(SNTP_NO_RESPONSE);
+    ClearAllSntpTroubles();
+    EXPECT_TRUE(Drained().empty());
+
+    // Trouble 5 is active, so a clear of the never-raised trouble 2 is still reported.
+    SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
+    Drained();
+    ClearSntpTrouble(SNTP_NO_RESPONSE);
+    ClearSntpTrouble(SNTP_NO_RESPONSE);
+    std::vector<Report> cleared = Drained();
+    ASSERT_EQ(cleared.size(), 2u);
+    EXPECT_EQ(cleared[1].text, TextOf(SNTP_NO_RESPONSE));
+    EXPECT_EQ(troubleMask.load(), 1u << 5);
+
+    ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
+    EXPECT_EQ(Drained().size(), 1u);
+    ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
+    EXPECT_TRUE(Drained().empty());
+}
+
+TEST_F(SntpTroublesTest, EveryRaiseIsReportedAgain) {
+    SetSntpTrouble(SNTP_NO_RESPONSE);
+    SetSntpTrouble(SNTP_NO_RESPONSE);
+    EXPECT_EQ(Drained().size(), 2u);
+}
+
+TEST_F(SntpTroublesTest, AStopSilencesRaisesButNotClears) {
+    SetSntpTrouble(SNTP_CANNOT_RESOLVE);
+    Drained();
+    stopRequested = 1;
+    SetSntpTrouble(SNTP_SOCKET_ERROR);
+    EXPECT_TRUE(Drained().empty());
+    EXPECT_EQ(troubleMask.load(), 1u << 10);
+
+    ClearSntpTrouble(SNTP_CANNOT_RESOLVE);
+    std::vector<Report> cleared = Drained();
+    ASSERT_EQ(cleared.size(), 1u);
+    EXPECT_EQ(cleared[0].text, TextOf(SNTP_CANNOT_RESOLVE));
+    EXPECT_EQ(troubleMask.load(), 0u);
+}
+
+TEST_F(SntpTroublesTest, WithoutASinkNothingIsQueuedButTheMaskStillCounts) {
+    SetReportCallback(nullptr);
+    SetSntpTrouble(SNTP_SERVER_NOT_STARTED);
+    EXPECT_EQ(troubleMask.load(), 1u << 8);
+    SetReportCallback(RecordReport);
+    EXPECT_TRUE(Drained().empty());
+}
+
+TEST_F(SntpTroublesTest, CodesWithoutAMessageIdAndOutsideTheTableStillGetATextAndCode7) {
+    SetSntpTrouble(SNTP_CLIENT_NOT_STARTED);
+    SetSntpTrouble(40);
+    std::vector<Report> raised = Drained();
+    ASSERT_EQ(raised.size(), 2u);
+    EXPECT_EQ(raised[0].text, u"Local SNTP Client not started");
+    EXPECT_EQ(raised[1].text, u"Unknown Error");
+    EXPECT_EQ(raised[1].code, 7u);
+    // The bit index is taken modulo 32.
+    EXPECT_EQ(troubleMask.load(), (1u << 9) | (1u << 8));
+}
+
+TEST(SntpResultText, NamesSuccessFailuresAndUnknownCodes) {
+    EXPECT_EQ(std::u16string(SntpResultText(SNTP_OK)), u"Ok");
+    EXPECT_EQ(std::u16string(SntpResultText(-4)), u"Ok");
+    EXPECT_EQ(std::u16string(SntpResultText(11)), u"Unknown Error");
+    EXPECT_EQ(std::u16string(SntpResultText(SNTP_NO_RESPONSE)),
+              u"The time server did not respond.  Contact your network administrator.");
+    EXPECT_EQ(std::u16string(SntpResultText(SNTP_CANNOT_RESOLVE)), u"Local SNTP Client: Cannot resolve host name");
+}
