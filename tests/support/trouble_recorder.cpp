@@ -1,0 +1,53 @@
+// The recording trouble sink of the tests.
+#include "tests/support/trouble_recorder.h"
+
+#include <mutex>
+#include <string>
+
+#include "sntp/sntp_troubles.h"
+#include "trouble/trouble_queue.h"
+
+namespace {
+std::mutex seenMutex;
+std::vector<SeenTrouble> seen;
+
+int32_t CodeOfText(const char16_t* text) {
+    for (int32_t code = SNTP_SOCKET_ERROR; code < SNTP_RESULT_COUNT; ++code) {
+        if (std::u16string(text) == SntpTroubleTable[code].defaultText) {
+            return code;
+        }
+    }
+    return -1;
+}
+
+void RecordTrouble(const char16_t*, uint32_t, uint32_t, uint32_t state, const char16_t* text) {
+    std::lock_guard<std::mutex> hold(seenMutex);
+    seen.push_back(SeenTrouble{CodeOfText(text), state});
+}
+}  // namespace
+
+void StartTroubleRecorder() {
+    CreateTroubleQueue();
+    SetReportCallback(nullptr);
+    DrainTroubles();  // without a sink: discarded
+    troubleMask = 0;
+    {
+        std::lock_guard<std::mutex> hold(seenMutex);
+        seen.clear();
+    }
+    SetReportCallback(RecordTrouble);
+}
+
+void StopTroubleRecorder() {
+    SetReportCallback(nullptr);
+    DrainTroubles();
+    troubleMask = 0;
+}
+
+std::vector<SeenTrouble> TakeTroubles() {
+    DrainTroubles();
+    std::lock_guard<std::mutex> hold(seenMutex);
+    std::vector<SeenTrouble> taken;
+    taken.swap(seen);
+    return taken;
+}
