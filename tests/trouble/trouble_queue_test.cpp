@@ -110,20 +110,6 @@ TEST_F(TroubleQueueTest, RecordsDrainedWithoutASinkAreDiscarded) {
     EXPECT_EQ(QueueTrouble(nullptr), 1);
 }
 
-TEST(TroubleText, BoundedCopiesAlwaysEndInNul) {
-    char16_t buffer[4] = {u'x', u'x', u'x', u'x'};
-    CopyText16(buffer, u"abcdef", 4);
-    EXPECT_EQ(std::u16string(buffer), u"abc");
-    CopyText16(buffer, nullptr, 4);
-    EXPECT_EQ(buffer[0], u'\0');
-    buffer[0] = u'x';
-    CopyText16(buffer, u"abc", 1);
-    EXPECT_EQ(buffer[0], u'\0');
-    buffer[0] = u'x';
-    CopyText16(buffer, u"abc", 0);  // no room, nothing written
-    EXPECT_EQ(buffer[0], u'x');
-}
-
 TEST_F(TroubleQueueTest, ProducersPushingWhileTheSinkRunsLoseAndDuplicateNothing) {
     const uint32_t PRODUCERS = 4;
     const uint32_t RECORDS_EACH = 400;
