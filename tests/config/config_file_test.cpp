@@ -195,8 +195,9 @@ TEST_F(ConfigFileTest, SaveKeepsLayoutAndMergesChanges) {
         OpenStore store(path);
         SetConfigString(&store.file, "beta", "new \"v\"");
         SetConfigString(&store.file, "gamma", nullptr);  // every gamma line goes
-        SetConfigString(&store.file, "zeta", "z");
+        SetConfigString(&store.file, "zeta", "z\tz");
         SetConfigString(&store.file, "mid", "#m");  // not quoted, so a reload drops it
+        SetConfigString(&store.file, "delta", "");  // set, so rewritten though not different
         ASSERT_EQ(SaveConfigFile(&store.file, nullptr), 0);
     }
     const std::string saved =
@@ -204,9 +205,9 @@ TEST_F(ConfigFileTest, SaveKeepsLayoutAndMergesChanges) {
         "alpha 1   # first\n"
         "BETA \"new \"\"v\"\"\"  trailing words\n"
         "  # indented\n"
-        "delta\n"
+        "DELTA \n"
         "MID #m\n"
-        "ZETA z\n";
+        "ZETA \"z\tz\"\n";
     EXPECT_EQ(ReadFileText(path), saved);
 
     OpenStore reloaded(path);
@@ -423,6 +424,11 @@ TEST(ConfigFileWriterChild, DISABLED_Run) {
     const char* key = getenv(WRITER_KEY_VARIABLE);
     ASSERT_NE(path, nullptr);
     ASSERT_NE(key, nullptr);
+    // Both writers start together, or the first might be done before the second begins.
+    const std::string gate = std::string(path) + ".go";
+    for (uint32_t waited = 0; waited < WRITERS_TIMEOUT_MS && ReadFileText(gate) == "<missing>"; ++waited) {
+        SleepFor(1);
+    }
     for (int round = 1; round <= WRITER_ROUNDS; ++round) {
         ConfigFileLock* holder = LockConfigFile(path);
         ConfigFile file;
@@ -433,7 +439,9 @@ TEST(ConfigFileWriterChild, DISABLED_Run) {
         SetConfigString(&file, key, std::to_string(round).c_str());
         ASSERT_EQ(SaveConfigFile(&file, nullptr), 0);
         CloseConfigFile(&file);
+        size_t size = ReadFileText(path).size();  // under the lock: Windows renames no open file
         ReleaseConfigFileLock(holder);
+        ASSERT_LT(size, 1000u);  // a store that grows the file stops here
     }
 }
 
@@ -501,6 +509,7 @@ TEST_F(ConfigFileTest, TwoProcessesSerialiseTheirWrites) {
     Child second;
     ASSERT_TRUE(StartWriter(path, "WRITER_A", &first));
     bool secondStarted = StartWriter(path, "WRITER_B", &second);
+    WriteFileText(path + ".go", "");
     EXPECT_EQ(FinishWriter(first, WRITERS_TIMEOUT_MS), 0);
     ASSERT_TRUE(secondStarted);
     EXPECT_EQ(FinishWriter(second, WRITERS_TIMEOUT_MS), 0);
