@@ -246,7 +246,10 @@ void MergeBackup(ConfigFile* file, FILE* backup, FILE* output) {
         UpperCase(parsed.key);
         ConfigEntry* entry = FindEntry(file, parsed.key);
         if (entry == nullptr) {
-            continue;  // a deleted key disappears with its lines
+            // Not in the store: this is how deleted keys leave the file. It also drops keys
+            // that another process added since the load, so a writer that shares the file
+            // holds LockConfigFile from its load to its save.
+            continue;
         }
         if (entry->modified == 0 && strcmp(entry->value, parsed.value) == 0) {
             fwrite(line, 1, length, output);
