@@ -302,16 +302,30 @@ TEST_F(SntpClientTest, SyncNowReportsTheFirstSilenceWhileTheLadderGoesOn) {
         gatedCall = 2;  // the second attempt of the coming ladder waits for the test
         gateOpen = false;
     }
-    SntpResult result = SNTP_OK;
+    std::atomic<SntpResult> result{SNTP_OK};
     std::thread asker([&] { result = SntpSyncNow(); });
-    RunOnTo(UINT64_MAX);
-    asker.join();
-    EXPECT_EQ(SNTP_NO_RESPONSE, result);
+    // The request must be in place before the held client reads its countdown again: a store
+    // that lands between its read and its write is lost, by design.
+    for (uint32_t waited = 0; syncCountdown.load() != 1 && waited < REAL_PATIENCE_MS; ++waited) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    RunOnTo(100 * SECOND_MS + 86400 * SECOND_MS);
+    bool gated;
     {
         std::unique_lock<std::mutex> hold(fakeMutex);
-        EXPECT_TRUE(fakeChanged.wait_for(hold, std::chrono::milliseconds(REAL_PATIENCE_MS),
-                                         [] { return calls.size() == 3; }));
-        EXPECT_EQ(60000, calls[2].timeoutMs) << "the ladder's second attempt";
+        gated = fakeChanged.wait_for(hold, std::chrono::milliseconds(REAL_PATIENCE_MS), [] { return calls.size() == 3; });
+    }
+    if (!gated) {
+        StopClient();  // ends the client, and with it the waiting request (9)
+        asker.join();
+        FAIL() << "the requested exchange never came";
+    }
+    asker.join();
+    EXPECT_EQ(SNTP_NO_RESPONSE, result.load()) << "answered while the second attempt is still waiting";
+    {
+        std::lock_guard<std::mutex> hold(fakeMutex);
+        EXPECT_EQ(5000, calls[1].timeoutMs);
+        EXPECT_EQ(60000, calls[2].timeoutMs);
         horizonMs = calls[2].atMs + 1;
         gateOpen = true;
         fakeChanged.notify_all();

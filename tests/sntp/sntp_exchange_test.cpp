@@ -1,5 +1,5 @@
 // The client exchange against peers on loopback: the order of the answer checks, every result
-// code from a scripted fake server on 127.0.0.21:123, name resolution, the stop request, and
+// code from a scripted fake server on loopback port 123, name resolution, the stop request, and
 // the time from chrony serving the host's own clock.
 #include <gtest/gtest.h>
 
@@ -16,7 +16,15 @@
 #include "tests/support/fake_sntp_server.h"
 
 namespace {
+#ifdef _WIN32
+// Wine binds a datagram socket given an interface's address to the whole interface instead,
+// so a fake inside this process answers from 127.0.0.1 whatever address it asked for.
+const char FAKE_ADDRESS[] = "127.0.0.1";
+const uint32_t FAKE_SERVER = 0x0100007F;
+#else
 const char FAKE_ADDRESS[] = "127.0.0.21";
+const uint32_t FAKE_SERVER = 0x1500007F;
+#endif
 const char CHRONY_ADDRESS[] = "127.0.0.25";
 const char FAKE_HOST_NAME[] = "time.norvik.test";
 const int32_t ANSWERED_TIMEOUT_MS = 5000;  // answered at once; only a fault would wait this long
@@ -202,7 +210,7 @@ int32_t LookUpFakeName(const char* name, uint32_t* address) {
     if (std::strcmp(name, FAKE_HOST_NAME) != 0) {
         return 11001;  // WSAHOST_NOT_FOUND: no retry
     }
-    *address = SERVER;
+    *address = FAKE_SERVER;
     return 0;
 }
 }  // namespace
