@@ -2,7 +2,7 @@
 // restart of the one time thread. Every stop and restart clears the troubles first.
 #include "sntp/sntp_control.h"
 
-#include <cstring>
+#include <cstddef>
 
 #include "config/config_file.h"
 #include "config/directories.h"
@@ -21,7 +21,6 @@ char sntpServerSetting[SNTP_SETTING_SIZE];
 
 namespace {
 const char SETTING_KEY[] = "SNTP_IP";
-const char SETTING_FILE[] = "Vantor.dat";
 const uint32_t DIRECTORY_COPY_LIMIT = 512;
 const uint32_t STOP_GRACE_MS = 1200;  // covers a one-second sleep and a 500 ms wait step
 
@@ -38,13 +37,17 @@ void InitialiseOnce() {
 // <directory>\Vantor.dat, bounded to a path buffer. The installation's paths are Windows
 // paths; off Windows the same path names the file with slashes.
 void MakeSettingPath(const char* directory, char* path) {
-    char copy[DIRECTORY_COPY_LIMIT + 1];
-    std::strncpy(copy, directory != nullptr ? directory : "", DIRECTORY_COPY_LIMIT);
-    copy[DIRECTORY_COPY_LIMIT] = '\0';
-    std::strncpy(path, copy, PATH_CAPACITY);
-    path[PATH_CAPACITY - 1] = '\0';
-    std::strncat(path, "\\", PATH_CAPACITY - 1 - std::strlen(path));
-    std::strncat(path, SETTING_FILE, PATH_CAPACITY - 1 - std::strlen(path));
+    // Over-long directories are cut, never rejected: the path always ends in a NUL.
+    size_t length = 0;
+    for (const char* at = directory != nullptr ? directory : ""; *at != '\0' && length < DIRECTORY_COPY_LIMIT &&
+                                                                length + 1 < PATH_CAPACITY;
+         ++at) {
+        path[length++] = *at;
+    }
+    for (const char* at = "\\Vantor.dat"; *at != '\0' && length + 1 < PATH_CAPACITY; ++at) {
+        path[length++] = *at;
+    }
+    path[length] = '\0';
 #ifndef _WIN32
     for (char* at = path; *at != '\0'; ++at) {
         if (*at == '\\') {

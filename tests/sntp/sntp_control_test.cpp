@@ -24,6 +24,7 @@
 #include "tests/support/loopback_udp.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"
+#include "trouble/trouble_queue.h"
 
 #ifdef _WIN32
 #include <direct.h>

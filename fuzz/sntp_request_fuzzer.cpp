@@ -1,0 +1,34 @@
+// Fuzzes the server's handling of one received datagram: whatever arrives (any length up to the
+// 512-byte receive buffer, any first byte), it is either dropped or answered with 48 well-formed
+// bytes that echo the request's transmit stamp and never carry version 4 or an alarm.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "sntp/ntp_time.h"
+#include "sntp/sntp_server.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const size_t RECEIVE_BUFFER = 512;
+    uint8_t request[RECEIVE_BUFFER] = {};
+    const size_t length = size < RECEIVE_BUFFER ? size : RECEIVE_BUFFER;
+    std::memcpy(request, data, length);
+    const uint8_t receiveStamp[8] = {0xEC, 0x5A, 0x11, 0x22, 0x33, 0x44, 0x55, 0x64};
+    uint8_t answer[NTP_PACKET_SIZE];
+    std::memset(answer, 0xA5, sizeof answer);
+    if (BuildSntpAnswer(request, static_cast<int32_t>(length), receiveStamp, answer) == 0) {
+        return 0;
+    }
+    if (length != NTP_PACKET_SIZE || (request[0] & 0x38) != 0x18 || (request[0] & 0xC0) != 0) {
+        __builtin_trap();  // only well-formed version-3 requests are answered
+    }
+    if (answer[0] != 0x1C && answer[0] != 0x1A) {
+        __builtin_trap();
+    }
+    if (std::memcmp(answer + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, 8) != 0 ||
+        std::memcmp(answer + NTP_RECEIVE_OFFSET, receiveStamp, 8) != 0 || answer[2] != request[2] ||
+        answer[3] != 0xFA) {
+        __builtin_trap();
+    }
+    return 0;
+}
