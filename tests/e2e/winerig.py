@@ -77,10 +77,18 @@ class Rig:
         if fresh and os.path.isdir(self.prefix):
             subprocess.run([WINESERVER, "-k"], env=self.env, capture_output=True)
             shutil.rmtree(self.prefix)
-        if not os.path.isdir(os.path.join(self.prefix, "drive_c")):
-            subprocess.run([WINE, "wineboot", "-i"], env=self.env, capture_output=True, timeout=300)
+        # The persistent server first, so that wineboot and everything after share it.
+        os.makedirs(self.prefix, exist_ok=True)
         self.persistent = subprocess.Popen([WINESERVER, "-p", "-f"], env=self.env,
                                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        time.sleep(1)
+        subprocess.run([WINE, "wineboot", "-i"], env=self.env, capture_output=True, timeout=300)
+        for _ in range(10):  # the service manager answers once the prefix has settled
+            try:
+                if self.wine("sc", "query", "eventlog", timeout=30).returncode == 0:
+                    break
+            except subprocess.TimeoutExpired:
+                pass
         for directory in (TIME_DIR, SYSTEM_DIR, DATA_DIR):
             os.makedirs(self.host_path(directory), exist_ok=True)
         for name in ("NorvikTime.exe", "TroubleMonitor.exe", "StandInService.exe"):

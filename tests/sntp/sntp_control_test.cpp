@@ -64,8 +64,9 @@ const char SEPARATOR[] = "\\";
 const char SEPARATOR[] = "/";
 #endif
 
+// Text mode: the settings file keeps each platform's line ends (CR LF on Windows).
 std::string ReadWhole(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
+    std::ifstream file(path);
     std::stringstream text;
     text << file.rdbuf();
     return text.str();
