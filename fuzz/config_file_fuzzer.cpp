@@ -4,18 +4,20 @@
 // it checks what holds for any input:
 //  - every save succeeds and every line it writes ends with a line break;
 //  - a well-formed file (every line ends with a line break and fits one line buffer) whose keys
-//    are all different comes back byte for byte from a save without changes, so in particular
-//    the second round of load and save changes nothing;
+//    are all different comes back byte for byte from a save without changes (as text mode
+//    reads it: Windows writes each line break as CR LF), so in particular the second round of
+//    load and save changes nothing;
 //  - in such a file, after a save the set key reads back as set, the deleted key is gone and
 //    every other key keeps its value.
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
+#include <random>
 #include <string>
+#include <system_error>
 
 #include "config/config_file.h"
 
@@ -33,21 +35,34 @@ const char SET_VALUE[] = "fuzz value \"q\"";
         }                                                                       \
     } while (0)
 
-char scratchDirectory[] = "/tmp/config_file_fuzzer.XXXXXX";
+const int SCRATCH_NAME_ATTEMPTS = 100;
+
+std::filesystem::path scratchDirectory;
 
 void RemoveScratch() {
-    std::string directory = scratchDirectory;
-    remove((directory + "/fuzz.dat").c_str());
-    remove((directory + "/fuzz.da~").c_str());
-    rmdir(scratchDirectory);
+    std::error_code ignored;
+    std::filesystem::remove_all(scratchDirectory, ignored);
 }
 
+// A fresh directory of this process's own in the system's temporary directory (mkdtemp is not
+// there on Windows, where the replay of this target also runs).
 std::string ScratchPath() {
     static std::string path;
     if (path.empty()) {
-        CHECK(mkdtemp(scratchDirectory) != nullptr);
+        std::error_code error;
+        const std::filesystem::path temporary = std::filesystem::temp_directory_path(error);
+        CHECK(!error);
+        std::random_device entropy;
+        for (int attempt = 0; attempt < SCRATCH_NAME_ATTEMPTS && scratchDirectory.empty(); ++attempt) {
+            const std::filesystem::path candidate =
+                temporary / ("config_file_fuzzer." + std::to_string(entropy()));
+            if (std::filesystem::create_directory(candidate, error)) {
+                scratchDirectory = candidate;
+            }
+        }
+        CHECK(!scratchDirectory.empty());
         atexit(RemoveScratch);
-        path = std::string(scratchDirectory) + "/fuzz.dat";
+        path = (scratchDirectory / "fuzz.dat").string();
     }
     return path;
 }
@@ -59,9 +74,10 @@ void WriteBytes(const std::string& path, const uint8_t* data, size_t size) {
     fclose(stream);
 }
 
-std::string ReadBytes(const std::string& path) {
+// In text mode, as the store reads and writes: the checks are about what the store sees.
+std::string ReadText(const std::string& path) {
     std::string text;
-    FILE* stream = fopen(path.c_str(), "rb");
+    FILE* stream = fopen(path.c_str(), "r");
     CHECK(stream != nullptr);
     char buffer[4096];
     size_t got;
@@ -110,7 +126,7 @@ void QueryAFew(ConfigFile* file) {
 
 // Loads path, saves it unchanged, and checks the result; returns the saved text.
 std::string SaveUnchanged(const std::string& path) {
-    std::string before = ReadBytes(path);
+    std::string before = ReadText(path);
     ConfigFile file;
     CHECK(OpenConfigFile(&file, path.c_str()) == 0);
     QueryAFew(&file);
@@ -118,7 +134,7 @@ std::string SaveUnchanged(const std::string& path) {
     bool unique = CollectUniqueEntries(&file, &entries);
     CHECK(SaveConfigFile(&file, nullptr) == 0);
     CloseConfigFile(&file);
-    std::string after = ReadBytes(path);
+    std::string after = ReadText(path);
     CHECK(after.empty() || after.back() == '\n');
     if (unique && IsWellFormed(before)) {
         CHECK(after == before);
@@ -130,7 +146,7 @@ void SetDeleteAndCheck(const std::string& path) {
     ConfigFile file;
     CHECK(OpenConfigFile(&file, path.c_str()) == 0);
     std::map<std::string, std::string> expected;
-    bool checkable = CollectUniqueEntries(&file, &expected) && IsWellFormed(ReadBytes(path));
+    bool checkable = CollectUniqueEntries(&file, &expected) && IsWellFormed(ReadText(path));
     std::string deleted;
     for (const auto& entry : expected) {
         if (entry.first.size() <= LOOKUP_KEY_MAX && entry.first != SET_KEY) {
@@ -146,7 +162,7 @@ void SetDeleteAndCheck(const std::string& path) {
     }
     CHECK(SaveConfigFile(&file, nullptr) == 0);
     CloseConfigFile(&file);
-    if (!checkable || !IsWellFormed(ReadBytes(path))) {
+    if (!checkable || !IsWellFormed(ReadText(path))) {
         return;
     }
     CHECK(OpenConfigFile(&file, path.c_str()) == 0);

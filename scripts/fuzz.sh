@@ -2,7 +2,9 @@
 # Builds the libFuzzer targets (clang, ASan+UBSan) and runs each for a bounded time.
 # Usage: scripts/fuzz.sh [seconds per target, default 60] [target...]
 # Each target starts from its kept seed corpus (fuzz/corpus/<target>); new inputs go to a
-# scratch corpus under build/fuzz, and any crash is left there as crash-* for a regression test.
+# scratch corpus under build/fuzz, and a failing input (crash-*, leak-*, timeout-*, oom-*) to
+# build/fuzz/artifacts/<target>. Copy such an input into fuzz/corpus/<target>: the native and
+# Windows test runs replay that directory (ctest fuzz_replay_<target>), so it stays fixed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
@@ -16,14 +18,23 @@ fi
 status=0
 for target in "${targets[@]}"; do
   scratch=build/fuzz/corpus/$target
-  mkdir -p "$scratch"
+  artifacts=build/fuzz/artifacts/$target
+  mkdir -p "$scratch" "$artifacts"
   echo "=== fuzz $target for ${seconds}s"
   if ! (cd build/fuzz && ./fuzz/$target -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-        -print_final_stats=1 "../../$scratch" "../../fuzz/corpus/$target" 2>&1 | tail -n 12); then
+        -print_final_stats=1 -artifact_prefix="../../$artifacts/" "../../$scratch" "../../fuzz/corpus/$target" \
+        2>&1 | tail -n 12); then
     status=1
   fi
-  if ls build/fuzz/crash-* build/fuzz/leak-* build/fuzz/timeout-* >/dev/null 2>&1; then
-    echo "fuzz: $target left a failing input in build/fuzz"; status=1
+  failing=$(find "$artifacts" -maxdepth 1 -type f \( -name 'crash-*' -o -name 'leak-*' -o -name 'timeout-*' \
+             -o -name 'oom-*' \))
+  if [ -n "$failing" ]; then
+    echo "fuzz: $target left failing inputs:"
+    echo "$failing"
+    echo "fuzz: copy each into fuzz/corpus/$target/ (a name saying what it hits); the ctest" \
+         "fuzz_replay_$target then replays it in the native and Windows builds until it is fixed," \
+         "and ever after. Replay one now with: build/native/fuzz/${target}_replay <file>"
+    status=1
   fi
 done
 exit $status

@@ -171,6 +171,9 @@ class ServiceEndToEnd(unittest.TestCase):
         self.assertEqual(1, len(server.requests))  # the next one comes a day later
 
         # The setting now names this host: within about a minute the service is the server.
+        # The fake goes first: on Linux its port-123 socket on 127.0.0.2 would keep the
+        # server's wildcard bind out, which no remote server on a real network does.
+        server.close()
         self.rig.write_setting("127.0.0.1")
         wait_for_server("127.0.0.1", 75)
 
@@ -212,8 +215,10 @@ class ServiceEndToEnd(unittest.TestCase):
         self.assertEqual(4, rig.registry_dword(W32TIME_KEY, "Start"))
 
         # Disabled while running: the service leaves it alone.
+        # Through the manager, which keeps its own copy of the start type (a registry write
+        # alone would leave it refusing to start a disabled service).
         rig.remove_service()
-        rig.set_registry_dword(W32TIME_KEY, "Start", 3)
+        rig.sc("config", "W32Time", "start=", "demand")
         rig.sc("start", "W32Time")
         rig.wait_state(RUNNING, name="W32Time")
         rig.set_registry_dword(W32TIME_KEY, "Start", 4)

@@ -16,6 +16,7 @@ import shutil
 import socket
 import struct
 import subprocess
+import tempfile
 import threading
 import time
 
@@ -77,18 +78,18 @@ class Rig:
         if fresh and os.path.isdir(self.prefix):
             subprocess.run([WINESERVER, "-k"], env=self.env, capture_output=True)
             shutil.rmtree(self.prefix)
-        # The persistent server first, so that wineboot and everything after share it.
-        os.makedirs(self.prefix, exist_ok=True)
+        if not os.path.isdir(os.path.join(self.prefix, "drive_c")):
+            # No pipes: processes that wineboot leaves running would inherit them.
+            subprocess.run([WINE, "wineboot", "-i"], env=self.env, stdin=subprocess.DEVNULL,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=300)
+            # Services started by the manager that wineboot left behind cannot reach it (their
+            # dispatcher call times out), so the prefix is brought down and started again.
+            subprocess.run([WINESERVER, "-k"], env=self.env, capture_output=True)
+            subprocess.run([WINESERVER, "-w"], env=self.env, capture_output=True, timeout=60)
         self.persistent = subprocess.Popen([WINESERVER, "-p", "-f"], env=self.env,
                                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         time.sleep(1)
-        subprocess.run([WINE, "wineboot", "-i"], env=self.env, capture_output=True, timeout=300)
-        for _ in range(10):  # the service manager answers once the prefix has settled
-            try:
-                if self.wine("sc", "query", "eventlog", timeout=30).returncode == 0:
-                    break
-            except subprocess.TimeoutExpired:
-                pass
+        self.wine("sc", "query", "eventlog", timeout=120)  # starts the service manager
         for directory in (TIME_DIR, SYSTEM_DIR, DATA_DIR):
             os.makedirs(self.host_path(directory), exist_ok=True)
         for name in ("NorvikTime.exe", "TroubleMonitor.exe", "StandInService.exe"):
@@ -106,7 +107,22 @@ class Rig:
             self.persistent = None
 
     def wine(self, *args, timeout=120):
-        return subprocess.run([WINE, *args], env=self.env, capture_output=True, text=True, timeout=timeout)
+        # Output through files, not pipes: a Wine process may start a long-lived one (the service
+        # manager, a service) that inherits the handles, and a pipe would then never reach its end.
+        with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
+            process = subprocess.Popen([WINE, *args], env=self.env, stdin=subprocess.DEVNULL,
+                                       stdout=out, stderr=err)
+            try:
+                code = process.wait(timeout=timeout)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
+                raise
+            out.seek(0)
+            err.seek(0)
+            return subprocess.CompletedProcess(
+                [WINE, *args], code, out.read().decode("utf-8", "replace").replace("\r\n", "\n"),
+                err.read().decode("utf-8", "replace"))
 
     def norvik(self, *args, timeout=120):
         """Runs a command word; returns (exit code, standard output)."""

@@ -294,3 +294,70 @@ TEST_F(SntpController, StopEndsTheClientAndItsClearsAreStillQueued) {
     EXPECT_EQ(before, exchanges.load());
     EXPECT_EQ(0u, troubleMask.load());
 }
+
+namespace {
+std::atomic<int32_t> gracesOutlived{0};
+std::atomic<int32_t> clientsStepping{0};  // clients that have taken their first step
+thread_local bool steppedHere = false;
+
+// Polls every 100 real microseconds (the restart loop below cannot afford WaitUntil's 5 ms);
+// bounded by the clock, not by a count, since a short sleep may return at once on some hosts.
+bool WaitBriefly(const std::function<bool()>& condition, int realMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(realMs);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    return condition();
+}
+}  // namespace
+
+// A thousand restarts in a row, each after a sync-now exchange that failed, as an operator who
+// keeps restarting a troubled client would: every restart clears that trouble, no client
+// outlives the pause of the restart that stopped it, and after the last one exactly one client
+// runs. The pause is held until the old client has ended, which is what its 1200 ms ensure in
+// real time against the client's one-second steps. A client step is held until there is
+// something to step for (a sync-now or the stop), so that on a slow host (Wine, valgrind) the
+// client never reaches a scheduled exchange of its own in the middle of a cycle.
+TEST_F(SntpController, AThousandRestartsLeaveOneClientAndNoTrouble) {
+    const int32_t RESTARTS = 1000;
+    exchangeResult = SNTP_NOT_SYNCHRONISED;
+    WriteSetting("SNTP_IP 127.0.0.2");
+    gracesOutlived = 0;
+    clientsStepping = 0;
+    const std::thread::id controller = testThread_;
+    SetSleepHook([controller](uint32_t ms) {
+        if (std::this_thread::get_id() != controller && ms >= 1000) {
+            if (!steppedHere) {
+                steppedHere = true;
+                clientsStepping.fetch_add(1);
+            }
+            WaitBriefly([] { return stopRequested.load() != 0 || syncCountdown.load() == 1; }, 5000);
+        } else if (std::this_thread::get_id() != controller || ms < 1000) {
+            std::this_thread::sleep_for(std::chrono::microseconds(50));  // the sync-now poll
+        } else if (!WaitBriefly([] { return clientRunning.load() == 0; }, 5000)) {
+            gracesOutlived.fetch_add(1);
+        }
+    });
+    std::vector<SeenTrouble> setAndCleared{{SNTP_NOT_SYNCHRONISED, TROUBLE_SET}};
+    for (const SeenTrouble& clear : Clears(SNTP_SOCKET_ERROR, SNTP_NOT_SYNCHRONISED)) {
+        setAndCleared.push_back(clear);
+    }
+    ASSERT_EQ(0, StartSntp());
+    for (int32_t restart = 0; restart < RESTARTS; ++restart) {
+        // The new client has reset the stop flag and stored its start delay: a restart or a
+        // sync-now before that would be overwritten, which no operator could manage in real time.
+        ASSERT_TRUE(WaitBriefly([restart] { return clientsStepping.load() == restart + 1; }, 5000))
+            << "restart " << restart << ", clients " << clientsStepping.load();
+        ASSERT_EQ(SNTP_NOT_SYNCHRONISED, SntpSyncNow()) << "restart " << restart;
+        ASSERT_EQ(0, RestartSntp()) << "restart " << restart;
+        ASSERT_EQ(0, gracesOutlived.load()) << "restart " << restart;
+        ASSERT_EQ(setAndCleared, TakeTroubles()) << "restart " << restart;
+    }
+    EXPECT_EQ(RESTARTS, exchanges.load());
+    EXPECT_EQ(0, serverRole.load());
+    EXPECT_TRUE(WaitBriefly([] { return clientRunning.load() == 1 && stopRequested.load() == 0; }, 5000));
+    EXPECT_EQ(0u, troubleMask.load());
+}
