@@ -8,20 +8,17 @@ never touched.
 Usage: service_e2e.py --build <windows build directory> [unittest arguments]
 """
 
-import argparse
 import os
 import socket
 import struct
 import sys
 import time
-import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import winerig  # noqa: E402
-from winerig import (NOT_INSTALLED, RUNNING, SERVICE, STOPPED, FakeSntpServer, Monitor, Rig,  # noqa: E402
+from winerig import (NOT_INSTALLED, RUNNING, SERVICE, STOPPED, FakeSntpServer, RigTestCase,  # noqa: E402
                      report_text, sntp_request, wait_for_server)
 
-BUILD = None
 W32TIME_KEY = "HKLM\\System\\CurrentControlSet\\Services\\W32Time"
 
 # The client's first exchange comes 59..118 s after its thread starts; the service itself
@@ -34,40 +31,7 @@ def texts(reports, state):
     return [report["text"] for report in reports if report["state"] == state]
 
 
-class ServiceEndToEnd(unittest.TestCase):
-    rig = None
-
-    @classmethod
-    def setUpClass(cls):
-        cls.rig = Rig(BUILD, os.path.join(BUILD, "e2e-prefix"))
-        cls.rig.boot(fresh=True)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.rig.remove_service()
-        cls.rig.shutdown()
-
-    def setUp(self):
-        self.rig.remove_service()
-        self.rig.write_setting(None)
-        self.cleanups = []
-
-    def tearDown(self):
-        for cleanup in reversed(self.cleanups):
-            cleanup()
-        self.rig.remove_service()
-
-    def monitor(self):
-        monitor = Monitor(self.rig)
-        self.cleanups.append(monitor.stop)
-        return monitor
-
-    def install_running(self):
-        code, output = self.rig.norvik("install")
-        self.assertEqual((0, "Service successfully added..."), (code, output))
-        self.rig.wait_state(RUNNING)
-        return time.monotonic()
-
+class ServiceEndToEnd(RigTestCase):
     def test_command_words(self):
         rig = self.rig
         for word in ("127", "256", "abc"):
@@ -190,14 +154,24 @@ class ServiceEndToEnd(unittest.TestCase):
         reports = monitor.wait_for(lambda r: len(texts(r, 0)) >= 5, 30)
         self.assertEqual([report_text(code) for code in range(1, 6)], texts(reports, 0))
 
-    def test_windows_time_takeover(self):
+    def create_stand_in_w32time(self):
+        """A demand-start W32Time that runs until stopped (the real one is not in Wine)."""
         rig = self.rig
         binary = f'"{winerig.STAND_IN}" W32Time'
         result = rig.sc("create", "W32Time", "binpath=", binary, "start=", "demand")
         self.assertEqual(0, result.returncode, result.stdout + result.stderr)
-        self.cleanups.append(lambda: (rig.sc("stop", "W32Time"), rig.sc("delete", "W32Time")))
         rig.sc("start", "W32Time")
         rig.wait_state(RUNNING, name="W32Time")
+
+    def remove_stand_in_w32time(self):
+        self.rig.sc("stop", "W32Time")
+        self.rig.sc("delete", "W32Time")
+        self.rig.wait_state(NOT_INSTALLED, name="W32Time")
+
+    def test_windows_time_takeover(self):
+        rig = self.rig
+        self.cleanups.append(self.remove_stand_in_w32time)
+        self.create_stand_in_w32time()
         self.assertEqual(3, rig.registry_dword(W32TIME_KEY, "Start"))
 
         self.install_running()
@@ -214,27 +188,17 @@ class ServiceEndToEnd(unittest.TestCase):
         self.assertRegex(output, r"\A\d+\nW32 Time Service successfully disabled\.\.\.\Z")
         self.assertEqual(4, rig.registry_dword(W32TIME_KEY, "Start"))
 
-        # Disabled while running: the service leaves it alone.
-        # Through the manager, which keeps its own copy of the start type (a registry write
-        # alone would leave it refusing to start a disabled service).
+        # Disabled while running: the service leaves it alone. The manager keeps its own copy
+        # of the start type and Wine's sc cannot change it, so W32Time is made anew; the
+        # registry alone then marks it disabled, which is all the service reads.
         rig.remove_service()
-        rig.sc("config", "W32Time", "start=", "demand")
-        rig.sc("start", "W32Time")
-        rig.wait_state(RUNNING, name="W32Time")
+        self.remove_stand_in_w32time()
+        self.create_stand_in_w32time()
         rig.set_registry_dword(W32TIME_KEY, "Start", 4)
         self.install_running()
         time.sleep(3)
         self.assertEqual(RUNNING, rig.state("W32Time"))
 
 
-def main():
-    global BUILD
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--build", required=True)
-    arguments, rest = parser.parse_known_args()
-    BUILD = os.path.abspath(arguments.build)
-    unittest.main(argv=[sys.argv[0], "-v", *rest])
-
-
 if __name__ == "__main__":
-    main()
+    winerig.run_tests(__doc__)

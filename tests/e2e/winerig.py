@@ -19,6 +19,7 @@ import subprocess
 import tempfile
 import threading
 import time
+import unittest
 
 WINE = "/usr/lib/wine/wine64"
 WINESERVER = "/usr/lib/wine/wineserver"
@@ -307,3 +308,54 @@ def chrony_query(address, timeout=30):
                              f"server {address} iburst version 3"],
                             capture_output=True, text=True, timeout=timeout)
     return result.returncode, result.stdout + result.stderr
+
+
+class RigTestCase(unittest.TestCase):
+    """One booted prefix per test class; every test starts with no service installed and no
+    Vantor.dat (the server role), and leaves the same behind."""
+
+    build = None  # the Windows build directory, set by the script's main
+    prefix_name = "e2e-prefix"
+    rig = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.rig = Rig(cls.build, os.path.join(cls.build, cls.prefix_name))
+        cls.rig.boot(fresh=True)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.rig.remove_service()
+        cls.rig.shutdown()
+
+    def setUp(self):
+        self.rig.remove_service()
+        self.rig.write_setting(None)
+        self.cleanups = []
+
+    def tearDown(self):
+        for cleanup in reversed(self.cleanups):
+            cleanup()
+        self.rig.remove_service()
+
+    def monitor(self):
+        monitor = Monitor(self.rig)
+        self.cleanups.append(monitor.stop)
+        return monitor
+
+    def install_running(self):
+        code, output = self.rig.norvik("install")
+        self.assertEqual((0, "Service successfully added..."), (code, output))
+        self.rig.wait_state(RUNNING)
+        return time.monotonic()
+
+
+def run_tests(description):
+    """The main of an end-to-end script: --build <Windows build directory> [unittest arguments]."""
+    import argparse
+    import sys
+    parser = argparse.ArgumentParser(description=description)
+    parser.add_argument("--build", required=True)
+    arguments, rest = parser.parse_known_args()
+    RigTestCase.build = os.path.abspath(arguments.build)
+    unittest.main(module="__main__", argv=[sys.argv[0], "-v", *rest])
