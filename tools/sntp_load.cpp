@@ -18,6 +18,7 @@
 
 #include "sntp/ntp_time.h"
 #include "tests/support/loopback_udp.h"
+#include "tools/tool_options.h"
 
 namespace {
 const uint32_t ANSWER_WAIT_MS = 1000;     // a request unanswered this long counts as lost
@@ -49,19 +50,6 @@ struct WorkerTally {
 };
 
 std::atomic<long> remaining{0};
-
-bool ParseNumber(const char* text, long low, long high, long* value) {
-    if (text == nullptr) {
-        return false;
-    }
-    char* end = nullptr;
-    const long parsed = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || parsed < low || parsed > high) {
-        return false;
-    }
-    *value = parsed;
-    return true;
-}
 
 bool ParseOptions(int argc, char** argv, LoadOptions* options) {
     for (int i = 1; i < argc; i += 2) {

@@ -18,6 +18,7 @@
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_troubles.h"
+#include "tools/tool_options.h"
 
 namespace {
 const int32_t DEFAULT_TIMEOUT_MS = 5000;  // the client's first attempt
@@ -47,19 +48,6 @@ int Usage() {
                  "Reads the clock only; it never sets it.\n",
                  MAX_COUNT, MAX_INTERVAL_S, DEFAULT_TIMEOUT_MS);
     return USAGE_STATUS;
-}
-
-bool ParseNumber(const char* text, long low, long high, long* value) {
-    if (text == nullptr) {
-        return false;
-    }
-    char* end = nullptr;
-    const long parsed = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || parsed < low || parsed > high) {
-        return false;
-    }
-    *value = parsed;
-    return true;
 }
 
 bool ParseOptions(int argc, char** argv, QueryOptions* options) {

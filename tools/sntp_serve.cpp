@@ -11,6 +11,7 @@
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_server.h"
 #include "sntp/sntp_troubles.h"
+#include "tools/tool_options.h"
 
 namespace {
 const long DEFAULT_SECONDS = 60;
@@ -18,19 +19,6 @@ const long MAX_SECONDS = 3600;
 const uint32_t MS_PER_SECOND = 1000;
 const uint32_t STOP_GRACE_MS = 1200;  // one select step of the server and some
 const int USAGE_STATUS = 64;
-
-bool ParseNumber(const char* text, long low, long high, long* value) {
-    if (text == nullptr) {
-        return false;
-    }
-    char* end = nullptr;
-    const long parsed = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || parsed < low || parsed > high) {
-        return false;
-    }
-    *value = parsed;
-    return true;
-}
 }  // namespace
 
 int main(int argc, char** argv) {

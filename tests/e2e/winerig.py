@@ -222,6 +222,9 @@ class Monitor:
             self.process.wait(timeout=10)
         except subprocess.TimeoutExpired:
             self.process.kill()
+            self.process.wait()
+        self.process.stdout.close()
+        self.process.stderr.close()
 
 
 def ntp_now():

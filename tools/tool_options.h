@@ -1,0 +1,19 @@
+// Command-line numbers of the field and rig tools: one strict reader, so that every tool refuses
+// the same malformed values.
+#pragma once
+
+#include <cstdlib>
+
+// A whole decimal number in [low, high]; false for anything else (empty, trailing text, range).
+inline bool ParseNumber(const char* text, long low, long high, long* value) {
+    if (text == nullptr) {
+        return false;
+    }
+    char* end = nullptr;
+    const long parsed = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || parsed < low || parsed > high) {
+        return false;
+    }
+    *value = parsed;
+    return true;
+}
