@@ -21,6 +21,8 @@ import winerig  # noqa: E402
 from winerig import RUNNING, SERVICE, STOPPED, RigTestCase, report_text, sntp_request, wait_for_server  # noqa: E402
 
 FLOOD_DATAGRAMS = 20000
+PEER_LIMIT = 201  # distinct clients the server answers within five seconds
+EXTRA_CLIENTS = 49
 # Growth of the service's resident memory that a flood may cause without counting as a leak:
 # Wine maps pages lazily, so the first seconds of any traffic add a little.
 FLOOD_RSS_GROWTH_KB = 4096
@@ -116,6 +118,50 @@ class ServiceFaults(RigTestCase):
         self.assertLess(after - before, FLOOD_RSS_GROWTH_KB, f"resident {before} kB -> {after} kB")
         time.sleep(1)
         self.assertEqual([], monitor.snapshot())  # bad datagrams raise nothing
+
+    def test_more_clients_than_the_server_admits(self):
+        """201 distinct clients within five seconds are served; the 202nd and later are not,
+        until the earlier ones have been silent for more than five seconds."""
+        self.rig.write_setting("127.0.0.1")
+        self.install_running()
+        wait_for_server("127.0.0.1", 20)
+        time.sleep(8)  # the probe's address (127.0.0.1) ages out of the server's peers
+        pid = service_pid(self.rig)
+        before = resident_kb(pid)
+        clients = []
+        self.cleanups.append(lambda: [sock.close() for sock in clients])
+        for host in range(2, 2 + PEER_LIMIT + EXTRA_CLIENTS):
+            sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            sock.bind((f"127.0.0.{host}", 0))
+            sock.setblocking(False)
+            clients.append(sock)
+
+        def round_of_requests(socks):
+            """One request from each, in order (in small batches, so that none is lost to a
+            full receive buffer); the indexes of those answered."""
+            for index, sock in enumerate(socks):
+                sock.sendto(bytes([0x1B]) + bytes(47), ("127.0.0.1", 123))
+                if index % 20 == 19:
+                    time.sleep(0.05)
+            time.sleep(1.5)
+            answered = set()
+            for index, sock in enumerate(socks):
+                try:
+                    while sock.recv(512):
+                        answered.add(index)
+                except BlockingIOError:
+                    pass
+            return answered
+
+        first_ones = set(range(PEER_LIMIT))
+        self.assertEqual(first_ones, round_of_requests(clients))
+        self.assertEqual(first_ones, round_of_requests(clients))  # still full: the same ones
+        time.sleep(8)  # everyone silent for more than five seconds: all forgotten
+        late = clients[PEER_LIMIT:]
+        self.assertEqual(set(range(len(late))), round_of_requests(late))
+        self.assertEqual(RUNNING, self.rig.state())
+        after = resident_kb(pid)
+        self.assertLess(after - before, FLOOD_RSS_GROWTH_KB, f"resident {before} kB -> {after} kB")
 
     def test_damaged_setting_keeps_the_role_and_a_restored_one_is_followed(self):
         rig = self.rig
