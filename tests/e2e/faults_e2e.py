@@ -18,7 +18,8 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import winerig  # noqa: E402
-from winerig import RUNNING, SERVICE, STOPPED, RigTestCase, report_text, sntp_request, wait_for_server  # noqa: E402
+from winerig import (RUNNING, SERVICE, STOPPED, RigTestCase, report_text, resident_kb, service_pid,  # noqa: E402
+                     sntp_request, wait_for_server)
 
 FLOOD_DATAGRAMS = 20000
 PEER_LIMIT = 201  # distinct clients the server answers within five seconds
@@ -26,31 +27,6 @@ EXTRA_CLIENTS = 49
 # Growth of the service's resident memory that a flood may cause without counting as a leak:
 # Wine maps pages lazily, so the first seconds of any traffic add a little.
 FLOOD_RSS_GROWTH_KB = 4096
-
-
-def service_pid(rig):
-    """The Linux process of the running service in this rig's prefix, or None."""
-    for entry in os.listdir("/proc"):
-        if not entry.isdigit():
-            continue
-        try:
-            with open(f"/proc/{entry}/cmdline", "rb") as file:
-                command = file.read()
-            with open(f"/proc/{entry}/environ", "rb") as file:
-                environment = file.read()
-        except OSError:
-            continue
-        if b"NorvikTime.exe" in command and b"WINEPREFIX=" + rig.prefix.encode() + b"\0" in environment:
-            return int(entry)
-    return None
-
-
-def resident_kb(pid):
-    with open(f"/proc/{pid}/status") as file:
-        for line in file:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    return 0
 
 
 class Load:

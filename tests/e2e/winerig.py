@@ -313,6 +313,31 @@ def chrony_query(address, timeout=30):
     return result.returncode, result.stdout + result.stderr
 
 
+def service_pid(rig):
+    """The Linux process of the running service in this rig's prefix, or None."""
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            with open(f"/proc/{entry}/cmdline", "rb") as file:
+                command = file.read()
+            with open(f"/proc/{entry}/environ", "rb") as file:
+                environment = file.read()
+        except OSError:
+            continue
+        if b"NorvikTime.exe" in command and b"WINEPREFIX=" + rig.prefix.encode() + b"\0" in environment:
+            return int(entry)
+    return None
+
+
+def resident_kb(pid):
+    with open(f"/proc/{pid}/status") as file:
+        for line in file:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1])
+    return 0
+
+
 class RigTestCase(unittest.TestCase):
     """One booted prefix per test class; every test starts with no service installed and no
     Vantor.dat (the server role), and leaves the same behind."""
