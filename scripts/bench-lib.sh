@@ -26,7 +26,7 @@ bench_build() {
   if [ -x "$bench_wine" ] && command -v x86_64-w64-mingw32-g++-posix >/dev/null 2>&1; then
     cmake -S "$bench_root" -B "$bench_windows" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNORVIK_TESTS=OFF \
           -DCMAKE_TOOLCHAIN_FILE="$bench_root/cmake/mingw-w64.cmake" >/dev/null
-    cmake --build "$bench_windows" -j "$bench_jobs" --target SntpServe >/dev/null
+    cmake --build "$bench_windows" -j "$bench_jobs" --target SntpServe SntpReflect >/dev/null
     export WINEPREFIX="$bench_windows/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
     [ -d "$WINEPREFIX" ] || "$bench_wine" wineboot -i >/dev/null 2>&1
     bench_kinds="native wine"
@@ -81,13 +81,14 @@ bench_round() {
 }
 
 # bench_kind_round KIND: bench_round of one of the rig's own servers: native or wine (SntpServe
-# of that build), or reflect (SntpReflect, the ceiling).
+# of that build), or reflect or reflect-wine (SntpReflect of that build, the ceiling).
 bench_kind_round() {
   life=$(bench_life)
   case $1 in
     native)  bench_round native "$bench_native/SntpServe" -p "$BENCH_PORT" -s "$life" ;;
     wine)    bench_round wine "$bench_wine" "$bench_windows/SntpServe.exe" -p "$BENCH_PORT" -s "$life" ;;
     reflect) bench_round reflect "$bench_native/SntpReflect" -p "$BENCH_PORT" -s "$life" ;;
+    reflect-wine) bench_round reflect-wine "$bench_wine" "$bench_windows/SntpReflect.exe" -p "$BENCH_PORT" -s "$life" ;;
   esac
 }
 

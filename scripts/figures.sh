@@ -70,6 +70,7 @@ fi
 # ---------------------------------------------------------------------------------------------
 if wants server; then
   servers="$bench_kinds chrony reflect"
+  case " $bench_kinds " in *" wine "*) servers="$servers reflect-wine" ;; esac
   echo "== 1. server throughput and latency"
   echo "method: $ROUNDS interleaved rounds of $ROUND_SECONDS s per server on 127.0.0.1 UDP $BENCH_PORT," \
        "server on core 0, SntpLoad on core 1 ($BENCH_SOURCES loopback sources, $BENCH_WORKERS workers, one" \
@@ -89,7 +90,8 @@ if wants server; then
   bench_medians native | sed 's/^native:/native (SntpServe, Linux build, RelWithDebInfo):/'
   bench_medians wine | sed "s/^wine:/wine (SntpServe.exe, Windows build, $("$bench_wine" --version 2>/dev/null)):/"
   bench_medians chrony | sed "s/^chrony:/chrony (chronyd $chrony_version -x, local stratum 10):/"
-  bench_medians reflect | sed 's/^reflect:/ceiling (SntpReflect, a C++ responder that copies the request stamp and reads no clock):/'
+  bench_medians reflect | sed 's/^reflect:/native ceiling (SntpReflect, the server'"'"'s loop shape answering without a clock):/'
+  bench_medians reflect-wine | sed 's/^reflect-wine:/wine ceiling (SntpReflect.exe, the same loop under Wine):/'
 fi
 
 # ---------------------------------------------------------------------------------------------
