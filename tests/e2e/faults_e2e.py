@@ -13,7 +13,6 @@ import pathlib
 import random
 import socket
 import sys
-import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -24,41 +23,17 @@ from winerig import (RUNNING, SERVICE, STOPPED, RigTestCase, report_text, reside
 FLOOD_DATAGRAMS = 20000
 PEER_LIMIT = 201  # distinct clients the server answers within five seconds
 EXTRA_CLIENTS = 49
+LOAD_CLIENTS = 4
 # Growth of the service's resident memory that a flood may cause without counting as a leak:
 # Wine maps pages lazily, so the first seconds of any traffic add a little.
 FLOOD_RSS_GROWTH_KB = 4096
-
-
-class Load:
-    """Clients asking 127.0.0.1:123 back to back from one socket until stopped (at most a
-    minute); counts the answers."""
-
-    def __init__(self):
-        self.answers = 0
-        self.stopping = threading.Event()
-        self.thread = threading.Thread(target=self._run, daemon=True)
-        self.thread.start()
-
-    def _run(self):
-        deadline = time.monotonic() + 60
-        while not self.stopping.is_set() and time.monotonic() < deadline:
-            answer, _ = sntp_request("127.0.0.1", timeout=0.2)
-            if answer is not None:
-                self.answers += 1
-
-    def stop(self):
-        self.stopping.set()
-        self.thread.join(timeout=5)
 
 
 class ServiceFaults(RigTestCase):
     prefix_name = "faults-prefix"
 
     def test_flood_of_bad_datagrams_leaves_the_server_answering(self):
-        self.rig.write_setting("127.0.0.1")  # this host: the server, never restarted
-        monitor = self.monitor()
-        self.install_running()
-        wait_for_server("127.0.0.1", 20)
+        monitor = self.start_server_role()
         pid = service_pid(self.rig)
         self.assertIsNotNone(pid)
         warm = sum(sntp_request("127.0.0.1")[0] is not None for _ in range(50))
@@ -98,9 +73,7 @@ class ServiceFaults(RigTestCase):
     def test_more_clients_than_the_server_admits(self):
         """201 distinct clients within five seconds are served; the 202nd and later are not,
         until the earlier ones have been silent for more than five seconds."""
-        self.rig.write_setting("127.0.0.1")
-        self.install_running()
-        wait_for_server("127.0.0.1", 20)
+        self.start_server_role()
         time.sleep(8)  # the probe's address (127.0.0.1) ages out of the server's peers
         pid = service_pid(self.rig)
         before = resident_kb(pid)
@@ -141,10 +114,7 @@ class ServiceFaults(RigTestCase):
 
     def test_damaged_setting_keeps_the_role_and_a_restored_one_is_followed(self):
         rig = self.rig
-        rig.write_setting("127.0.0.1")
-        monitor = self.monitor()
-        self.install_running()
-        wait_for_server("127.0.0.1", 20)
+        monitor = self.start_server_role()
         path = rig.host_path(winerig.DATA_DIR + "\\Vantor.dat")
 
         # Truncated, garbled, deleted: each reads as no usable address, so the address last
@@ -180,19 +150,16 @@ class ServiceFaults(RigTestCase):
 
     def test_restarts_and_stop_while_clients_ask(self):
         rig = self.rig
-        rig.write_setting("127.0.0.1")
-        monitor = self.monitor()
-        self.install_running()
-        wait_for_server("127.0.0.1", 20)
-        load = Load()
+        monitor = self.start_server_role()
+        load = winerig.SteadyLoad(LOAD_CLIENTS, 60)
         self.cleanups.append(load.stop)
         for _ in range(5):
             self.assertEqual((0, "Service command performed..."), rig.norvik("command", "128"))
             self.assertEqual(RUNNING, rig.state())
         wait_for_server("127.0.0.1", 20)
-        answered = load.answers
+        answered = load.answered
         time.sleep(2)
-        self.assertGreater(load.answers, answered, "no answers after the restarts")
+        self.assertGreater(load.answered, answered, "no answers after the restarts")
         # A second server thread left behind by a restart could not bind and would raise
         # "could not start"; none did.
         self.assertNotIn(report_text(8), [report["text"] for report in monitor.snapshot()])

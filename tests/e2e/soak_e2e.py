@@ -11,9 +11,7 @@ Usage: soak_e2e.py --build <windows build directory> [--minutes M] [unittest arg
 """
 
 import os
-import socket
 import sys
-import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -33,57 +31,17 @@ def process_figures(pid):
             "fds": len(os.listdir(f"/proc/{pid}/fd"))}
 
 
-class SteadyLoad:
-    """Each client sends one request and waits up to 0.5 s for its answer, in turn, until
-    stopped or for at most the soak's length and a minute."""
-
-    def __init__(self, seconds):
-        self.sent = self.answered = 0
-        self.stopping = threading.Event()
-        self.deadline = time.monotonic() + seconds + 60
-        self.thread = threading.Thread(target=self._run, daemon=True)
-        self.thread.start()
-
-    def _run(self):
-        clients = []
-        for host in range(2, 2 + LOAD_CLIENTS):
-            sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-            sock.bind((f"127.0.0.{host}", 0))
-            sock.settimeout(0.5)
-            clients.append(sock)
-        try:
-            while not self.stopping.is_set() and time.monotonic() < self.deadline:
-                for sock in clients:
-                    sock.sendto(bytes([0x1B]) + bytes(47), ("127.0.0.1", 123))
-                    self.sent += 1
-                    try:
-                        if len(sock.recv(512)) == 48:
-                            self.answered += 1
-                    except socket.timeout:
-                        pass
-        finally:
-            for sock in clients:
-                sock.close()
-
-    def stop(self):
-        self.stopping.set()
-        self.thread.join(timeout=5)
-
-
 class ServiceSoak(RigTestCase):
     prefix_name = "soak-prefix"
 
     def test_steady_load_leaves_memory_threads_and_handles_flat(self):
         rig = self.rig
-        rig.write_setting("127.0.0.1")
-        monitor = self.monitor()
-        self.install_running()
-        winerig.wait_for_server("127.0.0.1", 20)
+        monitor = self.start_server_role()
         pid = winerig.service_pid(rig)
         self.assertIsNotNone(pid)
 
         seconds = MINUTES * 60
-        load = SteadyLoad(seconds)
+        load = winerig.SteadyLoad(LOAD_CLIENTS, seconds + 60)
         self.cleanups.append(load.stop)
         query = winerig.find_file(rig.build, "SntpQuery.exe")
         time.sleep(5)  # past the first requests, which map the server's pages

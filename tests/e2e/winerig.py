@@ -338,6 +338,44 @@ def resident_kb(pid):
     return 0
 
 
+class SteadyLoad:
+    """Clients on 127.0.0.2 and up, each in turn sending one version-3 request to
+    127.0.0.1:123 and waiting up to 0.5 s for its answer; until stopped, or at most seconds."""
+
+    def __init__(self, clients, seconds):
+        self.sent = self.answered = 0
+        self.clients = clients
+        self.stopping = threading.Event()
+        self.deadline = time.monotonic() + seconds
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+
+    def _run(self):
+        clients = []
+        for host in range(2, 2 + self.clients):
+            sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            sock.bind((f"127.0.0.{host}", 0))
+            sock.settimeout(0.5)
+            clients.append(sock)
+        try:
+            while not self.stopping.is_set() and time.monotonic() < self.deadline:
+                for sock in clients:
+                    sock.sendto(bytes([0x1B]) + bytes(47), ("127.0.0.1", 123))
+                    self.sent += 1
+                    try:
+                        if len(sock.recv(512)) == 48:
+                            self.answered += 1
+                    except socket.timeout:
+                        pass
+        finally:
+            for sock in clients:
+                sock.close()
+
+    def stop(self):
+        self.stopping.set()
+        self.thread.join(timeout=5)
+
+
 class RigTestCase(unittest.TestCase):
     """One booted prefix per test class; every test starts with no service installed and no
     Vantor.dat (the server role), and leaves the same behind."""
@@ -369,6 +407,15 @@ class RigTestCase(unittest.TestCase):
     def monitor(self):
         monitor = Monitor(self.rig)
         self.cleanups.append(monitor.stop)
+        return monitor
+
+    def start_server_role(self):
+        """Installs the service with Vantor.dat naming this host (the server, never restarted
+        by the minute's re-check) and waits for its answers; returns the trouble monitor."""
+        self.rig.write_setting("127.0.0.1")
+        monitor = self.monitor()
+        self.install_running()
+        wait_for_server("127.0.0.1", 20)
         return monitor
 
     def install_running(self):
