@@ -17,8 +17,8 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import winerig  # noqa: E402
-from winerig import (RUNNING, SERVICE, STOPPED, RigTestCase, report_text, resident_kb, service_pid,  # noqa: E402
-                     sntp_request, wait_for_server)
+from winerig import (RUNNING, SERVICE, STOPPED, RigTestCase, probe_server, report_text, resident_kb,  # noqa: E402
+                     service_pid, sntp_request, wait_for_server)
 
 FLOOD_DATAGRAMS = 20000
 PEER_LIMIT = 201  # distinct clients the server answers within five seconds
@@ -118,22 +118,22 @@ class ServiceFaults(RigTestCase):
         path = rig.host_path(winerig.DATA_DIR + "\\Vantor.dat")
 
         # Truncated, garbled, deleted: each reads as no usable address, so the address last
-        # parsed stays in force and the server is never restarted (it answers throughout).
+        # parsed stays in force and the server is never restarted: its port never closes. Slow
+        # answers under a loaded machine prove nothing either way; a refusal proves a restart.
+        self.wait_past_first_recheck()
         setting = pathlib.Path(path)
         damage = [lambda: setting.write_bytes(b""),
                   lambda: setting.write_bytes(bytes(range(256)) * 40 + b"\nSNTP_IP\n"),
                   setting.unlink]
-        # A restart leaves no server for at least its 1200 ms pause, so two silences in a row
-        # mean one; a single lost datagram does not.
-        gaps = 0
+        outcomes = {"answered": 0, "refused": 0, "silent": 0}
         for step in damage:
             step()
             phase_end = time.monotonic() + 22
             while time.monotonic() < phase_end:
-                if all(sntp_request("127.0.0.1", timeout=0.5)[0] is None for _ in range(2)):
-                    gaps += 1
-                time.sleep(0.5)
-        self.assertEqual(0, gaps, "the server was restarted while the file was damaged")
+                outcomes[probe_server("127.0.0.1")] += 1
+                time.sleep(0.1)
+        self.assertEqual(0, outcomes["refused"], f"the server was restarted while the file was damaged: {outcomes}")
+        self.assertGreater(outcomes["answered"], 4 * outcomes["silent"], outcomes)
         self.assertEqual(RUNNING, rig.state())
 
         # Restored naming another machine: within about a minute the server gives way to the client.
