@@ -54,7 +54,9 @@ bench_ready() {
 # bench_round NAME COMMAND...: one server run and one load run. COMMAND is started pinned to core
 # 0 under a time limit of the round, its start and a margin (so it stops by itself), its output to
 # $bench_results/NAME.log; once it answers, SntpLoad loads it from core 1 for ROUND_SECONDS.
-# Prints "NAME: <SntpLoad's two lines>" and appends "rate p50 p99" to $bench_results/NAME.
+# Prints "NAME: <SntpLoad's two lines>" and appends "rate p50 p99 cpu" to $bench_results/NAME, cpu
+# being the busy time of core 0 (user, system and interrupt work) per good answer, in us: the
+# server's whole cost of an answer, its share of the kernel's and (under Wine) wineserver's included.
 bench_round() {
   name=$1
   shift
@@ -69,16 +71,22 @@ bench_round() {
     wait "$server" 2>/dev/null || true
     return 0
   fi
+  busy_before=$(core0_busy)
   out=$(taskset -c 1 "$bench_native/SntpLoad" -p "$BENCH_PORT" -s "$BENCH_SOURCES" -w "$BENCH_WORKERS" \
         -c 10000000 -d "$ROUND_SECONDS" || true)
+  busy=$(( $(core0_busy) - busy_before ))
   echo "$name: $(echo "$out" | tr '\n' ' ')"
-  echo "$out" | awk '/^sent/ {for (i = 1; i < NF; i++) if ($i == "rate") rate = $(i + 1)}
-                     /^latency/ {for (i = 1; i < NF; i++) {if ($i == "p50") p50 = $(i + 1); if ($i == "p99") p99 = $(i + 1)}}
-                     END {print rate, p50, p99}' >> "$bench_results/$name"
+  echo "$out" | awk -v busy="$busy" -v hz="$(getconf CLK_TCK)" '
+    /^sent/ {for (i = 1; i < NF; i++) {if ($i == "rate") rate = $(i + 1); if ($i == "good") good = $(i + 1)}}
+    /^latency/ {for (i = 1; i < NF; i++) {if ($i == "p50") p50 = $(i + 1); if ($i == "p99") p99 = $(i + 1)}}
+    END {printf "%s %s %s %.1f\n", rate, p50, p99, (good > 0 ? busy * 1e6 / hz / good : 0)}' >> "$bench_results/$name"
   # Done with it before its time limit: end it now, by its own process id.
   kill "$server" 2>/dev/null || true
   wait "$server" 2>/dev/null || true
 }
+
+# core0_busy: clock ticks that core 0 has spent on anything but idling and waiting for I/O.
+core0_busy() { awk '$1 == "cpu0" {print $2 + $3 + $4 + $7 + $8 + $9}' /proc/stat; }
 
 # bench_kind_round KIND: bench_round of one of the rig's own servers: native or wine (SntpServe
 # of that build), or reflect or reflect-wine (SntpReflect of that build, the ceiling).
@@ -94,14 +102,15 @@ bench_kind_round() {
 
 bench_median() { sort -n | awk '{v[NR] = $1} END {if (NR) print v[int((NR + 1) / 2)]; else print "-"}'; }
 
-# bench_medians NAME...: per name with rounds, "NAME: RATE answers/s  latency p50 P50 us  p99 P99 us",
-# each the median over its rounds.
+# bench_medians NAME...: per name with rounds, "NAME: RATE answers/s  latency p50 P50 us  p99 P99 us
+# cpu CPU us/answer", each the median over its rounds.
 bench_medians() {
   for name in "$@"; do
     [ -s "$bench_results/$name" ] || continue
     rate=$(cut -d' ' -f1 "$bench_results/$name" | bench_median)
     p50=$(cut -d' ' -f2 "$bench_results/$name" | bench_median)
     p99=$(cut -d' ' -f3 "$bench_results/$name" | bench_median)
-    echo "$name: $rate answers/s  latency p50 $p50 us  p99 $p99 us"
+    cpu=$(cut -d' ' -f4 "$bench_results/$name" | bench_median)
+    echo "$name: $rate answers/s  latency p50 $p50 us  p99 $p99 us  cpu $cpu us/answer"
   done
 }
