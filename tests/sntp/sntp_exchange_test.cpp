@@ -97,7 +97,6 @@ TEST(SntpAnswerChecks, TheFirstFailingCheckDecides) {
         {"symmetric passive is no server", 0x1A, 2, false, false, 123, false, SNTP_INVALID_RESPONSE},
         {"version before leap", 0xE4, 0, true, false, 123, false, SNTP_INCOMPATIBLE_VERSION},
         {"version 4 otherwise valid", 0x24, 2, false, false, 123, false, SNTP_INCOMPATIBLE_VERSION},
-        {"version 2", 0x14, 2, false, false, 123, false, SNTP_INCOMPATIBLE_VERSION},
         {"leap before stratum", 0xDC, 0, true, false, 123, false, SNTP_NOT_SYNCHRONISED},
         {"stratum before transmit", 0x1C, 0, true, false, 123, false, SNTP_UNKNOWN_ERROR},
         {"zero transmit", 0x1C, 2, true, false, 123, false, SNTP_NOT_SYNCHRONISED},
@@ -150,10 +149,11 @@ TEST_F(SntpExchangeTest, AFaultyFirstAnswerEndsTheExchangeWithItsCode) {
         FakeAnswer answer;
         SntpResult expected;
     } cases[] = {
-        {FakeAnswer::VERSION_4, SNTP_INCOMPATIBLE_VERSION},  {FakeAnswer::LEAP_ALARM, SNTP_NOT_SYNCHRONISED},
-        {FakeAnswer::STRATUM_0, SNTP_UNKNOWN_ERROR},         {FakeAnswer::WRONG_ORIGINATE, SNTP_INCONSISTENT_ADDRESS},
-        {FakeAnswer::OTHER_PORT, SNTP_INCONSISTENT_ADDRESS}, {FakeAnswer::SHORT_47, SNTP_INVALID_RESPONSE},
-        {FakeAnswer::LONG_49, SNTP_INVALID_RESPONSE},        {FakeAnswer::ZERO_TRANSMIT, SNTP_NOT_SYNCHRONISED},
+        // The header checks and their order are pinned on CheckSntpAnswer above; here only what
+        // the wire adds: the request actually sent, the source port and the datagram's length.
+        {FakeAnswer::WRONG_ORIGINATE, SNTP_INCONSISTENT_ADDRESS}, {FakeAnswer::OTHER_PORT, SNTP_INCONSISTENT_ADDRESS},
+        {FakeAnswer::VERSION_4, SNTP_INCOMPATIBLE_VERSION},       {FakeAnswer::SHORT_47, SNTP_INVALID_RESPONSE},
+        {FakeAnswer::LONG_49, SNTP_INVALID_RESPONSE},
     };
     // Held open across the cases: otherwise each exchange, destroying the last socket, waits up
     // to a second for the peer registry's thread to stop.

@@ -95,7 +95,7 @@ TEST_F(SntpServerTest, AnswersClientAndSymmetricRequestsByteForByte) {
         uint8_t header;
         uint8_t poll;
         uint8_t answerHeader;
-    } cases[] = {{0x1B, 0x0A, 0x1C}, {0x19, 0x11, 0x1A}, {0x1B, 0xFF, 0x1C}};
+    } cases[] = {{0x1B, 0x0A, 0x1C}, {0x19, 0x11, 0x1A}};
     uint64_t transmit = 0x1122334455667788ULL;
     for (const auto& c : cases) {
         uint8_t request[NTP_PACKET_SIZE];

@@ -67,10 +67,9 @@ TEST_F(TroubleQueueTest, DeliversEveryRecordInQueueOrderAsATroubleReport) {
 
     DrainTroubles();
     ASSERT_EQ(reports.size(), 3u);
-    const char16_t* texts[] = {u"A", u"B", u"C"};
     const uint32_t states[] = {TROUBLE_SET, TROUBLE_CLEARED, TROUBLE_SET};
     for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(reports[i].text, texts[i]);
+        EXPECT_EQ(reports[i].text, std::u16string(1, static_cast<char16_t>(u'A' + i)));
         EXPECT_EQ(reports[i].source, u"SNTP");
         EXPECT_EQ(reports[i].kind, REPORT_KIND_TROUBLE);
         EXPECT_EQ(reports[i].code, 7 + i);
@@ -90,7 +89,6 @@ TEST_F(TroubleQueueTest, LongSourceAndTextArriveCutTo255Units) {
     }
     TroubleRecord* record = NewTroubleRecord(source.c_str(), text.c_str(), 7, TROUBLE_SET);
     ASSERT_NE(record, nullptr);
-    EXPECT_EQ(record->text[TROUBLE_TEXT_UNITS - 1], u'\0');
     ASSERT_EQ(QueueTrouble(record), 0);
     DrainTroubles();
     ASSERT_EQ(reports.size(), 1u);
@@ -100,11 +98,9 @@ TEST_F(TroubleQueueTest, LongSourceAndTextArriveCutTo255Units) {
 
 TEST_F(TroubleQueueTest, RecordsDrainedWithoutASinkAreDiscarded) {
     SetReportCallback(nullptr);
-    EXPECT_EQ(TroubleSinkInstalled(), 0);
     ASSERT_EQ(Queue(u"lost", 7, TROUBLE_SET), 0);
     DrainTroubles();  // frees the record (the leak checker of the native build watches)
     SetReportCallback(RecordReport);
-    EXPECT_EQ(TroubleSinkInstalled(), 1);
     DrainTroubles();
     EXPECT_TRUE(reports.empty());
     EXPECT_EQ(QueueTrouble(nullptr), 1);
