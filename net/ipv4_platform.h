@@ -20,8 +20,8 @@ struct Ipv4Platform {
     int32_t (*startLibrary)();
     // inet_addr: the address in network order, or all ones for a text that is not one.
     uint32_t (*parseText)(const char* text);
-    // getaddrinfo with all hints zero: 0 and the 4 bytes at the IPv4 address field of the first
-    // answer, else the platform's error code (RESOLVE_TRY_AGAIN for a temporary failure).
+    // getaddrinfo with all hints zero: 0 and the address of the first IPv4 answer, else the
+    // platform's error code (RESOLVE_TRY_AGAIN for a temporary failure; 1 with no IPv4 answer).
     int32_t (*lookupHost)(const char* name, uint32_t* address);
     // gethostname into size bytes: 0 on success.
     int32_t (*readHostName)(char* buffer, size_t size);

@@ -36,12 +36,15 @@ int32_t LookupHost(const char* name, uint32_t* address) {
     if (error != 0) {
         return error < 0 ? -error : error;  // any non-zero code is a plain failure
     }
+    // Any family is asked for, so a name with an IPv6 address may list that first: the first
+    // IPv4 answer is the one wanted, as in the Windows build.
     int32_t result = 1;
-    // The IPv4 address field of the first answer whatever its family: for an IPv6 answer these
-    // bytes are the flow information. Windows behaves the same, and the two builds must agree.
-    if (answers != nullptr && answers->ai_addr != nullptr && answers->ai_addrlen >= IPV4_FIELD_OFFSET + sizeof(uint32_t)) {
-        memcpy(address, reinterpret_cast<const uint8_t*>(answers->ai_addr) + IPV4_FIELD_OFFSET, sizeof(uint32_t));
-        result = 0;
+    for (const addrinfo* answer = answers; answer != nullptr && result != 0; answer = answer->ai_next) {
+        if (answer->ai_family == AF_INET && answer->ai_addr != nullptr &&
+            answer->ai_addrlen >= IPV4_FIELD_OFFSET + sizeof(uint32_t)) {
+            memcpy(address, reinterpret_cast<const uint8_t*>(answer->ai_addr) + IPV4_FIELD_OFFSET, sizeof(uint32_t));
+            result = 0;
+        }
     }
     freeaddrinfo(answers);
     return result;

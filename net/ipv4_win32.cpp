@@ -40,14 +40,17 @@ int32_t LookupHost(const char* name, uint32_t* address) {
     if (error != 0) {
         return error;  // WSATRY_AGAIN is RESOLVE_TRY_AGAIN
     }
-    if (answers == nullptr || answers->ai_addr == nullptr || answers->ai_addrlen < IPV4_FIELD_OFFSET + sizeof(uint32_t)) {
-        return 1;
+    // Any family is asked for, so a name with an IPv6 address may list that first: the first
+    // IPv4 answer is the one wanted. The answer list is not released, as the service has always
+    // done: one small list per resolution, and resolutions are rare.
+    for (const addrinfo* answer = answers; answer != nullptr; answer = answer->ai_next) {
+        if (answer->ai_family == AF_INET && answer->ai_addr != nullptr &&
+            answer->ai_addrlen >= IPV4_FIELD_OFFSET + sizeof(uint32_t)) {
+            memcpy(address, reinterpret_cast<const uint8_t*>(answer->ai_addr) + IPV4_FIELD_OFFSET, sizeof(uint32_t));
+            return 0;
+        }
     }
-    // The IPv4 address field of the first answer whatever its family (for an IPv6 answer these
-    // bytes are the flow information). The answer list is not released, as the service has
-    // always done: one small list per resolution, and resolutions are rare.
-    memcpy(address, reinterpret_cast<const uint8_t*>(answers->ai_addr) + IPV4_FIELD_OFFSET, sizeof(uint32_t));
-    return 0;
+    return 1;  // no IPv4 address: as unresolvable as no answer at all
 }
 
 int32_t ReadHostName(char* buffer, size_t size) {
