@@ -65,8 +65,10 @@ void UninstallService() {
     if (status.dwCurrentState == SERVICE_STOPPED) {
         ConsolePrint("stopped : %lu\n", GetLastError());  // informational: whatever the last error is
     } else if (!ControlService(service.Get(), SERVICE_CONTROL_STOP, &status)) {
-        ConsolePrint("no service : %lu\n", GetLastError());
-        ConsolePrint("no remove: %lu\n", GetLastError());
+        // Both lines tell the refused stop's error; read once, before printing could change it.
+        const DWORD refused = GetLastError();
+        ConsolePrint("no service : %lu\n", refused);
+        ConsolePrint("no remove: %lu\n", refused);
         return;
     }
     // No wait for the stopped state: the manager deletes the service once it has stopped.
