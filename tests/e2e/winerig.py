@@ -57,11 +57,22 @@ def report_text(code):
     return TROUBLE_TEXTS[code][:81]
 
 
+# Where the Windows build puts each file that a rig installs. Test scratch directories and the
+# prefixes under the build hold copies, some stale or damaged on purpose, so nothing is searched.
+BUILD_FILES = {
+    "NorvikTime.exe": ".",
+    "TroubleMonitor.exe": ".",
+    "SntpQuery.exe": ".",
+    "StandInService.exe": os.path.join("tests", "service"),
+    "res1033.dll": "config",
+}
+
+
 def find_file(top, name):
-    for directory, _, files in os.walk(top):
-        if name in files and "wineprefix" not in directory and "e2e-prefix" not in directory:
-            return os.path.join(directory, name)
-    raise FileNotFoundError(f"{name} under {top}")
+    path = os.path.join(top, BUILD_FILES[name], name)
+    if not os.path.isfile(path):
+        raise FileNotFoundError(path)
+    return path
 
 
 class Rig:
