@@ -333,6 +333,60 @@ class FakeSntpServer:
         self.sock.close()
 
 
+class SntpRelay:
+    """Passes SNTP requests that arrive on address:123 to the server on upstream:123 and its
+    answers back from address:123, recording each (monotonic time, request, answer or None).
+    A service in the server role listens on every address of this host and answers from
+    127.0.0.1, so a client of it on this host names the relay's address: another loopback
+    address, which is not this host's and so makes that client a client."""
+
+    def __init__(self, address, upstream, timeout=2.0):
+        self.upstream = upstream
+        self.timeout = timeout
+        self.exchanges = []
+        self.lock = threading.Lock()
+        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        # The server's wildcard socket on port 123 sets SO_REUSEADDR; so must this one.
+        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.sock.bind((address, 123))
+        self.sock.settimeout(0.2)
+        self.forward = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.forward.bind((address, 0))
+        self.forward.settimeout(timeout)
+        self.running = True
+        self.thread = threading.Thread(target=self._relay, daemon=True)
+        self.thread.start()
+
+    def _relay(self):
+        while self.running:
+            try:
+                request, client = self.sock.recvfrom(512)
+            except socket.timeout:
+                continue
+            except OSError:
+                return
+            arrived = time.monotonic()
+            answer = None
+            try:
+                self.forward.sendto(request, (self.upstream, 123))
+                answer, _ = self.forward.recvfrom(512)
+                self.sock.sendto(answer, client)
+            except OSError:
+                pass  # an unanswered request is recorded with no answer
+            with self.lock:
+                self.exchanges.append((arrived, request, answer))
+
+    def snapshot(self):
+        with self.lock:
+            return list(self.exchanges)
+
+    def close(self):
+        self.running = False
+        self.thread.join(timeout=5)
+        self.sock.close()
+        self.forward.close()
+
+
 def chrony_query(address, timeout=30):
     """Asks address:123 for the time with chrony as a version-3 client that never sets the
     clock. Returns (exit code, output)."""
