@@ -1,7 +1,7 @@
 #!/bin/bash
 # The soak at length: the service as the installation's server under Wine, with a second
-# installation as its client on the real schedule, under a steady load
-# and the query tool, with its memory, threads and descriptors sampled every 30 s.
+# installation as its client on the real schedule, under a steady load and the query tool; both
+# processes' memory, threads and descriptors are sampled every 30 s.
 # Usage: scripts/soak.sh [minutes, default 30]   (the test run does 1.5 minutes)
 set -euo pipefail
 cd "$(dirname "$0")/.."
