@@ -291,41 +291,29 @@ def wait_for_server(host, timeout):
     raise AssertionError(f"no SNTP server answered on {host}:123 within {timeout}s")
 
 
-class FakeSntpServer:
-    """A scripted SNTP server on a loopback address, port 123. Records every request; answers
-    as a good version-3 stratum-2 server, as a version-4 one, or not at all."""
+class _Port123Peer:
+    """A UDP socket on address:123 and a thread that hands each datagram to handle(request,
+    sender) until close()."""
 
-    def __init__(self, address, behaviour="good"):
-        self.address = address
-        self.behaviour = behaviour
-        self.requests = []  # (monotonic time, bytes)
+    def __init__(self, address, reuse=False):
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        if reuse:
+            self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self.sock.bind((address, 123))
         self.sock.settimeout(0.2)
         self.running = True
-        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread = threading.Thread(target=self._loop, daemon=True)
         self.thread.start()
 
-    def _serve(self):
+    def _loop(self):
         while self.running:
             try:
-                request, peer = self.sock.recvfrom(512)
+                request, sender = self.sock.recvfrom(512)
             except socket.timeout:
                 continue
             except OSError:
                 return
-            self.requests.append((time.monotonic(), request))
-            if self.behaviour == "silent" or len(request) != 48:
-                continue
-            answer = bytearray(48)
-            answer[0] = 0x24 if self.behaviour == "version4" else 0x1C
-            answer[1] = 2
-            answer[3] = 0xEC
-            answer[12:16] = socket.inet_aton("127.0.0.1")
-            answer[24:32] = request[40:48]
-            receive = ntp_now()
-            struct.pack_into(">QQ", answer, 32, receive, ntp_now())
-            self.sock.sendto(bytes(answer), peer)
+            self.handle(request, sender)
 
     def close(self):
         self.running = False
@@ -333,7 +321,32 @@ class FakeSntpServer:
         self.sock.close()
 
 
-class SntpRelay:
+class FakeSntpServer(_Port123Peer):
+    """A scripted SNTP server on a loopback address, port 123. Records every request; answers
+    as a good version-3 stratum-2 server, as a version-4 one, or not at all."""
+
+    def __init__(self, address, behaviour="good"):
+        self.address = address
+        self.behaviour = behaviour
+        self.requests = []  # (monotonic time, bytes)
+        super().__init__(address)
+
+    def handle(self, request, peer):
+        self.requests.append((time.monotonic(), request))
+        if self.behaviour == "silent" or len(request) != 48:
+            return
+        answer = bytearray(48)
+        answer[0] = 0x24 if self.behaviour == "version4" else 0x1C
+        answer[1] = 2
+        answer[3] = 0xEC
+        answer[12:16] = socket.inet_aton("127.0.0.1")
+        answer[24:32] = request[40:48]
+        receive = ntp_now()
+        struct.pack_into(">QQ", answer, 32, receive, ntp_now())
+        self.sock.sendto(bytes(answer), peer)
+
+
+class SntpRelay(_Port123Peer):
     """Passes SNTP requests that arrive on address:123 to the server on upstream:123 and its
     answers back from address:123, recording each (monotonic time, request, answer or None).
     A service in the server role listens on every address of this host and answers from
@@ -342,48 +355,32 @@ class SntpRelay:
 
     def __init__(self, address, upstream, timeout=2.0):
         self.upstream = upstream
-        self.timeout = timeout
         self.exchanges = []
         self.lock = threading.Lock()
-        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        # The server's wildcard socket on port 123 sets SO_REUSEADDR; so must this one.
-        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.sock.bind((address, 123))
-        self.sock.settimeout(0.2)
         self.forward = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.forward.bind((address, 0))
         self.forward.settimeout(timeout)
-        self.running = True
-        self.thread = threading.Thread(target=self._relay, daemon=True)
-        self.thread.start()
+        # The server's wildcard socket on port 123 sets SO_REUSEADDR; so must this one.
+        super().__init__(address, reuse=True)
 
-    def _relay(self):
-        while self.running:
-            try:
-                request, client = self.sock.recvfrom(512)
-            except socket.timeout:
-                continue
-            except OSError:
-                return
-            arrived = time.monotonic()
-            answer = None
-            try:
-                self.forward.sendto(request, (self.upstream, 123))
-                answer, _ = self.forward.recvfrom(512)
-                self.sock.sendto(answer, client)
-            except OSError:
-                pass  # an unanswered request is recorded with no answer
-            with self.lock:
-                self.exchanges.append((arrived, request, answer))
+    def handle(self, request, client):
+        arrived = time.monotonic()
+        answer = None
+        try:
+            self.forward.sendto(request, (self.upstream, 123))
+            answer, _ = self.forward.recvfrom(512)
+            self.sock.sendto(answer, client)
+        except OSError:
+            pass  # an unanswered request is recorded with no answer
+        with self.lock:
+            self.exchanges.append((arrived, request, answer))
 
     def snapshot(self):
         with self.lock:
             return list(self.exchanges)
 
     def close(self):
-        self.running = False
-        self.thread.join(timeout=5)
-        self.sock.close()
+        super().close()
         self.forward.close()
 
 
