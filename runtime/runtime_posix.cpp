@@ -96,9 +96,17 @@ void SystemWriteClock(int64_t fileTime) {
     clock_settime(CLOCK_REALTIME, &value);  // failures leave the clock as it is, by design
 }
 
-void SystemSeedRandom(uint32_t seed) { srand(seed); }
+// The C library's rand here reaches 2^31 - 1, but callers count on the 0..32767 of the Windows
+// runtime (the start delay multiplies by 60 in 32 bits). So this side runs that runtime's own
+// generator, with its state per thread as there: both builds draw the same sequence from a seed.
+thread_local uint32_t randomState = 1;
 
-int32_t SystemNextRandom() { return rand(); }
+void SystemSeedRandom(uint32_t seed) { randomState = seed; }
+
+int32_t SystemNextRandom() {
+    randomState = randomState * 214013u + 2531011u;
+    return static_cast<int32_t>((randomState >> 16) & 0x7FFFu);
+}
 }  // namespace
 
 const PlatformDriver systemDriver = {

@@ -137,6 +137,19 @@ TEST(Driver, SleepsAndClocksGoThroughTheInstalledDriver) {
     RemoveVirtualTime();
 }
 
+TEST(Driver, SystemRandomIsTheWindowsRuntimeSequenceOnEveryBuild) {
+    // Values above 32767 would throw the client's start delay out of 60..119 s.
+    systemDriver.seedRandom(1);
+    for (const int32_t expected : {41, 18467, 6334, 26500, 19169, 15724, 11478, 29358}) {
+        EXPECT_EQ(expected, systemDriver.nextRandom());
+    }
+    systemDriver.seedRandom(0xFFFFFFFFu);
+    for (int i = 0; i < 100000; ++i) {
+        const int32_t value = systemDriver.nextRandom();
+        ASSERT_TRUE(value >= 0 && value <= 32767) << value;
+    }
+}
+
 TEST(Driver, TheRealClockIsNeverSetByATest) {
     const uint32_t before = GuardedClockWrites();
     WriteSystemFileTime(UNIX_EPOCH_FILETIME);
