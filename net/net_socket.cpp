@@ -9,12 +9,22 @@
 #include "net/ipv4.h"
 #include "net/peer_registry.h"
 #include "net/socket_platform.h"
+#include "runtime/runtime.h"
 
 namespace {
 // Live NetSocket objects. Create and destroy must pair: an unpaired destroy wraps the count
-// below zero, after which the library is never shut down. Atomic only so that readers on other
-// threads (the IPv4 routines) see a whole value.
+// below zero, after which the library is never shut down. Changed only under LibraryLock, so
+// the library's start and stop, and the ageing thread's with them, never overlap; atomic so that
+// readers on other threads (the IPv4 routines) see a whole value.
 std::atomic<uint32_t> libraryUsers{0};
+
+// Lives as long as the process: any thread may create or destroy the first or last socket.
+Lock* LibraryLock() {
+    static Lock lock;
+    static const int32_t made = InitLock(&lock);
+    (void)made;
+    return &lock;
+}
 
 const int32_t LISTEN_BACKLOG = 100;
 const uint32_t NET_SOCKET_DATAGRAM_ALT = 3;  // the other datagram type; this system uses 2
@@ -54,15 +64,16 @@ int32_t CreateNetSocket(NetSocket* socket, uint32_t type) {
     if (socket == nullptr) {
         return 1;
     }
+    EnterLock(LibraryLock());
     if (libraryUsers.load() == 0) {
         if (StartSocketLibrary() != 0) {
+            LeaveLock(LibraryLock());
             return 1;
         }
-        libraryUsers.store(1);
         StartPeerRegistry();
-    } else {
-        libraryUsers.fetch_add(1);
     }
+    libraryUsers.fetch_add(1);
+    LeaveLock(LibraryLock());
     socket->handle = NET_INVALID_HANDLE;
     socket->type = type;
     socket->state = NET_STATE_CLOSED;
@@ -212,12 +223,12 @@ int32_t DestroyNetSocket(NetSocket* socket) {
     }
     free(socket->attachment);
     socket->attachment = nullptr;
-    const uint32_t users = libraryUsers.load() - 1;
-    libraryUsers.store(users);
-    if (users == 0) {
+    EnterLock(LibraryLock());
+    if (libraryUsers.fetch_sub(1) == 1) {
         StopPeerRegistry();
         StopSocketLibrary();
     }
+    LeaveLock(LibraryLock());
     return 0;
 }
 

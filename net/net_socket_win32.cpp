@@ -1,6 +1,7 @@
 // Windows Sockets edge of NetSocket: WSAStartup 2.0 for the library, SOCKET handles as they
 // are, WSAGetLastError captured right after the call that failed.
 #include <winsock2.h>
+#include <mswsock.h>
 #include <ws2tcpip.h>
 
 #include <cstring>
@@ -48,6 +49,15 @@ uint64_t OpenPlatformSocket(int32_t datagram, int32_t* error) {
     if (handle == INVALID_SOCKET) {
         *error = WSAGetLastError();
         return NET_INVALID_HANDLE;
+    }
+    if (datagram != 0) {
+        // Windows hands a datagram socket the ICMP "port unreachable" of an earlier send as
+        // WSAECONNRESET on its next receive. A server with nothing on port 123 would then read
+        // as an invalid answer instead of silence, and the server role would fail a receive for
+        // every client that went away. Best effort: without it, the old behaviour stays.
+        BOOL report = FALSE;
+        DWORD returned = 0;
+        WSAIoctl(handle, SIO_UDP_CONNRESET, &report, sizeof report, nullptr, 0, &returned, nullptr, nullptr);
     }
     return static_cast<uint64_t>(handle);
 }

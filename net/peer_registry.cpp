@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <new>
 #include <set>
 
@@ -25,21 +24,24 @@ struct PeerTable {
 };
 
 namespace {
-std::atomic<uint32_t> running{0};
+// The ageing thread and the wakeup that ends it. Written only by StartPeerRegistry and
+// StopPeerRegistry, which the socket library calls one at a time under its own lock.
+ThreadHandle ageingThread = nullptr;
+Wakeup* ageingStop = nullptr;
 std::atomic<uint32_t> threadInLoop{0};
-// Either lock may be absent when it could not be allocated; the runtime's lock calls then do
-// nothing, as they do for any null lock.
-std::atomic<Lock*> threadLock{nullptr};
-std::atomic<Lock*> registryLock{nullptr};
+std::atomic<uint32_t> ageingThreads{0};
 
-// A thread created by one start can run late, after that library's shutdown and even after the
-// next start. The generation tells it whether it still belongs to the running library; the
-// guard makes its check and its entry into the thread lock one step as seen by shutdown.
-std::mutex lifecycleGuard;
-uint64_t generation = 0;
+// The registry lock lives as long as the process: made on first use and never deleted, so no
+// thread can ever meet it freed, whatever the order of library starts and stops.
+Lock* RegistryLock() {
+    static Lock lock;
+    static const int32_t made = InitLock(&lock);
+    (void)made;
+    return &lock;
+}
 
-// The tables live as long as the process; never destroyed, so that a thread still sweeping at
-// exit does not meet destroyed containers.
+// The tables live as long as the process too; never destroyed, so that nothing still sweeping
+// at exit meets destroyed containers.
 std::set<uintptr_t>& SocketTable() {
     static std::set<uintptr_t>* table = new std::set<uintptr_t>;
     return *table;
@@ -52,29 +54,11 @@ std::map<BlockedKey, int64_t>& BlockedTable() {
 
 class RegistryHold {
 public:
-    RegistryHold() : lock_(registryLock.load()) { EnterLock(lock_); }
-    ~RegistryHold() { LeaveLock(lock_); }
+    RegistryHold() { EnterLock(RegistryLock()); }
+    ~RegistryHold() { LeaveLock(RegistryLock()); }
     RegistryHold(const RegistryHold&) = delete;
     RegistryHold& operator=(const RegistryHold&) = delete;
-
-private:
-    Lock* lock_;
 };
-
-Lock* NewLock() {
-    Lock* lock = new (std::nothrow) Lock;
-    if (lock != nullptr) {
-        InitLock(lock);
-    }
-    return lock;
-}
-
-void FreeLock(Lock* lock) {
-    if (lock != nullptr) {
-        DeleteLock(lock);
-        delete lock;
-    }
-}
 
 PeerKey MakePeerKey(uint32_t address) {
     PeerKey key;
@@ -94,71 +78,50 @@ bool OlderThan(int64_t now, int64_t since, int64_t keep) {
     return now > since && static_cast<uint64_t>(now) - static_cast<uint64_t>(since) > static_cast<uint64_t>(keep);
 }
 
-uint32_t RunAgeingThread(uint64_t myGeneration) {
-    if (running.load() == 0) {
-        return 0;
-    }
-    Lock* held = nullptr;
-    {
-        std::lock_guard<std::mutex> guard(lifecycleGuard);
-        if (running.load() == 0 || myGeneration != generation) {
-            return 0;
-        }
-        held = threadLock.load();
-        if (held == nullptr) {
-            return 0;  // without its lock nothing could wait for this thread to stop
-        }
-        EnterLock(held);
-    }
-    threadInLoop.store(1);
+// Sweeps once a second until its wakeup is signalled. The wakeup ends the sleep at once, so the
+// last NetSocket's destroy (which joins this thread) costs no second of waiting: a client that
+// destroys its socket between the arrival of an answer and the setting of the clock must not
+// set the clock late.
+uint32_t RunAgeingThread(uint64_t argument) {
+    Wakeup* stop = reinterpret_cast<Wakeup*>(static_cast<uintptr_t>(argument));
+    threadInLoop.fetch_add(1);
     do {
         SweepPeerRegistry(ReadWallClock(nullptr));
-        SleepFor(PEER_SWEEP_INTERVAL_MS);
-    } while (running.load() == 1);
-    threadInLoop.store(0);
-    LeaveLock(held);
+    } while (SleepUnlessWoken(stop, PEER_SWEEP_INTERVAL_MS) == 0);
+    threadInLoop.fetch_sub(1);
     return 0;
 }
 }  // namespace
 
 void StartPeerRegistry() {
-    Lock* newThreadLock = NewLock();
-    Lock* newRegistryLock = NewLock();
-    uint64_t myGeneration = 0;
-    {
-        std::lock_guard<std::mutex> guard(lifecycleGuard);
-        threadLock.store(newThreadLock);
-        registryLock.store(newRegistryLock);
-        running.store(1);
-        myGeneration = ++generation;
+    RegistryLock();  // made here at the latest, before any thread can race to make it
+    ageingStop = CreateWakeup();
+    if (ageingStop == nullptr) {
+        return;  // without a way to stop it no thread is started: admission works, peers never age
     }
     // A thread that cannot be created is ignored: admission still works, peers just never age.
-    StartThread(RunAgeingThread, myGeneration);
+    if (StartJoinableThread(RunAgeingThread, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(ageingStop)),
+                            &ageingThread) == 0) {
+        DestroyWakeup(ageingStop);
+        ageingStop = nullptr;
+        return;
+    }
+    ageingThreads.fetch_add(1);
 }
 
 void StopPeerRegistry() {
-    {
-        std::lock_guard<std::mutex> guard(lifecycleGuard);
-        running.store(0);
+    // The thread is joined, not just told: when this returns it has left its loop for good.
+    SignalWakeup(ageingStop);
+    if (ageingThread != nullptr) {
+        JoinThread(ageingThread);
+        ageingThread = nullptr;
+        ageingThreads.fetch_sub(1);
     }
-    // The thread holds this lock from before its first sweep until after its last sleep.
-    Lock* waitOn = threadLock.load();
-    EnterLock(waitOn);
-    LeaveLock(waitOn);
-    {
-        RegistryHold hold;
-        SocketTable().clear();
-        BlockedTable().clear();
-    }
-    Lock* oldThreadLock = nullptr;
-    Lock* oldRegistryLock = nullptr;
-    {
-        std::lock_guard<std::mutex> guard(lifecycleGuard);
-        oldThreadLock = threadLock.exchange(nullptr);
-        oldRegistryLock = registryLock.exchange(nullptr);
-    }
-    FreeLock(oldThreadLock);
-    FreeLock(oldRegistryLock);
+    DestroyWakeup(ageingStop);
+    ageingStop = nullptr;
+    RegistryHold hold;
+    SocketTable().clear();
+    BlockedTable().clear();
 }
 
 void RegisterPeerSocket(NetSocket* socket) {
@@ -275,3 +238,5 @@ size_t CountBlockedPeers() {
 }
 
 int32_t PeerThreadRunning() { return static_cast<int32_t>(threadInLoop.load()); }
+
+uint32_t CountAgeingThreads() { return ageingThreads.load(); }

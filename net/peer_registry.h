@@ -3,8 +3,9 @@
 // blocked (address, local port) pairs, and the ageing thread that forgets peers after 5 s of
 // silence and blocked pairs after 30 s. Started by the first NetSocket, stopped by the last.
 //
-// Locks: the thread lock (held by the ageing thread for its whole run) before the registry lock
-// (every table), never the reverse. Times are seconds since 1970 from ReadWallClock.
+// One registry lock guards every table; it and the tables live as long as the process. The
+// ageing thread is joined by the stop, so none outlives the library. Times are seconds since
+// 1970 from ReadWallClock.
 #pragma once
 
 #include <cstddef>
@@ -16,11 +17,11 @@ const int64_t PEER_KEEP_SECONDS = 5;
 const int64_t BLOCKED_KEEP_SECONDS = 30;
 const uint32_t PEER_SWEEP_INTERVAL_MS = 1000;
 
-// Creates the locks and starts the ageing thread (NetSocket create, library going up).
+// Starts the ageing thread (NetSocket create, library going up). Start and stop are called one
+// at a time, under the socket library's lock.
 void StartPeerRegistry();
-// Stops the ageing thread and waits for it to leave its loop (at most about one sleep), empties
-// the socket and blocked tables, deletes the locks. Peer tables of live sockets are left to
-// UnregisterPeerSocket.
+// Wakes the ageing thread, waits until it has ended (no longer than one sweep), and empties the
+// socket and blocked tables. Peer tables of live sockets are left to UnregisterPeerSocket.
 void StopPeerRegistry();
 
 // Attaches an empty peer table and enters the socket into the socket table.
@@ -45,5 +46,7 @@ void SweepPeerRegistry(int64_t now);
 size_t CountPeers(const NetSocket* socket);
 size_t CountPeerSockets();
 size_t CountBlockedPeers();
-// 1 while the ageing thread is inside its loop.
+// Ageing threads inside their loop: 1 while the library runs (once the thread got going).
 int32_t PeerThreadRunning();
+// Ageing threads started and not yet joined: 1 while the library runs, 0 after its stop.
+uint32_t CountAgeingThreads();

@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+struct Wakeup;
+
 struct PlatformDriver {
     uint32_t (*tickCount)();                        // GetTickCount: ms since system start, wraps
     void (*sleep)(uint32_t milliseconds);           // Sleep
@@ -15,6 +17,9 @@ struct PlatformDriver {
     void (*writeSystemClock)(int64_t fileTime);     // sets the UTC system clock, whole ms
     void (*seedRandom)(uint32_t seed);              // srand
     int32_t (*nextRandom)();                        // rand: 0..32767
+    // Sleeps up to milliseconds, returning at once with 1 when the wakeup is (or becomes)
+    // signalled; 0 when the time ran out. WaitForSingleObject on an event.
+    int32_t (*sleepUnlessWoken)(Wakeup* wakeup, uint32_t milliseconds);
 };
 
 // The operating system's own driver (runtime_win32.cpp or runtime_posix.cpp).

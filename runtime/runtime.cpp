@@ -29,6 +29,14 @@ int32_t SleepFor(uint32_t milliseconds) {
     return 0;
 }
 
+int32_t SleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
+    if (wakeup == nullptr) {
+        Driver().sleep(milliseconds);
+        return 0;
+    }
+    return Driver().sleepUnlessWoken(wakeup, milliseconds);
+}
+
 int32_t PauseBriefly() { return SleepFor(10); }
 
 int64_t ReadWallClock(int64_t* output) {

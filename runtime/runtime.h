@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+#include "runtime/platform.h"
+
 #ifdef _WIN32
 #include <windows.h>
 // The platform critical section itself: recursive for its owner, no time-out.
@@ -46,6 +48,28 @@ typedef uint32_t (*ThreadFunction)(uint64_t argument);
 // Runs function(argument) on a new detached thread. 1 when the thread was created, 0 otherwise.
 // An exception escaping the function ends the process with exit status 1.
 int32_t StartThread(ThreadFunction function, uint64_t argument);
+
+// A thread whose end is waited for: the few threads that must be gone before their owner goes on
+// (the peer registry's ageing thread, the time thread). Null when none runs.
+typedef struct JoinableThread* ThreadHandle;
+
+// Runs function(argument) on a new thread that JoinThread waits for. 1 and *handle when the
+// thread was created, 0 and a null *handle otherwise (the thread starter's polarity).
+int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle);
+// Waits until the thread has returned and releases its handle. Null is ignored.
+void JoinThread(ThreadHandle handle);
+
+// A signal that ends a SleepUnlessWoken at once: how an owner stops a thread that sleeps between
+// rounds without waiting for its sleep to run out. Manual reset: once signalled it stays so.
+// Null when it cannot be made; the functions below ignore a null wakeup.
+Wakeup* CreateWakeup();
+void DestroyWakeup(Wakeup* wakeup);
+void SignalWakeup(Wakeup* wakeup);
+// 1 once signalled, else 0 (also for null).
+int32_t WakeupSignalled(Wakeup* wakeup);
+// Sleeps up to milliseconds through the platform driver: 1 as soon as the wakeup is signalled,
+// 0 when the time ran out. A null wakeup is a plain sleep.
+int32_t SleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds);
 
 // Sleeps through the platform driver (virtual in tests). Both return 0.
 int32_t SleepFor(uint32_t milliseconds);

@@ -79,6 +79,20 @@ void SystemSleep(uint32_t milliseconds) {
     }
 }
 
+timespec DeadlineAfter(uint32_t milliseconds) {
+    timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += static_cast<time_t>(milliseconds / 1000u);
+    deadline.tv_nsec += static_cast<long>(milliseconds % 1000u) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000L;
+    }
+    return deadline;
+}
+
+int32_t SystemSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds);
+
 int64_t SystemWallClock() { return static_cast<int64_t>(time(nullptr)); }
 
 int64_t SystemReadClock() {
@@ -110,10 +124,82 @@ int32_t SystemNextRandom() {
 }  // namespace
 
 const PlatformDriver systemDriver = {
-    SystemTickCount, SystemSleep, SystemWallClock, SystemReadClock, SystemWriteClock, SystemSeedRandom, SystemNextRandom,
+    SystemTickCount,  SystemSleep,      SystemWallClock,       SystemReadClock, SystemWriteClock,
+    SystemSeedRandom, SystemNextRandom, SystemSleepUnlessWoken,
 };
 
-int32_t StartThread(ThreadFunction function, uint64_t argument) {
+// A condition variable on the monotonic clock stands in for the Windows event.
+struct Wakeup {
+    pthread_mutex_t mutex;
+    pthread_cond_t changed;
+    int32_t signalled;
+};
+
+struct JoinableThread {
+    pthread_t thread;
+};
+
+Wakeup* CreateWakeup() {
+    Wakeup* wakeup = static_cast<Wakeup*>(calloc(1, sizeof(Wakeup)));
+    if (wakeup == nullptr) {
+        return nullptr;
+    }
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_cond_init(&wakeup->changed, &attributes);
+    pthread_condattr_destroy(&attributes);
+    pthread_mutex_init(&wakeup->mutex, nullptr);
+    return wakeup;
+}
+
+void DestroyWakeup(Wakeup* wakeup) {
+    if (wakeup == nullptr) {
+        return;
+    }
+    pthread_cond_destroy(&wakeup->changed);
+    pthread_mutex_destroy(&wakeup->mutex);
+    free(wakeup);
+}
+
+void SignalWakeup(Wakeup* wakeup) {
+    if (wakeup == nullptr) {
+        return;
+    }
+    pthread_mutex_lock(&wakeup->mutex);
+    wakeup->signalled = 1;
+    pthread_cond_broadcast(&wakeup->changed);
+    pthread_mutex_unlock(&wakeup->mutex);
+}
+
+int32_t WakeupSignalled(Wakeup* wakeup) {
+    if (wakeup == nullptr) {
+        return 0;
+    }
+    pthread_mutex_lock(&wakeup->mutex);
+    const int32_t signalled = wakeup->signalled;
+    pthread_mutex_unlock(&wakeup->mutex);
+    return signalled;
+}
+
+namespace {
+int32_t SystemSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
+    const timespec deadline = DeadlineAfter(milliseconds);
+    pthread_mutex_lock(&wakeup->mutex);
+    while (wakeup->signalled == 0) {
+        if (pthread_cond_timedwait(&wakeup->changed, &wakeup->mutex, &deadline) == ETIMEDOUT) {
+            break;
+        }
+    }
+    const int32_t signalled = wakeup->signalled;
+    pthread_mutex_unlock(&wakeup->mutex);
+    return signalled;
+}
+}  // namespace
+
+namespace {
+// Creates the thread detached or joinable; 1 and its identity when it was created.
+int32_t CreatePlatformThread(ThreadFunction function, uint64_t argument, bool detached, pthread_t* thread) {
     if (function == nullptr) {
         return 0;
     }
@@ -125,15 +211,45 @@ int32_t StartThread(ThreadFunction function, uint64_t argument) {
     block->argument = argument;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_t thread;
-    const int failed = pthread_create(&thread, &attributes, RunThread, block);
+    pthread_attr_setdetachstate(&attributes, detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
+    const int failed = pthread_create(thread, &attributes, RunThread, block);
     pthread_attr_destroy(&attributes);
     if (failed != 0) {
         free(block);
         return 0;
     }
     return 1;
+}
+}  // namespace
+
+int32_t StartThread(ThreadFunction function, uint64_t argument) {
+    pthread_t thread;
+    return CreatePlatformThread(function, argument, true, &thread);
+}
+
+int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle) {
+    if (handle == nullptr) {
+        return 0;
+    }
+    *handle = nullptr;
+    JoinableThread* joinable = static_cast<JoinableThread*>(calloc(1, sizeof(JoinableThread)));
+    if (joinable == nullptr) {
+        return 0;
+    }
+    if (CreatePlatformThread(function, argument, false, &joinable->thread) == 0) {
+        free(joinable);
+        return 0;
+    }
+    *handle = joinable;
+    return 1;
+}
+
+void JoinThread(ThreadHandle handle) {
+    if (handle == nullptr) {
+        return;
+    }
+    pthread_join(handle->thread, nullptr);
+    free(handle);
 }
 
 void SetCurrentThreadPriority(int32_t) {}

@@ -86,29 +86,119 @@ void SystemWriteClock(int64_t value) {
 void SystemSeedRandom(uint32_t seed) { srand(seed); }
 
 int32_t SystemNextRandom() { return rand(); }
+
+int32_t SystemSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds);
 }  // namespace
 
 const PlatformDriver systemDriver = {
-    SystemTickCount, SystemSleep, SystemWallClock, SystemReadClock, SystemWriteClock, SystemSeedRandom, SystemNextRandom,
+    SystemTickCount,  SystemSleep,      SystemWallClock,       SystemReadClock, SystemWriteClock,
+    SystemSeedRandom, SystemNextRandom, SystemSleepUnlessWoken,
 };
 
-int32_t StartThread(ThreadFunction function, uint64_t argument) {
-    if (function == nullptr) {
+// A manual-reset event: once signalled, every later wait returns at once.
+struct Wakeup {
+    HANDLE event;
+};
+
+struct JoinableThread {
+    HANDLE thread;
+};
+
+Wakeup* CreateWakeup() {
+    Wakeup* wakeup = static_cast<Wakeup*>(calloc(1, sizeof(Wakeup)));
+    if (wakeup == nullptr) {
+        return nullptr;
+    }
+    wakeup->event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    if (wakeup->event == nullptr) {
+        free(wakeup);
+        return nullptr;
+    }
+    return wakeup;
+}
+
+void DestroyWakeup(Wakeup* wakeup) {
+    if (wakeup == nullptr) {
+        return;
+    }
+    CloseHandle(wakeup->event);
+    free(wakeup);
+}
+
+void SignalWakeup(Wakeup* wakeup) {
+    if (wakeup != nullptr) {
+        SetEvent(wakeup->event);
+    }
+}
+
+int32_t WakeupSignalled(Wakeup* wakeup) {
+    if (wakeup == nullptr) {
         return 0;
+    }
+    return WaitForSingleObject(wakeup->event, 0) == WAIT_OBJECT_0 ? 1 : 0;
+}
+
+namespace {
+int32_t SystemSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
+    return WaitForSingleObject(wakeup->event, milliseconds) == WAIT_OBJECT_0 ? 1 : 0;
+}
+}  // namespace
+
+namespace {
+// The new thread's handle, or null when it could not be created.
+HANDLE CreatePlatformThread(ThreadFunction function, uint64_t argument) {
+    if (function == nullptr) {
+        return nullptr;
     }
     ThreadStartBlock* block = static_cast<ThreadStartBlock*>(calloc(1, sizeof(ThreadStartBlock)));
     if (block == nullptr) {
-        return 0;
+        return nullptr;
     }
     block->function = function;
     block->argument = argument;
     const uintptr_t handle = _beginthreadex(nullptr, 0, RunThread, block, 0, nullptr);
     if (handle == 0) {
         free(block);
+        return nullptr;
+    }
+    return reinterpret_cast<HANDLE>(handle);
+}
+}  // namespace
+
+int32_t StartThread(ThreadFunction function, uint64_t argument) {
+    const HANDLE thread = CreatePlatformThread(function, argument);
+    if (thread == nullptr) {
         return 0;
     }
-    CloseHandle(reinterpret_cast<HANDLE>(handle));  // detached: nobody joins it
+    CloseHandle(thread);  // detached: nobody joins it
     return 1;
+}
+
+int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle) {
+    if (handle == nullptr) {
+        return 0;
+    }
+    *handle = nullptr;
+    JoinableThread* joinable = static_cast<JoinableThread*>(calloc(1, sizeof(JoinableThread)));
+    if (joinable == nullptr) {
+        return 0;
+    }
+    joinable->thread = CreatePlatformThread(function, argument);
+    if (joinable->thread == nullptr) {
+        free(joinable);
+        return 0;
+    }
+    *handle = joinable;
+    return 1;
+}
+
+void JoinThread(ThreadHandle handle) {
+    if (handle == nullptr) {
+        return;
+    }
+    WaitForSingleObject(handle->thread, INFINITE);
+    CloseHandle(handle->thread);
+    free(handle);
 }
 
 void SetCurrentThreadPriority(int32_t priority) {

@@ -99,12 +99,15 @@ void WINAPI ServiceMain(DWORD, LPSTR*) {
     if (statusHandle == nullptr) {
         return;
     }
+    // Made before stop is accepted: a stop that arrives right after "running" is then never lost
+    // on an event that does not exist yet.
+    stopEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     ReportState(SERVICE_START_PENDING);
-    // Running is reported before any of the service's own work, by design.
+    // Running is reported before any of the service's own work, so that the manager never
+    // waits on the takeover of W32Time or on the first reading of the setting.
     serviceStatus.dwControlsAccepted |= ACCEPTED_WHEN_RUNNING;
     ReportState(SERVICE_RUNNING);
 
-    stopEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     DisableWindowsTimeService();
     EnableSystemTimePrivilege();
     SetReportCallback(SendWorkstationReport);

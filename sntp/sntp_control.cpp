@@ -24,6 +24,33 @@ const char SETTING_KEY[] = "SNTP_IP";
 const uint32_t DIRECTORY_COPY_LIMIT = 512;
 const uint32_t STOP_GRACE_MS = 1200;  // covers a one-second sleep and a 500 ms wait step
 
+// The one time thread, client or server; null when none runs. Its start, restart and stop
+// change it only under ControlLock, and a thread is started only after the one before it has
+// been joined: so there is never a second time thread, and the stop flag that a new thread
+// clears at its start can no longer be needed by an old one.
+ThreadHandle timeThread = nullptr;
+// Set by StopSntp, cleared by StartSntp: a restart that comes after the stop (a control that
+// raced the service's end) starts nothing.
+bool synchronisationStopped = false;
+
+// Lives as long as the process. The service host's controlLock serialises its own restarts;
+// this one also covers StartSntp and StopSntp, which the host calls without it, so that a
+// restart asked for before the first start or during the last stop cannot add a thread.
+Lock* ControlStateLock() {
+    static Lock lock;
+    static const int32_t made = InitLock(&lock);
+    (void)made;
+    return &lock;
+}
+
+class ControlHold {
+public:
+    ControlHold() { EnterLock(ControlStateLock()); }
+    ~ControlHold() { LeaveLock(ControlStateLock()); }
+    ControlHold(const ControlHold&) = delete;
+    ControlHold& operator=(const ControlHold&) = delete;
+};
+
 void InitialiseOnce() {
     if (sntpInitialised != 0) {
         return;
@@ -100,7 +127,18 @@ int32_t ChooseServerRole(const char* setting) {
     return 0;
 }
 
-int32_t StartSntp() {
+namespace {
+// The thread has been told to stop (stopRequested): waits until it has ended. After the grace
+// period a time thread has normally ended already; one that has not (a name resolution that
+// takes its time, a host too busy to schedule it) is waited for, as a second time thread would
+// be worse than a late one.
+void JoinTimeThread() {
+    JoinThread(timeThread);
+    timeThread = nullptr;
+}
+
+// Steps 1 to 6 of a start, with no time thread running.
+int32_t StartTimeThread() {
     InitialiseOnce();
     serverRole = 1;
     char directory[PATH_CAPACITY];
@@ -109,26 +147,53 @@ int32_t StartSntp() {
         return 1;
     }
     if (ChooseServerRole(sntpServerSetting) != 0) {
-        StartThread(SntpServerThread, 0);
+        StartJoinableThread(SntpServerThread, 0, &timeThread);
     } else {
         serverRole = 0;
-        // The client copies the text before the controller could write it again.
-        StartThread(SntpClientThread, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(sntpServerSetting)));
+        // The client copies the text at its start; the next write comes after it was joined.
+        StartJoinableThread(SntpClientThread, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(sntpServerSetting)),
+                            &timeThread);
     }
     return 0;
 }
 
-int32_t RestartSntp() {
+// Stop flag, clears, the grace period, and the old thread joined.
+void StopTimeThread() {
     stopRequested = 1;
     ClearAllSntpTroubles();
     SleepFor(STOP_GRACE_MS);
-    return StartSntp();
+    JoinTimeThread();
+}
+}  // namespace
+
+int32_t StartSntp() {
+    ControlHold hold;
+    synchronisationStopped = false;
+    if (timeThread != nullptr) {
+        // A restart got here first: its thread gives way to this start's.
+        stopRequested = 1;
+        JoinTimeThread();
+    }
+    return StartTimeThread();
+}
+
+int32_t RestartSntp() {
+    ControlHold hold;
+    if (synchronisationStopped) {
+        return 0;
+    }
+    StopTimeThread();
+    return StartTimeThread();
 }
 
 int32_t StopSntp() {
-    stopRequested = 1;
-    ClearAllSntpTroubles();
-    // The thread is not joined: this grace period is the whole of the handshake.
-    SleepFor(STOP_GRACE_MS);
+    ControlHold hold;
+    synchronisationStopped = true;
+    StopTimeThread();
     return 0;
+}
+
+int32_t TimeThreadRunning() {
+    ControlHold hold;
+    return timeThread != nullptr ? 1 : 0;
 }

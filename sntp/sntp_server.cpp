@@ -101,11 +101,16 @@ int32_t BuildSntpAnswer(const uint8_t* request, int32_t length, const uint8_t* r
 
 uint32_t SntpServerThread(uint64_t upstream) {
     NetSocket socket;
-    CreateNetSocket(&socket, NET_SOCKET_DATAGRAM);
+    const bool created = CreateNetSocket(&socket, NET_SOCKET_DATAGRAM) == 0;
     stopRequested = 0;
-    if (OpenNetSocket(&socket, sntpServerPort.load(), SNTP_SERVER_PEER_LIMIT) != 0) {
-        // Usually the Windows Time service still holds the port. The thread idles until the
-        // controller stops it; the socket object is left as it is, as it always has been.
+    if (!created || OpenNetSocket(&socket, sntpServerPort.load(), SNTP_SERVER_PEER_LIMIT) != 0) {
+        // Usually the Windows Time service still holds the port. In the default installation the
+        // server is restarted every minute, so what was opened is given back at once: a socket
+        // and a library reference left behind here would pile up by 1440 a day.
+        if (created) {
+            CloseNetSocket(&socket);
+            DestroyNetSocket(&socket);
+        }
         SetSntpTrouble(SNTP_SERVER_NOT_STARTED);
         while (stopRequested.load() == 0) {
             SleepFor(IDLE_STEP_MS);
@@ -124,7 +129,10 @@ uint32_t SntpServerThread(uint64_t upstream) {
         uint8_t answer[NTP_PACKET_SIZE] = {};
         const int32_t ready = WaitNetSocketReadable(&socket, SELECT_STEP_MS);
         if (ready == -1) {
+            // Reported on every failing pass; the pause keeps a failure that persists from
+            // flooding the workstation and spinning the processor.
             SetSntpTrouble(SNTP_SOCKET_ERROR);
+            SleepFor(IDLE_STEP_MS);
             continue;
         }
         if (ready != 1) {

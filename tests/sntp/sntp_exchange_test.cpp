@@ -4,11 +4,17 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "net/ipv4_platform.h"
 #include "net/net_socket.h"
+#include "runtime/platform.h"
+#include "runtime/runtime.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_troubles.h"
@@ -155,10 +161,6 @@ TEST_F(SntpExchangeTest, AFaultyFirstAnswerEndsTheExchangeWithItsCode) {
         {FakeAnswer::VERSION_4, SNTP_INCOMPATIBLE_VERSION},       {FakeAnswer::SHORT_47, SNTP_INVALID_RESPONSE},
         {FakeAnswer::LONG_49, SNTP_INVALID_RESPONSE},
     };
-    // Held open across the cases: otherwise each exchange, destroying the last socket, waits up
-    // to a second for the peer registry's thread to stop.
-    NetSocket holder;
-    ASSERT_EQ(0, CreateNetSocket(&holder, NET_SOCKET_DATAGRAM));
     ASSERT_EQ(0, fake.Start(FAKE_ADDRESS, FakeAnswer::GOOD));
     uint32_t requests = 0;
     for (const auto& c : cases) {
@@ -168,8 +170,6 @@ TEST_F(SntpExchangeTest, AFaultyFirstAnswerEndsTheExchangeWithItsCode) {
         requests += 1;
         EXPECT_EQ(requests, fake.Requests()) << "one request per exchange, no retry";
     }
-    EXPECT_EQ(1u, NetLibraryUsers()) << "the holder alone";
-    DestroyNetSocket(&holder);
 }
 
 TEST_F(SntpExchangeTest, SilenceEndsAfterTheTimeoutPlusOneStep) {
@@ -200,6 +200,90 @@ TEST_F(SntpExchangeTest, AStopRequestEndsTheWaitAtTheNextStep) {
     // Far below the 60 s the exchange would otherwise wait.
     EXPECT_LT(MillisecondsSince(stop), 10000);
     ExpectOutputsUntouched();
+}
+
+// Windows hands a datagram socket the ICMP "port unreachable" of its request as an error on the
+// next receive; a server that is down must still read as silence, not as an invalid answer.
+TEST_F(SntpExchangeTest, NothingListeningOnTheServersPortIsSilence) {
+    EXPECT_EQ(SNTP_NO_RESPONSE, Exchange("127.0.0.29", 1000));
+    ExpectOutputsUntouched();
+}
+
+namespace {
+// The real clocks, sockets and sleeps, except that the client thread's own sleeps return at once
+// until the clock has been set (so it reaches its first exchange without its minute of start
+// delay), and a clock writer that records what it was handed and when, by this host's clock.
+std::mutex settingsMutex;
+std::vector<std::pair<int64_t, uint64_t>> settings;  // (FILETIME handed over, host clock in NTP then)
+std::thread::id clientThread;
+
+// The client seeds the random source once, at its start: that names its thread.
+void NoteClientThread(uint32_t) {
+    std::lock_guard<std::mutex> hold(settingsMutex);
+    clientThread = std::this_thread::get_id();
+}
+
+void RecordSetting(int64_t fileTime) {
+    const uint64_t hostNow = HostClockNtp();
+    std::lock_guard<std::mutex> hold(settingsMutex);
+    settings.emplace_back(fileTime, hostNow);
+}
+
+void SleepUntilSet(uint32_t milliseconds) {
+    bool fast = false;
+    {
+        std::lock_guard<std::mutex> hold(settingsMutex);
+        fast = std::this_thread::get_id() == clientThread && settings.empty();
+    }
+    if (!fast) {
+        systemDriver.sleep(milliseconds);
+    }
+}
+}  // namespace
+
+// The outcome of a whole client cycle, not its mechanics: a server whose clock is 5 s ahead of
+// this host answers, and the time handed to the clock writer is the server's time at the moment
+// of the setting, within the millisecond the system time keeps and one of slack.
+TEST_F(SntpExchangeTest, TheClientSetsTheServersTimeAtTheMomentOfSetting) {
+    const int64_t AHEAD_MS = 5000;
+    const double BUDGET_MS = 2.0;
+    {
+        std::lock_guard<std::mutex> hold(settingsMutex);
+        settings.clear();
+    }
+    PlatformDriver recording = systemDriver;
+    recording.sleep = SleepUntilSet;
+    recording.writeSystemClock = RecordSetting;
+    recording.seedRandom = NoteClientThread;
+    const PlatformDriver* previous = InstallPlatformDriver(&recording);
+    ASSERT_EQ(0, fake.Start(FAKE_ADDRESS, FakeAnswer::GOOD));
+    fake.AnswerFromHostClock(AHEAD_MS);
+
+    static char server[32];
+    std::snprintf(server, sizeof server, "%s", FAKE_ADDRESS);
+    ASSERT_EQ(1, StartThread(SntpClientThread, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(server))));
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(20);
+    while (Clock::now() < deadline) {
+        std::lock_guard<std::mutex> hold(settingsMutex);
+        if (!settings.empty()) {
+            break;
+        }
+    }
+    stopRequested = 1;
+    while (clientRunning.load() != 0 && Clock::now() < deadline + std::chrono::seconds(5)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    InstallPlatformDriver(previous);
+    EXPECT_EQ(0, clientRunning.load());
+
+    std::lock_guard<std::mutex> hold(settingsMutex);
+    ASSERT_FALSE(settings.empty()) << "the client never set the clock";
+    const int64_t handedOver = settings.front().first;
+    const uint64_t serverThen = settings.front().second + (static_cast<uint64_t>(AHEAD_MS) << 32) / 1000u;
+    const double setMs = static_cast<double>(handedOver - ntpEpochFileTime) / 10000.0;
+    const double serverMs = static_cast<double>(serverThen >> 32) * 1000.0 +
+                            static_cast<double>(serverThen & 0xFFFFFFFFu) * 1000.0 / 4294967296.0;
+    EXPECT_NEAR(serverMs, setMs, BUDGET_MS) << "set " << setMs - serverMs << " ms from the server's time";
 }
 
 namespace {

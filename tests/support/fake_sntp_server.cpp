@@ -31,6 +31,15 @@ std::vector<uint8_t> MakeGoodSntpAnswer(const uint8_t* request) {
     return answer;
 }
 
+uint64_t HostClockNtp() {
+    const int64_t micros = std::chrono::duration_cast<std::chrono::microseconds>(
+                               std::chrono::system_clock::now().time_since_epoch())
+                               .count();
+    const uint64_t seconds = static_cast<uint64_t>(micros / 1000000) + 2208988800ULL;
+    const uint64_t fraction = (static_cast<uint64_t>(micros % 1000000) << 32) / 1000000u;
+    return (seconds << 32) | fraction;
+}
+
 int32_t FakeSntpServer::Start(const char* address, FakeAnswer answer, uint16_t port) {
     Stop();
     answer_ = answer;
@@ -98,6 +107,14 @@ void FakeSntpServer::Serve() {
 
 void FakeSntpServer::Answer(const uint8_t* request, uint32_t client, uint16_t clientPort) {
     std::vector<uint8_t> answer = MakeGoodSntpAnswer(request);
+    if (hostClock_.load()) {
+        const int64_t ahead = aheadMs_.load();
+        const uint64_t offset = (static_cast<uint64_t>(ahead < 0 ? -ahead : ahead) << 32) / 1000u;
+        const uint64_t now = HostClockNtp();
+        const uint64_t stamp = ahead < 0 ? now - offset : now + offset;
+        StoreBigEndian64(&answer[NTP_RECEIVE_OFFSET], stamp);
+        StoreBigEndian64(&answer[NTP_TRANSMIT_OFFSET], stamp);
+    }
     switch (answer_.load()) {
         case FakeAnswer::GOOD:
         case FakeAnswer::OTHER_PORT:

@@ -41,6 +41,12 @@ public:
     int32_t Start(const char* address, FakeAnswer answer, uint16_t port = FAKE_SNTP_PORT);
     void Stop();
     void SetAnswer(FakeAnswer answer) { answer_ = answer; }
+    // From now on good answers carry this host's clock plus aheadMs (read with sub-millisecond
+    // resolution at the moment of answering) instead of FAKE_SERVER_TIME.
+    void AnswerFromHostClock(int64_t aheadMs) {
+        aheadMs_ = aheadMs;
+        hostClock_ = true;
+    }
 
     uint32_t Requests() const { return requests_.load(); }
     // The last request as received (its full length).
@@ -57,6 +63,8 @@ private:
     std::atomic<FakeAnswer> answer_{FakeAnswer::GOOD};
     std::atomic<bool> stop_{false};
     std::atomic<uint32_t> requests_{0};
+    std::atomic<bool> hostClock_{false};
+    std::atomic<int64_t> aheadMs_{0};
     mutable std::mutex lastMutex_;
     std::vector<uint8_t> last_;
     std::thread thread_;
@@ -64,3 +72,5 @@ private:
 
 // A 48-byte answer built as the fake's GOOD answer to request (originate echoed, stratum 2).
 std::vector<uint8_t> MakeGoodSntpAnswer(const uint8_t* request);
+// This host's clock as an NTP stamp, to the microsecond (not through the platform driver).
+uint64_t HostClockNtp();

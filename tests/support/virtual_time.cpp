@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "runtime/platform.h"
+#include "runtime/runtime.h"
 
 namespace {
 std::mutex stateMutex;
@@ -40,6 +41,27 @@ void VirtualSleep(uint32_t milliseconds) {
     elapsedMs.fetch_add(milliseconds);
 }
 
+// Woken before or during the (hooked) sleep: no virtual time passes, as a signalled event returns
+// at once; otherwise the whole sleep passes.
+int32_t VirtualSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
+    if (WakeupSignalled(wakeup) != 0) {
+        return 1;
+    }
+    std::function<void(uint32_t)> hook;
+    {
+        std::lock_guard<std::mutex> hold(stateMutex);
+        hook = sleepHook;
+    }
+    if (hook) {
+        hook(milliseconds);
+    }
+    if (WakeupSignalled(wakeup) != 0) {
+        return 1;
+    }
+    elapsedMs.fetch_add(milliseconds);
+    return 0;
+}
+
 int64_t VirtualWallClock() {
     return (CurrentFileTime() - UNIX_EPOCH_FILETIME) / (FILETIME_TICKS_PER_MS * 1000);
 }
@@ -72,14 +94,15 @@ int32_t VirtualNextRandom() {
 }
 
 const PlatformDriver virtualDriver = {
-    VirtualTick, VirtualSleep, VirtualWallClock, VirtualReadClock, VirtualWriteClock, VirtualSeedRandom, VirtualNextRandom,
+    VirtualTick,       VirtualSleep,      VirtualWallClock,        VirtualReadClock, VirtualWriteClock,
+    VirtualSeedRandom, VirtualNextRandom, VirtualSleepUnlessWoken,
 };
 
 void GuardWriteClock(int64_t) { guardedWrites.fetch_add(1); }
 
 const PlatformDriver guardDriver = {
     systemDriver.tickCount, systemDriver.sleep, systemDriver.wallClock, systemDriver.readSystemClock,
-    GuardWriteClock,        systemDriver.seedRandom, systemDriver.nextRandom,
+    GuardWriteClock,        systemDriver.seedRandom, systemDriver.nextRandom, systemDriver.sleepUnlessWoken,
 };
 }  // namespace
 
