@@ -1,19 +1,20 @@
 #!/bin/bash
 # Sets everything up on a fresh Debian machine, builds both builds and runs every test:
-# the native build (GCC, sanitizers) and the Windows build (MinGW-w64, tests under Wine), then
-# each fuzz target for a bounded time (FUZZ_SECONDS, default 60; 0 skips fuzzing).
+# the native build (GCC, AddressSanitizer and UBSan), the concurrency tests again under
+# ThreadSanitizer, and the Windows build (MinGW-w64, tests under Wine), then each fuzz target for
+# a bounded time (FUZZ_SECONDS, default 60; 0 skips fuzzing).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/setup.sh
 
 status=0
-for preset in native windows; do
+for preset in native tsan windows; do
   echo "=== $preset: configure and build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"
 done
-for preset in native windows; do
+for preset in native tsan windows; do
   echo "=== $preset: test"
   ctest --preset "$preset" || status=1
 done

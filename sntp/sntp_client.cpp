@@ -108,7 +108,8 @@ uint32_t SntpClientThread(uint64_t serverText) {
     SeedRandom(static_cast<uint32_t>(ReadWallClock(nullptr)));
     NextRandom();  // the first value after seeding follows the seed too closely; discarded
     const int32_t r = NextRandom();
-    stopRequested = 0;
+    // The stop flag was cleared by whoever started this thread: clearing it here could erase a
+    // stop asked for before this thread was first scheduled, and the thread would never end.
     synchronised = 0;
     int32_t countdown = r * START_DELAY_SPREAD_S / RANDOM_RANGE + START_DELAY_MIN_S;
 

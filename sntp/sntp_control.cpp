@@ -146,6 +146,9 @@ int32_t StartTimeThread() {
     if (ReadSntpIp(sntpServerSetting, directory) != 0) {
         return 1;
     }
+    // Cleared here, before the thread exists, so that no stop asked for after this start can be
+    // lost to a clearing that comes late.
+    stopRequested = 0;
     if (ChooseServerRole(sntpServerSetting) != 0) {
         StartJoinableThread(SntpServerThread, 0, &timeThread);
     } else {

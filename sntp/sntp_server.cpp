@@ -101,8 +101,8 @@ int32_t BuildSntpAnswer(const uint8_t* request, int32_t length, const uint8_t* r
 
 uint32_t SntpServerThread(uint64_t upstream) {
     NetSocket socket;
+    // The stop flag was cleared by whoever started this thread, never here: see the client.
     const bool created = CreateNetSocket(&socket, NET_SOCKET_DATAGRAM) == 0;
-    stopRequested = 0;
     if (!created || OpenNetSocket(&socket, sntpServerPort.load(), SNTP_SERVER_PEER_LIMIT) != 0) {
         // Usually the Windows Time service still holds the port. In the default installation the
         // server is restarted every minute, so what was opened is given back at once: a socket

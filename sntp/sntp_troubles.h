@@ -32,8 +32,8 @@ extern const SntpTroubleRow SntpTroubleTable[SNTP_RESULT_COUNT];
 
 // Bit n set while trouble n is active.
 extern std::atomic<uint32_t> troubleMask;
-// 1 asks the time thread to end and silences SetSntpTrouble; set by the controller, reset by
-// each time thread when it starts.
+// 1 asks the time thread to end and silences SetSntpTrouble; set by the controller, and cleared
+// by it just before it starts a time thread.
 extern std::atomic<int32_t> stopRequested;
 
 typedef void (*TimeSetListener)(int64_t unixSeconds);
