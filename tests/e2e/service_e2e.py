@@ -115,7 +115,11 @@ class ServiceEndToEnd(RigTestCase):
         wait_for_server("127.0.0.1", 20)
 
     def test_client_role_first_exchange_then_role_change_to_server(self):
-        server = FakeSntpServer("127.0.0.2", "good")
+        # The server's clock runs 5 s ahead of this host's, so Wine refuses the setting and says
+        # how far off the asked time was: the service must ask for the server's time at the
+        # moment of setting, within the millisecond the system time keeps and one of slack.
+        server = FakeSntpServer("127.0.0.2", "good", ahead=5.0)
+        settings_before = len(self.rig.clock_settings())
         self.cleanups.append(server.close)
         self.rig.write_setting("127.0.0.2")
         monitor = self.monitor()
@@ -133,6 +137,9 @@ class ServiceEndToEnd(RigTestCase):
         time.sleep(1)
         self.assertEqual([], monitor.snapshot())  # a good answer raises nothing
         self.assertEqual(1, len(server.requests))  # the next one comes a day later
+        settings = self.rig.clock_settings()[settings_before:]
+        self.assertEqual(1, len(settings), "one clock setting, as Wine saw it")
+        self.assertLessEqual(abs(settings[0] - 5000), 2, f"set {settings[0] - 5000} ms from the server's time")
 
         # The setting now names this host: within about a minute the service is the server.
         # The fake goes first: on Linux its port-123 socket on 127.0.0.2 would keep the

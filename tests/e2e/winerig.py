@@ -30,6 +30,7 @@ DATA_DIR = "C:\\Norvik\\Data\\System"
 EXE = TIME_DIR + "\\NorvikTime.exe"
 MONITOR = TIME_DIR + "\\TroubleMonitor.exe"
 STAND_IN = TIME_DIR + "\\StandInService.exe"
+PROBE = TIME_DIR + "\\ProcessProbe.exe"
 
 STOPPED, START_PENDING, STOP_PENDING, RUNNING = 1, 2, 3, 4
 NOT_INSTALLED = "not installed"
@@ -64,6 +65,7 @@ BUILD_FILES = {
     "TroubleMonitor.exe": ".",
     "SntpQuery.exe": ".",
     "StandInService.exe": os.path.join("tests", "service"),
+    "ProcessProbe.exe": os.path.join("tests", "service"),
     "res1033.dll": "config",
 }
 
@@ -103,13 +105,41 @@ class Rig:
         self.persistent = subprocess.Popen([WINESERVER, "-p", "-f"], env=self.env,
                                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         time.sleep(1)
-        self.wine("sc", "query", "eventlog", timeout=120)  # starts the service manager
+        self.start_manager()
         for directory in (TIME_DIR, SYSTEM_DIR, DATA_DIR):
             os.makedirs(self.host_path(directory), exist_ok=True)
-        for name in ("NorvikTime.exe", "TroubleMonitor.exe", "StandInService.exe"):
+        for name in ("NorvikTime.exe", "TroubleMonitor.exe", "StandInService.exe", "ProcessProbe.exe"):
             shutil.copy(find_file(self.build, name), self.host_path(TIME_DIR + "\\" + name))
         shutil.copy(find_file(self.build, "res1033.dll"), self.host_path(SYSTEM_DIR + "\\res1033.dll"))
         self.write_setting(None)
+
+    def start_manager(self):
+        """The first process of the prefix that opens the service control manager starts it, and
+        the manager's services inherit its environment and standard error. Wine's clock channel
+        is switched on there alone: a refused SetSystemTime then says how far from this host's
+        clock the service asked to set it ("difference N ms"), which is how the tests see the
+        time that the service sets."""
+        self.manager_log = os.path.join(self.prefix, "manager-stderr.log")
+        environment = dict(self.env, WINEDEBUG="-all,err+sync")
+        with open(self.manager_log, "ab") as log:
+            subprocess.run([WINE, "sc", "query", "eventlog"], env=environment, stdin=subprocess.DEVNULL,
+                           stdout=subprocess.DEVNULL, stderr=log, timeout=120)
+
+    def clock_settings(self):
+        """Every clock setting that Wine refused since the prefix booted, as the difference in
+        milliseconds between the time asked for and this host's clock at that moment."""
+        try:
+            with open(self.manager_log, errors="replace") as log:
+                text = log.read()
+        except OSError:
+            return []
+        return [int(n) for n in re.findall(r"NtSetSystemTime not allowed: difference (-?\d+) ms", text)]
+
+    def probe(self):
+        """(threads, handles) of the running service as Windows counts them, or None."""
+        result = self.wine(PROBE, "NorvikTime.exe", timeout=60)
+        match = re.search(r"threads (\d+) handles (\d+)", result.stdout)
+        return (int(match.group(1)), int(match.group(2))) if match else None
 
     def shutdown(self):
         subprocess.run([WINESERVER, "-k"], env=self.env, capture_output=True)
@@ -240,8 +270,8 @@ class Monitor:
         self.process.stderr.close()
 
 
-def ntp_now():
-    now = time.time()
+def ntp_now(ahead=0.0):
+    now = time.time() + ahead
     seconds = int(now) + NTP_UNIX_OFFSET
     return (seconds << 32) | int((now - int(now)) * 2**32)
 
@@ -323,11 +353,13 @@ class _Port123Peer:
 
 class FakeSntpServer(_Port123Peer):
     """A scripted SNTP server on a loopback address, port 123. Records every request; answers
-    as a good version-3 stratum-2 server, as a version-4 one, or not at all."""
+    as a good version-3 stratum-2 server, as a version-4 one, or not at all; its clock is this
+    host's plus ahead seconds."""
 
-    def __init__(self, address, behaviour="good"):
+    def __init__(self, address, behaviour="good", ahead=0.0):
         self.address = address
         self.behaviour = behaviour
+        self.ahead = ahead
         self.requests = []  # (monotonic time, bytes)
         super().__init__(address)
 
@@ -341,8 +373,8 @@ class FakeSntpServer(_Port123Peer):
         answer[3] = 0xEC
         answer[12:16] = socket.inet_aton("127.0.0.1")
         answer[24:32] = request[40:48]
-        receive = ntp_now()
-        struct.pack_into(">QQ", answer, 32, receive, ntp_now())
+        receive = ntp_now(self.ahead)
+        struct.pack_into(">QQ", answer, 32, receive, ntp_now(self.ahead))
         self.sock.sendto(bytes(answer), peer)
 
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <thread>
 
+#include "net/net_socket.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_server.h"
@@ -193,6 +194,9 @@ TEST_F(SntpServerTest, APortAlreadyTakenRaisesTroubleEightAndIdlesUntilStopped) 
         seen = TakeTroubles();
     }
     EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_SERVER_NOT_STARTED, TROUBLE_SET}}), seen);
+    // What the failed start opened is given back while it idles: restarted every minute, it would
+    // otherwise leave a socket and a library reference behind each time.
+    EXPECT_EQ(0u, NetLibraryUsers());
     StopServer();
     EXPECT_TRUE(TakeTroubles().empty());
     CloseLoopbackUdp(&holder);
