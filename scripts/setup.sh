@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ clang libclang-rt-14-dev
   g++-mingw-w64-x86-64-posix binutils-mingw-w64-i686 mingw-w64-tools
-  wine wine64 googletest chrony python3 python3-ntplib valgrind procps util-linux
+  wine wine64 googletest chrony python3 python3-ntplib valgrind procps util-linux iproute2
 )
 
 missing=()

@@ -27,7 +27,7 @@ def linux_counts(pid):
 
 
 class RestartsUnderLoad(winerig.RigTestCase):
-    prefix_name = "restarts-prefix"
+    prefix_name = os.environ.get("RESTART_PREFIX", "restarts-prefix")
 
     def resting(self):
         """(threads, handles) once a restart has settled: the same twice in a row."""
