@@ -4,19 +4,23 @@
 # client's time error against chrony, the idle cost of the server under Wine, and the fuzzing
 # done so far. It prints figures and asserts nothing. The defaults take under five minutes.
 #
-#   scripts/figures.sh [server] [client] [idle] [fuzz]      (default: all four, in this order)
+#   scripts/figures.sh [server] [client] [clock] [idle] [fuzz]   (default: all, in this order)
 #
 #   ROUNDS=3 ROUND_SECONDS=5   server: rounds per server, seconds per round (as bench-server.sh)
 #   QUERIES=50                 client: exchanges against chrony
+#   CLOCK_SAMPLES=3            clock: the service's own clock settings (each 1-2 minutes)
 #   IDLE_SECONDS=30            idle: seconds the idle server is watched
 #
-# Nothing here binds UDP port 123 or sets the clock: the servers answer on $BENCH_PORT (12399)
-# of 127.0.0.1, chrony runs with -x, and the rig's tools never set the clock.
+# Nothing here sets the clock: chrony runs with -x, the rig's tools never set it, and Wine
+# refuses the service's settings (that refusal is what the clock figure reads). The servers
+# answer on $BENCH_PORT (12399) of 127.0.0.1; the client and clock figures use UDP 123 of 127.0.0.5
+# and 127.0.0.2.
 set -eu
 
 ROUNDS=${ROUNDS:-3}
 ROUND_SECONDS=${ROUND_SECONDS:-5}
 QUERIES=${QUERIES:-50}
+CLOCK_SAMPLES=${CLOCK_SAMPLES:-3}
 IDLE_SECONDS=${IDLE_SECONDS:-30}
 # shellcheck source=scripts/bench-lib.sh
 . "$(dirname "$0")/bench-lib.sh"
@@ -40,7 +44,7 @@ cleanup() {
 }
 trap cleanup EXIT
 
-wanted=${*:-server client idle fuzz}
+wanted=${*:-server client clock idle fuzz}
 wants() { case " $wanted " in *" $1 "*) return 0 ;; *) return 1 ;; esac; }
 started=$SECONDS
 
