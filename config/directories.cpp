@@ -17,10 +17,8 @@ std::atomic<uint32_t> installRootReady{0};
 
 // Created on first use by whichever thread gets here first; the language guarantees once.
 Lock* InstallRootLock() {
-    static Lock lock;
-    static const int32_t created = InitLock(&lock);
-    (void)created;
-    return &lock;
+    static PermanentLock lock;
+    return lock.Get();
 }
 
 uint32_t BoundedLength(const char* text, uint32_t capacity) {

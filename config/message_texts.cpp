@@ -62,10 +62,8 @@ const uint32_t TEXT_PATH_CAPACITY = PATH_CAPACITY;  // wide candidate paths, uni
 
 // Guards the table, its count, the block buffer and the first initialisation.
 Lock* TextLock() {
-    static Lock lock;
-    static const int32_t created = InitLock(&lock);
-    (void)created;
-    return &lock;
+    static PermanentLock lock;
+    return lock.Get();
 }
 
 std::atomic<uint32_t> textUsers{0};

@@ -20,10 +20,8 @@ std::atomic<uint32_t> libraryUsers{0};
 
 // Lives as long as the process: any thread may create or destroy the first or last socket.
 Lock* LibraryLock() {
-    static Lock lock;
-    static const int32_t made = InitLock(&lock);
-    (void)made;
-    return &lock;
+    static PermanentLock lock;
+    return lock.Get();
 }
 
 const int32_t LISTEN_BACKLOG = 100;
@@ -64,16 +62,16 @@ int32_t CreateNetSocket(NetSocket* socket, uint32_t type) {
     if (socket == nullptr) {
         return 1;
     }
-    EnterLock(LibraryLock());
-    if (libraryUsers.load() == 0) {
-        if (StartSocketLibrary() != 0) {
-            LeaveLock(LibraryLock());
-            return 1;
+    {
+        LockHold hold(LibraryLock());
+        if (libraryUsers.load() == 0) {
+            if (StartSocketLibrary() != 0) {
+                return 1;
+            }
+            StartPeerRegistry();
         }
-        StartPeerRegistry();
+        libraryUsers.fetch_add(1);
     }
-    libraryUsers.fetch_add(1);
-    LeaveLock(LibraryLock());
     socket->handle = NET_INVALID_HANDLE;
     socket->type = type;
     socket->state = NET_STATE_CLOSED;
@@ -223,12 +221,11 @@ int32_t DestroyNetSocket(NetSocket* socket) {
     }
     free(socket->attachment);
     socket->attachment = nullptr;
-    EnterLock(LibraryLock());
+    LockHold hold(LibraryLock());
     if (libraryUsers.fetch_sub(1) == 1) {
         StopPeerRegistry();
         StopSocketLibrary();
     }
-    LeaveLock(LibraryLock());
     return 0;
 }
 

@@ -34,10 +34,8 @@ std::atomic<uint32_t> ageingThreads{0};
 // The registry lock lives as long as the process: made on first use and never deleted, so no
 // thread can ever meet it freed, whatever the order of library starts and stops.
 Lock* RegistryLock() {
-    static Lock lock;
-    static const int32_t made = InitLock(&lock);
-    (void)made;
-    return &lock;
+    static PermanentLock lock;
+    return lock.Get();
 }
 
 // The tables live as long as the process too; never destroyed, so that nothing still sweeping
@@ -52,12 +50,9 @@ std::map<BlockedKey, int64_t>& BlockedTable() {
     return *table;
 }
 
-class RegistryHold {
+class RegistryHold : public LockHold {
 public:
-    RegistryHold() { EnterLock(RegistryLock()); }
-    ~RegistryHold() { LeaveLock(RegistryLock()); }
-    RegistryHold(const RegistryHold&) = delete;
-    RegistryHold& operator=(const RegistryHold&) = delete;
+    RegistryHold() : LockHold(RegistryLock()) {}
 };
 
 PeerKey MakePeerKey(uint32_t address) {

@@ -26,6 +26,32 @@ int32_t DeleteLock(Lock* lock);
 int32_t EnterLock(Lock* lock);
 int32_t LeaveLock(Lock* lock);
 
+// A lock that lives as long as the process: made when first used (as a function's static, which
+// the language makes once, whichever thread comes first) and never deleted, so that no order of
+// starts, stops and process exit can ever meet it freed.
+class PermanentLock {
+public:
+    PermanentLock() { InitLock(&lock_); }
+    PermanentLock(const PermanentLock&) = delete;
+    PermanentLock& operator=(const PermanentLock&) = delete;
+    Lock* Get() { return &lock_; }
+
+private:
+    Lock lock_;
+};
+
+// Holds a lock for the rest of the scope; null locks are ignored as by EnterLock.
+class LockHold {
+public:
+    explicit LockHold(Lock* lock) : lock_(lock) { EnterLock(lock_); }
+    ~LockHold() { LeaveLock(lock_); }
+    LockHold(const LockHold&) = delete;
+    LockHold& operator=(const LockHold&) = delete;
+
+private:
+    Lock* lock_;
+};
+
 // Interval timer on the 32-bit millisecond tick count. Fields in this order.
 struct TickTimer {
     uint32_t startTick;  // tick count when last started or restarted

@@ -37,18 +37,13 @@ bool synchronisationStopped = false;
 // this one also covers StartSntp and StopSntp, which the host calls without it, so that a
 // restart asked for before the first start or during the last stop cannot add a thread.
 Lock* ControlStateLock() {
-    static Lock lock;
-    static const int32_t made = InitLock(&lock);
-    (void)made;
-    return &lock;
+    static PermanentLock lock;
+    return lock.Get();
 }
 
-class ControlHold {
+class ControlHold : public LockHold {
 public:
-    ControlHold() { EnterLock(ControlStateLock()); }
-    ~ControlHold() { LeaveLock(ControlStateLock()); }
-    ControlHold(const ControlHold&) = delete;
-    ControlHold& operator=(const ControlHold&) = delete;
+    ControlHold() : LockHold(ControlStateLock()) {}
 };
 
 void InitialiseOnce() {

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <filesystem>
 #include <mutex>
 #include <random>
 #include <string>
@@ -16,6 +15,7 @@
 #include "net/net_socket.h"
 #include "net/peer_registry.h"
 #include "runtime/runtime.h"
+#include "tests/support/process_threads.h"
 #include "tests/support/virtual_time.h"
 
 namespace {
@@ -225,22 +225,6 @@ TEST_F(PeerRegistryTest, ShutdownWakesTheSleepingThreadAndJoinsIt) {
     EXPECT_EQ(asleepAt, VirtualElapsedMs()) << "a woken sleep does not run out";
 }
 
-namespace {
-// Threads of this process, where the platform shows them; 0 where it does not.
-size_t ProcessThreads() {
-#ifdef __linux__
-    size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        (void)entry;
-        ++count;
-    }
-    return count;
-#else
-    return 0;
-#endif
-}
-}  // namespace
-
 // Sockets created, used and destroyed from many threads at random moments, so that the first
 // create and the last destroy race in every order: while any socket lives there is exactly one
 // ageing thread, never two, and after the last destroy none, and no thread of the process is
@@ -250,7 +234,7 @@ TEST_F(PeerRegistryTest, RacingCreatesAndDestroysKeepExactlyOneAgeingThread) {
     const int CYCLES = 150;
     const uint32_t seed = static_cast<uint32_t>(std::random_device{}());
     SCOPED_TRACE("seed " + std::to_string(seed));
-    const size_t threadsBefore = ProcessThreads();
+    const size_t threadsBefore = CountProcessThreads();
     std::atomic<bool> done{false};
     std::atomic<int> tooMany{0};
     std::atomic<int> missing{0};
@@ -297,5 +281,5 @@ TEST_F(PeerRegistryTest, RacingCreatesAndDestroysKeepExactlyOneAgeingThread) {
     EXPECT_EQ(0u, CountAgeingThreads());
     EXPECT_EQ(0, PeerThreadRunning());
     EXPECT_EQ(0u, CountPeerSockets());
-    EXPECT_EQ(threadsBefore, ProcessThreads());
+    EXPECT_EQ(threadsBefore, CountProcessThreads());
 }

@@ -25,6 +25,7 @@
 #include "tests/support/host_shell.h"
 #include "tests/support/loopback_udp.h"
 #include "tests/support/trouble_recorder.h"
+#include "tests/support/process_threads.h"
 #include "tests/support/virtual_time.h"
 #include "trouble/trouble_queue.h"
 
@@ -318,22 +319,6 @@ TEST_F(SntpController, AThousandRestartsLeaveOneClientAndNoTrouble) {
     EXPECT_EQ(0u, troubleMask.load());
 }
 
-namespace {
-// Threads of this process, where the platform shows them; 0 where it does not.
-size_t ProcessThreads() {
-#ifdef __linux__
-    size_t count = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
-        (void)entry;
-        ++count;
-    }
-    return count;
-#else
-    return 0;
-#endif
-}
-}  // namespace
-
 // Starts, restarts and stops from several threads at random moments, with the setting flipping
 // between client and server, as the service thread, the manager's controls and the minute's
 // re-check could meet: never more than one time thread (and its socket library's one ageing
@@ -345,14 +330,14 @@ TEST_F(SntpController, RacingStartsRestartsAndStopsLeaveOneThreadOfTheRole) {
     const int CALLS = 8;
     const uint32_t seed = static_cast<uint32_t>(std::random_device{}());
     SCOPED_TRACE("seed " + std::to_string(seed));
-    const size_t threadsBefore = ProcessThreads();
+    const size_t threadsBefore = CountProcessThreads();
     // The callers, the sampler, one time thread and the ageing thread of a server's socket.
     const size_t threadsAllowed = threadsBefore + CALLERS + 1 + 2;
     std::atomic<bool> done{false};
     std::atomic<int> tooMany{0};
     std::thread sampler([&] {
         while (!done.load()) {
-            if (ProcessThreads() > threadsAllowed) {
+            if (CountProcessThreads() > threadsAllowed) {
                 tooMany.fetch_add(1);
             }
             std::this_thread::sleep_for(std::chrono::microseconds(200));
@@ -400,7 +385,7 @@ TEST_F(SntpController, RacingStartsRestartsAndStopsLeaveOneThreadOfTheRole) {
     ASSERT_EQ(0, StopSntp());
     EXPECT_EQ(0, TimeThreadRunning());
     EXPECT_EQ(0, clientRunning.load()) << "the stop joins the thread";
-    EXPECT_EQ(threadsBefore, ProcessThreads());
+    EXPECT_EQ(threadsBefore, CountProcessThreads());
     for (const SeenTrouble& trouble : TakeTroubles()) {
         EXPECT_EQ(TROUBLE_CLEARED, trouble.state) << "trouble " << trouble.code << " raised";
     }
