@@ -52,10 +52,15 @@ int32_t RunExchangeLadder(const char* server) {
         NtpTimestamp time = lastSyncTime.load();
         NtpTimestamp delay = lastDelay.load();
         uint32_t stratum = upstreamStratum.load();
-        // Raised priority keeps the span between the two tick stamps tight.
+        // Raised priority keeps the span between the two tick stamps tight, and on success the
+        // span from the answer's arrival to the setting of the clock: the estimate is the
+        // server's time at T4, and every moment spent after T4 is a moment the clock is late.
         SetCurrentThreadPriority(PRIORITY_HIGHEST);
         const SntpResult result =
             exchanger.load()(server, timeoutSeconds * static_cast<int32_t>(MS_PER_SECOND), &time, &delay, &stratum);
+        if (result == SNTP_OK) {
+            NtpSetSystemClock(time);
+        }
         SetCurrentThreadPriority(PRIORITY_NORMAL);
 
         if (result == SNTP_OK) {
@@ -63,7 +68,6 @@ int32_t RunExchangeLadder(const char* server) {
             lastDelay = delay;
             upstreamStratum = stratum;
             synchronised = 1;
-            NtpSetSystemClock(time);
             // Only "did not respond" is cleared: other troubles stay until the controller clears
             // them all, so the operator still sees what went wrong before.
             ClearSntpTrouble(SNTP_NO_RESPONSE);
