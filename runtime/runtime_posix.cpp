@@ -9,6 +9,13 @@
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
 
+static_assert(sizeof(pthread_mutex_t) <= LOCK_STORAGE_SIZE, "a Lock holds a pthread mutex");
+
+namespace {
+// A recursive mutex gives the critical section's semantics.
+pthread_mutex_t* Mutex(Lock* lock) { return reinterpret_cast<pthread_mutex_t*>(lock->storage); }
+}  // namespace
+
 int32_t InitLock(Lock* lock) {
     if (lock == nullptr) {
         return 1;
@@ -16,7 +23,7 @@ int32_t InitLock(Lock* lock) {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(&lock->mutex, &attributes);
+    pthread_mutex_init(Mutex(lock), &attributes);
     pthread_mutexattr_destroy(&attributes);
     return 0;
 }
@@ -25,7 +32,7 @@ int32_t DeleteLock(Lock* lock) {
     if (lock == nullptr) {
         return 1;
     }
-    pthread_mutex_destroy(&lock->mutex);
+    pthread_mutex_destroy(Mutex(lock));
     return 0;
 }
 
@@ -33,7 +40,7 @@ int32_t EnterLock(Lock* lock) {
     if (lock == nullptr) {
         return 1;
     }
-    pthread_mutex_lock(&lock->mutex);
+    pthread_mutex_lock(Mutex(lock));
     return 0;
 }
 
@@ -41,7 +48,7 @@ int32_t LeaveLock(Lock* lock) {
     if (lock == nullptr) {
         return 1;
     }
-    pthread_mutex_unlock(&lock->mutex);
+    pthread_mutex_unlock(Mutex(lock));
     return 0;
 }
 

@@ -9,11 +9,17 @@
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
 
+static_assert(sizeof(CRITICAL_SECTION) <= LOCK_STORAGE_SIZE, "a Lock holds a critical section");
+
+namespace {
+CRITICAL_SECTION* Section(Lock* lock) { return reinterpret_cast<CRITICAL_SECTION*>(lock->storage); }
+}  // namespace
+
 int32_t InitLock(Lock* lock) {
     if (lock == nullptr) {
         return 1;
     }
-    InitializeCriticalSection(lock);
+    InitializeCriticalSection(Section(lock));
     return 0;
 }
 
@@ -21,7 +27,7 @@ int32_t DeleteLock(Lock* lock) {
     if (lock == nullptr) {
         return 1;
     }
-    DeleteCriticalSection(lock);
+    DeleteCriticalSection(Section(lock));
     return 0;
 }
 
@@ -29,7 +35,7 @@ int32_t EnterLock(Lock* lock) {
     if (lock == nullptr) {
         return 1;
     }
-    EnterCriticalSection(lock);
+    EnterCriticalSection(Section(lock));
     return 0;
 }
 
@@ -37,7 +43,7 @@ int32_t LeaveLock(Lock* lock) {
     if (lock == nullptr) {
         return 1;
     }
-    LeaveCriticalSection(lock);
+    LeaveCriticalSection(Section(lock));
     return 0;
 }
 
