@@ -72,6 +72,11 @@ class LanguagesTest(RigTestCase):
                     self.assertEqual((0, "Service command performed..."), self.rig.norvik("command", "128"))
                     reports = monitor.wait_for(lambda r: sum(1 for x in r if x["state"] == 0) >= 8, 30)
                     self.assertEqual(expected, [x["text"] for x in reports if x["state"] == 0])
+                    # The monitor's JSON, as a log shipper reads it.
+                    for report in reports:
+                        self.assertRegex(report["time"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
+                        self.assertEqual(("SNTP", {255: "set", 0: "clear"}[report["state"]]),
+                                         (report["source"], report["event"]))
                     wait_for_server("127.0.0.1", 20)
                 finally:
                     holder.close()

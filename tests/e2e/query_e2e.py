@@ -2,7 +2,7 @@
 """SntpQuery.exe under Wine as a monitoring check: against chrony (answers, OK), a scripted
 server whose clock runs 2 s ahead (WARNING or CRITICAL by the thresholds) and an address where
 nothing answers (UNKNOWN). Each run's exchange lines, summary, status line and exit code.
-Runs in the build's test prefix; the peers use UDP port 123 on 127.0.0.5 to 127.0.0.9."""
+Also the trouble monitor's refusal of malformed numbers. Runs in the build's test prefix; the peers use UDP port 123 on 127.0.0.5 to 127.0.0.9."""
 
 import os
 import re
@@ -118,6 +118,12 @@ class QueryTest(unittest.TestCase):
                 self.assertEqual(3, result.returncode)
                 self.assertEqual("", result.stdout)
                 self.assertIn("usage: SntpQuery", result.stderr)
+        monitor = winerig.find_file(winerig.RigTestCase.build, "TroubleMonitor.exe")
+        for args in (["--count", "abc"], ["--seconds", "-1"], ["--count", "5x"], ["--verbose"]):
+            with self.subTest(args=args):
+                result = self.rig.wine(monitor, *args, timeout=60)
+                self.assertEqual(2, result.returncode)
+                self.assertIn("usage: TroubleMonitor", result.stderr)
         result = self.rig.wine(self.query, "--help", timeout=60)
         self.assertEqual(0, result.returncode)
         for word in ("--count", "--interval", "--warn-ms", "--crit-ms", "0 ok, 1 warning, 2 critical, 3 unknown"):
