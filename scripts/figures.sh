@@ -119,7 +119,7 @@ if wants client; then
     if [ "$ready" = yes ]; then
       "$bench_native/SntpQuery" 127.0.0.5 -n "$QUERIES" -i 0 -t 2000 >"$bench_results/query" || true
       awk -v n="$QUERIES" '
-        / offset / {
+        /^[0-9]+  0 Ok / {
           for (i = 1; i < NF; i++) {
             if ($i == "offset") { o = $(i + 1) + 0; offsets[++good] = o < 0 ? -o : o }
             if ($i == "delay") delays[good] = $(i + 1) + 0

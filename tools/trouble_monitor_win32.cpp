@@ -3,7 +3,13 @@
 //
 //   2026-11-22T05:40:00.123Z SNTP code=7 SET The time server did not respond.  Contact ...
 //
-// or, with --json, one JSON object per line. --count N and --seconds S end it by themselves.
+// or, with --json, one JSON object per line, for a rig or a log shipper:
+//
+//   {"time":"2026-11-22T05:40:00.123Z","header":[16,3],"source":"SNTP","kind":51,"code":7,
+//    "state":255,"event":"set","text":"The time server did not respond.  Contact ..."}
+//
+// "time" is when the report was received (UTC); "event" is "set", "clear" or, for any other state
+// value, "unknown". --count N and --seconds S end it by themselves.
 #include <windows.h>
 
 #include <cstdio>
@@ -12,11 +18,14 @@
 #include <string>
 
 #include "trouble/trouble_queue.h"
+#include "tools/tool_options.h"
 #include "trouble/workstation_report.h"
 
 namespace {
 const char WORKSTATION_MAILSLOT[] = "\\\\.\\mailslot\\WORKSTATION";
 const DWORD READ_STEP_MS = 200;  // how often the time limit is looked at while nothing arrives
+const long MAX_COUNT = 1000000000;
+const long MAX_SECONDS = 31536000;  // a year
 
 struct MonitorOptions {
     bool json = false;
@@ -103,9 +112,11 @@ void PrintReport(const uint8_t* report, DWORD size, const MonitorOptions& option
     const uint32_t code = Word(report + WORKSTATION_REPORT_CODE_OFFSET);
     const uint32_t state = Word(report + WORKSTATION_REPORT_STATE_OFFSET);
     const char* stateName = state == TROUBLE_SET ? "SET" : state == TROUBLE_CLEARED ? "CLEARED" : "STATE?";
+    const char* event = state == TROUBLE_SET ? "set" : state == TROUBLE_CLEARED ? "clear" : "unknown";
     if (options.json) {
-        printf("{\"time\":\"%s\",\"header\":[%u,%u],\"source\":%s,\"kind\":%u,\"code\":%u,\"state\":%u,\"text\":%s}\n",
-               UtcNow().c_str(), Word(report), Word(report + 4), JsonQuoted(source).c_str(), kind, code, state,
+        printf("{\"time\":\"%s\",\"header\":[%u,%u],\"source\":%s,\"kind\":%u,\"code\":%u,\"state\":%u,"
+               "\"event\":\"%s\",\"text\":%s}\n",
+               UtcNow().c_str(), Word(report), Word(report + 4), JsonQuoted(source).c_str(), kind, code, state, event,
                JsonQuoted(text).c_str());
     } else {
         printf("%s %s code=%u %s %s\n", UtcNow().c_str(), source.c_str(), code, stateName, text.c_str());
@@ -114,7 +125,14 @@ void PrintReport(const uint8_t* report, DWORD size, const MonitorOptions& option
 }
 
 int Usage() {
-    fprintf(stderr, "usage: TroubleMonitor [--json] [--count N] [--seconds S]\n");
+    fprintf(stderr,
+            "usage: TroubleMonitor [--json] [--count N] [--seconds S]\n"
+            "  Creates the workstation mailslot and prints each trouble report as one line:\n"
+            "  time received (UTC), source, code, SET or CLEARED, text.\n"
+            "  --json       one JSON object per report instead: time, header, source, kind, code,\n"
+            "               state (255 set, 0 cleared), event (set, clear), text\n"
+            "  --count N    end after N reports\n"
+            "  --seconds S  end after S seconds\n");
     return 2;
 }
 }  // namespace
@@ -125,9 +143,13 @@ int main(int argc, char** argv) {
         if (strcmp(argv[i], "--json") == 0) {
             options.json = true;
         } else if (strcmp(argv[i], "--count") == 0 && i + 1 < argc) {
-            options.count = strtol(argv[++i], nullptr, 10);
+            if (!ParseNumber(argv[++i], 0, MAX_COUNT, &options.count)) {
+                return Usage();
+            }
         } else if (strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) {
-            options.seconds = strtol(argv[++i], nullptr, 10);
+            if (!ParseNumber(argv[++i], 0, MAX_SECONDS, &options.seconds)) {
+                return Usage();
+            }
         } else {
             return Usage();
         }

@@ -1,9 +1,11 @@
-// Localised message texts: the shipped res1033.dll (its texts, and that it loads), the choice
+// Localised message texts: the shipped res1033.dll (its texts, and that it loads), the shipped
+// translations (chosen by language, complete, intact), the choice
 // among the language candidates, the display profiles, the lookups, and the string-table reader
 // on a 64-bit image and on damaged copies of the shipped file.
 //
 // The test executable's own directory serves as the installation root, so the shipped library
-// lies at <root>\Applications\System\res1033.dll beside it (see CMakeLists.txt).
+// lies at <root>\Applications\System\res1033.dll beside it, with the translations
+// (see CMakeLists.txt).
 #include "config/message_texts.h"
 
 #include <gtest/gtest.h>
@@ -184,18 +186,77 @@ TEST_F(MessageTextsTest, ShippedLibraryLoadsFromTheInstallationAndAnswersLookups
 }
 
 #ifdef _WIN32
-TEST_F(MessageTextsTest, ShippedLibraryIsAModuleThatThisWindowsProcessLoads) {
-    // The 64-bit process loads the 32-bit library only because it holds no code.
-    std::wstring widePath(shippedPath.begin(), shippedPath.end());
-    std::replace(widePath.begin(), widePath.end(), L'/', L'\\');  // LoadLibraryW wants backslashes
-    HMODULE module = LoadLibraryW(widePath.c_str());
-    ASSERT_NE(module, nullptr) << "LoadLibraryW failed with " << GetLastError();
-    wchar_t text[TEXT_UNITS];
-    const int length = LoadStringW(module, 6208, text, TEXT_UNITS);
-    FreeLibrary(module);
-    EXPECT_EQ(std::wstring(text, length > 0 ? length : 0), L"Remote SNTP Server is an incompatible version.");
+TEST_F(MessageTextsTest, ShippedLibrariesAreModulesThatThisWindowsProcessLoads) {
+    // The 64-bit process loads the 32-bit libraries only because they hold no code.
+    const struct {
+        const char* file;
+        const wchar_t* text6208;
+    } rows[] = {
+        {"res1033.dll", L"Remote SNTP Server is an incompatible version."},
+        {"res1031.dll", L"SNTP-Server hat eine inkompatible Version."},
+        {"res1036.dll", L"Serveur SNTP distant : version incompatible."},
+        {"res3082.dll", L"Servidor SNTP remoto: versi\u00f3n incompatible."},
+        {"res1040.dll", L"Server SNTP remoto: versione incompatibile."},
+        {"res1046.dll", L"Servidor SNTP remoto: vers\u00e3o incompat\u00edvel."},
+    };
+    for (const auto& row : rows) {
+        const std::string path = ModuleDirectory() + "/Applications/System/" + row.file;
+        std::wstring widePath(path.begin(), path.end());
+        std::replace(widePath.begin(), widePath.end(), L'/', L'\\');  // LoadLibraryW wants backslashes
+        HMODULE module = LoadLibraryW(widePath.c_str());
+        ASSERT_NE(module, nullptr) << row.file << ": LoadLibraryW failed with " << GetLastError();
+        wchar_t text[TEXT_UNITS];
+        const int length = LoadStringW(module, 6208, text, TEXT_UNITS);
+        FreeLibrary(module);
+        EXPECT_EQ(std::wstring(text, length > 0 ? length : 0), row.text6208) << row.file;
+    }
 }
 #endif
+
+// The translations: each language's library is chosen for the language and its sublanguages,
+// holds every trouble text, translated (not the English) and short enough for the workstation
+// report's 81 units, with its accented letters intact as UTF-16. Languages without a library of
+// their own get English.
+TEST_F(MessageTextsTest, ShippedTranslationsAnswerForTheirLanguages) {
+    const uint32_t REPORT_TEXT_UNITS = 81;
+    struct Row {
+        uint16_t languageId;
+        const char* file;
+        uint32_t sampleId;
+        const char16_t* sample;  // a text with the language's own letters
+    };
+    const Row rows[] = {
+        {1031, "res1031.dll", 6207, u"SNTP-Server hat eine ung\u00fcltige Antwort gesendet."},
+        {2055, "res1031.dll", 6207, u"SNTP-Server hat eine ung\u00fcltige Antwort gesendet."},  // Swiss German
+        {1036, "res1036.dll", 6209, u"Serveur SNTP distant : adresse incoh\u00e9rente."},
+        {3084, "res1036.dll", 6209, u"Serveur SNTP distant : adresse incoh\u00e9rente."},  // Canadian French
+        {3082, "res3082.dll", 6207, u"Servidor SNTP remoto: respuesta no v\u00e1lida."},
+        {1040, "res1040.dll", 6210, u"Server SNTP remoto: errore sconosciuto."},
+        {2064, "res1040.dll", 6210, u"Server SNTP remoto: errore sconosciuto."},  // Swiss Italian
+        {1046, "res1046.dll", 6208, u"Servidor SNTP remoto: vers\u00e3o incompat\u00edvel."},
+        {2070, "res1046.dll", 6208, u"Servidor SNTP remoto: vers\u00e3o incompat\u00edvel."},  // Portugal
+        {1053, "res1033.dll", 6210, u"Remote SNTP Server unknown error."},  // Swedish: none of its own
+    };
+    OverrideInstallRoot(ModuleDirectory().c_str());
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.languageId);
+        EXPECT_EQ(ChosenFile(row.languageId), row.file);
+        InitMessageTextsFor(row.languageId);
+        EXPECT_EQ(Lookup(row.sampleId), row.sample);
+        const bool english = std::string(row.file) == "res1033.dll";
+        for (const SntpTroubleRow& trouble : SntpTroubleTable) {
+            if (trouble.messageId <= 0) {
+                continue;
+            }
+            const std::u16string text = Lookup(static_cast<uint32_t>(trouble.messageId));
+            EXPECT_NE(text, u"default") << trouble.messageId;
+            EXPECT_EQ(english, text == trouble.defaultText) << trouble.messageId;
+            if (!english) {
+                EXPECT_LE(text.size(), REPORT_TEXT_UNITS) << trouble.messageId;
+            }
+        }
+    }
+}
 
 TEST_F(MessageTextsTest, CandidatesAndProfileFollowTheLanguage) {
     OverrideInstallRoot(RootWithLibraries("only-1033", {1033}, shipped).c_str());

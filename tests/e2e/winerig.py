@@ -88,9 +88,11 @@ class Rig:
     def host_path(self, windows_path):
         return os.path.join(self.prefix, "drive_c", *windows_path[3:].split("\\"))
 
-    def boot(self, fresh=True):
+    def boot(self, fresh=True,
+             programs=("NorvikTime.exe", "TroubleMonitor.exe", "StandInService.exe", "ProcessProbe.exe")):
         """Boots the prefix once, keeps its wineserver alive (a service dies a few seconds after
-        the last ordinary process of its prefix otherwise) and installs the files."""
+        the last ordinary process of its prefix otherwise) and installs the programs and the
+        English texts."""
         if fresh and os.path.isdir(self.prefix):
             subprocess.run([WINESERVER, "-k"], env=self.env, capture_output=True)
             shutil.rmtree(self.prefix)
@@ -108,7 +110,7 @@ class Rig:
         self.start_manager()
         for directory in (TIME_DIR, SYSTEM_DIR, DATA_DIR):
             os.makedirs(self.host_path(directory), exist_ok=True)
-        for name in ("NorvikTime.exe", "TroubleMonitor.exe", "StandInService.exe", "ProcessProbe.exe"):
+        for name in programs:
             shutil.copy(find_file(self.build, name), self.host_path(TIME_DIR + "\\" + name))
         shutil.copy(find_file(self.build, "res1033.dll"), self.host_path(SYSTEM_DIR + "\\res1033.dll"))
         self.write_setting(None)
@@ -419,12 +421,13 @@ class SntpRelay(_Port123Peer):
 def chrony_query(address, timeout=30):
     """Asks address:123 for the time with chrony as a version-3 client that never sets the
     clock. Returns (exit code, output)."""
-    workdir = f"/tmp/norvik-chrony-{os.getpid()}"
-    os.makedirs(workdir, exist_ok=True)
-    # Directives on the command line replace the configuration file.
-    result = subprocess.run(["chronyd", "-Q", "-t", "10", f"pidfile {workdir}/chronyd.pid", "cmdport 0",
-                             f"server {address} iburst version 3"],
-                            capture_output=True, text=True, timeout=timeout)
+    with tempfile.TemporaryDirectory(prefix="norvik-chrony-") as workdir:
+        # chronyd gives up root for its own user, which must still remove its pid file here.
+        os.chmod(workdir, 0o777)
+        # Directives on the command line replace the configuration file.
+        result = subprocess.run(["chronyd", "-Q", "-t", "10", f"pidfile {workdir}/chronyd.pid",
+                                 "cmdport 0", f"server {address} iburst version 3"],
+                                capture_output=True, text=True, timeout=timeout)
     return result.returncode, result.stdout + result.stderr
 
 
