@@ -26,6 +26,10 @@ void OverrideInstallRoot(const char* root);
 // executable; a host that loads this code as a library would set its own module handle.
 extern void* moduleHandle;
 
+// The installation's paths are Windows paths: this makes one a path this platform opens
+// (unchanged on Windows; backslashes as slashes on POSIX). In place, NUL-terminated.
+void ToPlatformPath(char* path);
+
 // The platform half: the path of moduleHandle's file (GetModuleFileNameW; /proc/self/exe on
 // POSIX, one unit per byte), at most capacity-1 units and a NUL; empty when it cannot be read.
 void ReadModulePath(char16_t* path, uint32_t capacity);

@@ -21,3 +21,11 @@ void ReadModulePath(char16_t* path, uint32_t capacity) {
     }
     path[length] = u'\0';
 }
+
+void ToPlatformPath(char* path) {
+    for (char* at = path; at != nullptr && *at != '\0'; ++at) {
+        if (*at == '\\') {
+            *at = '/';
+        }
+    }
+}

@@ -15,3 +15,5 @@ void ReadModulePath(char16_t* path, uint32_t capacity) {
     }
     path[capacity - 1] = u'\0';  // older systems leave a truncated path unterminated
 }
+
+void ToPlatformPath(char*) {}

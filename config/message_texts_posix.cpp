@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "config/directories.h"
 #include "config/message_texts.h"
 
@@ -49,15 +51,11 @@ ModuleHandle OpenLibraryModule(const char16_t* path) {
 void CloseLibraryModule(ModuleHandle) {}
 
 FILE* OpenResourceFile(const char* path) {
-    if (path == nullptr) {
-        return nullptr;
+    if (path == nullptr || strnlen(path, PATH_CAPACITY) == PATH_CAPACITY) {
+        return nullptr;  // longer than any path this service builds
     }
     char narrow[PATH_CAPACITY];
-    for (uint32_t at = 0; at < PATH_CAPACITY; ++at) {
-        narrow[at] = path[at] == '\\' ? '/' : path[at];
-        if (path[at] == '\0') {
-            return fopen(narrow, "rb");
-        }
-    }
-    return nullptr;  // longer than any path this service builds
+    memcpy(narrow, path, strlen(path) + 1);
+    ToPlatformPath(narrow);
+    return fopen(narrow, "rb");
 }

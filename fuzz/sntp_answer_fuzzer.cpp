@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "sntp/ntp_time.h"
-#include "sntp/sntp_client.h"
+#include "sntp/sntp_exchange.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < NTP_PACKET_SIZE) {
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         NtpInitEpoch();
         initialised = true;
     }
-    uint8_t request[NTP_PACKET_SIZE] = {0x1B};
+    uint8_t request[NTP_PACKET_SIZE] = {SNTP_CLIENT_REQUEST};
     uint8_t answer[NTP_PACKET_SIZE];
     std::memcpy(answer, data, NTP_PACKET_SIZE);
     // Usually echo the request's transmit stamp, so the later checks are reached too.

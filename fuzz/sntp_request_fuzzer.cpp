@@ -19,10 +19,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (BuildSntpAnswer(request, static_cast<int32_t>(length), receiveStamp, answer) == 0) {
         return 0;
     }
-    if (length != NTP_PACKET_SIZE || (request[0] & 0x38) != 0x18 || (request[0] & 0xC0) != 0) {
+    if (length != NTP_PACKET_SIZE || (request[0] & NTP_VERSION_MASK) != NTP_VERSION_3 || (request[0] & NTP_LEAP_MASK) != 0) {
         __builtin_trap();  // only well-formed version-3 requests are answered
     }
-    if (answer[0] != 0x1C && answer[0] != 0x1A) {
+    if (answer[0] != SNTP_ANSWER_TO_CLIENT && answer[0] != SNTP_ANSWER_TO_SYMMETRIC) {
         __builtin_trap();
     }
     if (std::memcmp(answer + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, 8) != 0 ||

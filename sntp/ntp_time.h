@@ -14,12 +14,9 @@
 
 #include <cstdint>
 
-typedef uint64_t NtpTimestamp;
+#include "sntp/sntp_packet.h"
 
-const uint32_t NTP_PACKET_SIZE = 48;
-const uint32_t NTP_ORIGINATE_OFFSET = 24;
-const uint32_t NTP_RECEIVE_OFFSET = 32;
-const uint32_t NTP_TRANSMIT_OFFSET = 40;
+typedef uint64_t NtpTimestamp;
 
 // Written once by NtpInitEpoch, read everywhere after.
 extern int64_t ntpEpochFileTime;    // 1900-01-01 as a FILETIME: 94354848000000000

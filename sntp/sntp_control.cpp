@@ -56,8 +56,7 @@ void InitialiseOnce() {
     CreateTroubleQueue();
 }
 
-// <directory>\Vantor.dat, bounded to a path buffer. The installation's paths are Windows
-// paths; off Windows the same path names the file with slashes.
+// <directory>\Vantor.dat, bounded to a path buffer, as this platform opens it.
 void MakeSettingPath(const char* directory, char* path) {
     // Over-long directories are cut, never rejected: the path always ends in a NUL.
     size_t length = 0;
@@ -70,13 +69,7 @@ void MakeSettingPath(const char* directory, char* path) {
         path[length++] = *at;
     }
     path[length] = '\0';
-#ifndef _WIN32
-    for (char* at = path; *at != '\0'; ++at) {
-        if (*at == '\\') {
-            *at = '/';
-        }
-    }
-#endif
+    ToPlatformPath(path);
 }
 }  // namespace
 

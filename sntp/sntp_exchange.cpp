@@ -5,23 +5,12 @@
 
 #include "net/ipv4.h"
 #include "net/net_socket.h"
-#include "sntp/sntp_client.h"
-#include "sntp/sntp_server.h"
+#include "sntp/sntp_exchange.h"
 #include "sntp/sntp_troubles.h"
 
 namespace {
 const uint32_t POLL_INTERVAL_MS = 500;   // one select step; also the latency of a stop request
 const uint16_t ANY_LOCAL_PORT = 0;
-const uint8_t CLIENT_REQUEST_HEADER = 0x1B;  // leap 0, version 3, mode 3 (client)
-
-const uint32_t STRATUM_OFFSET = 1;
-const uint8_t MODE_MASK = 0x07;
-const uint8_t MODE_SERVER = 4;
-const uint8_t VERSION_MASK = 0x38;
-const uint8_t VERSION_3 = 0x18;           // version 3 in bits 5..3
-const uint8_t LEAP_MASK = 0xC0;
-const uint8_t LEAP_ALARM = 0xC0;          // leap indicator 3: the server's clock is not synchronised
-const uint32_t STAMP_SIZE = 8;
 
 // One byte more than a packet: POSIX recvfrom truncates an over-long datagram to the buffer
 // without saying so (Windows fails it), so only a larger buffer shows a 49-byte answer as one.
@@ -50,27 +39,27 @@ SntpResult CheckSntpAnswer(const uint8_t* request, const uint8_t* answer, uint32
         return SNTP_INCONSISTENT_ADDRESS;
     }
     // The answer must echo our request's transmit stamp: anything else answers someone else.
-    if (std::memcmp(answer + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, STAMP_SIZE) != 0) {
+    if (std::memcmp(answer + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE) != 0) {
         return SNTP_INCONSISTENT_ADDRESS;
     }
     // A server answers in mode 4.
-    if ((header & MODE_MASK) != MODE_SERVER) {
+    if ((header & NTP_MODE_MASK) != NTP_MODE_SERVER) {
         return SNTP_INVALID_RESPONSE;
     }
     // Version 3 only, also from servers that speak 4: that is the one dialect this system keeps.
-    if ((header & VERSION_MASK) != VERSION_3) {
+    if ((header & NTP_VERSION_MASK) != NTP_VERSION_3) {
         return SNTP_INCOMPATIBLE_VERSION;
     }
     // Leap indicator 3 is the server's own alarm: its clock is not synchronised.
-    if ((header & LEAP_MASK) == LEAP_ALARM) {
+    if ((header & NTP_LEAP_MASK) == NTP_LEAP_ALARM) {
         return SNTP_NOT_SYNCHRONISED;
     }
     // Stratum 0 is unspecified or a kiss-o'-death: nothing to set the clock from.
-    if (answer[STRATUM_OFFSET] == 0) {
+    if (answer[NTP_STRATUM_OFFSET] == 0) {
         return SNTP_UNKNOWN_ERROR;
     }
     // A zero transmit stamp means the server has no time to give.
-    if (IsZero(answer + NTP_TRANSMIT_OFFSET, STAMP_SIZE)) {
+    if (IsZero(answer + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE)) {
         return SNTP_NOT_SYNCHRONISED;
     }
     return SNTP_OK;
@@ -101,7 +90,7 @@ SntpResult SntpExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
 
     // T1: our tick stamp in the transmit field. A server copies it into the originate field
     // unchanged, which is all the exchange relies on; the wall clock plays no part.
-    request[0] = CLIENT_REQUEST_HEADER;
+    request[0] = SNTP_CLIENT_REQUEST;
     NtpTickStamp(request + NTP_TRANSMIT_OFFSET);
     // Not checked: a lost or refused send shows up as silence.
     SendNetSocket(&socket, request, static_cast<int32_t>(NTP_PACKET_SIZE), &serverAddress, SNTP_PORT,
@@ -138,7 +127,7 @@ SntpResult SntpExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
         return SNTP_SOCKET_ERROR;
     }
     // T4: taken at once, before anything else can stretch the measured round trip.
-    uint8_t destination[STAMP_SIZE];
+    uint8_t destination[NTP_STAMP_SIZE];
     NtpTickStamp(destination);
     DiscardSocket(&socket);
 
@@ -146,7 +135,7 @@ SntpResult SntpExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
     if (verdict != SNTP_OK) {
         return verdict;
     }
-    const uint8_t answerStratum = answer[STRATUM_OFFSET];
+    const uint8_t answerStratum = answer[NTP_STRATUM_OFFSET];
     // T1 originate (our tick stamp, echoed)   T2 receive (server clock)
     // T3 transmit (server clock)              T4 destination (our tick stamp)
     // time = T3 + ((T4 - T1) - (T3 - T2)) / 2

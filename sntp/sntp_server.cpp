@@ -19,23 +19,6 @@ namespace {
 const uint32_t SELECT_STEP_MS = 1000;     // also how soon a stop request is seen
 const uint32_t IDLE_STEP_MS = 1000;
 const int32_t REQUEST_CAPACITY = 512;     // bytes; anything but 48 is dropped anyway
-const uint32_t STAMP_SIZE = 8;
-
-const uint8_t MODE_MASK = 0x07;
-const uint8_t MODE_SYMMETRIC_ACTIVE = 1;
-const uint8_t MODE_CLIENT = 3;
-const uint8_t VERSION_MASK = 0x38;
-const uint8_t VERSION_3 = 0x18;
-const uint8_t LEAP_MASK = 0xC0;
-const uint8_t LEAP_ALARM = 0xC0;
-const uint8_t ANSWER_TO_CLIENT = 0x1C;     // leap 0, version 3, mode 4 (server)
-const uint8_t ANSWER_TO_SYMMETRIC = 0x1A;  // leap 0, version 3, mode 2 (symmetric passive)
-
-const uint32_t STRATUM_OFFSET = 1;
-const uint32_t POLL_OFFSET = 2;
-const uint32_t PRECISION_OFFSET = 3;
-const uint32_t REFERENCE_ID_OFFSET = 12;
-const uint32_t REFERENCE_STAMP_OFFSET = 16;
 const uint8_t PRECISION = 0xFA;  // -6: 2^-6 s, about the 15.6 ms tick of the clock we serve
 
 const char REFERENCE_LOCAL[4] = {'L', 'O', 'C', 'L'};
@@ -45,57 +28,57 @@ const char REFERENCE_TOP[4] = {'T', 'O', 'P', ' '};
 // Written in memory order on purpose: the field has always gone out in host order in these
 // modes, and no client of this system reads it.
 void PutHostOrderStamp(uint8_t* answer, uint64_t value) {
-    std::memcpy(answer + REFERENCE_STAMP_OFFSET, &value, STAMP_SIZE);
+    std::memcpy(answer + NTP_REFERENCE_STAMP_OFFSET, &value, NTP_STAMP_SIZE);
 }
 }  // namespace
 
 int32_t BuildSntpAnswer(const uint8_t* request, int32_t length, const uint8_t* receiveStamp, uint8_t* answer) {
     std::memset(answer, 0, NTP_PACKET_SIZE);
-    std::memcpy(answer + NTP_RECEIVE_OFFSET, receiveStamp, STAMP_SIZE);
+    std::memcpy(answer + NTP_RECEIVE_OFFSET, receiveStamp, NTP_STAMP_SIZE);
     if (length != static_cast<int32_t>(NTP_PACKET_SIZE)) {
         return 0;
     }
     const uint8_t header = request[0];
     uint8_t answerHeader;
-    switch (header & MODE_MASK) {
-        case MODE_CLIENT:
-            answerHeader = ANSWER_TO_CLIENT;
+    switch (header & NTP_MODE_MASK) {
+        case NTP_MODE_CLIENT:
+            answerHeader = SNTP_ANSWER_TO_CLIENT;
             break;
-        case MODE_SYMMETRIC_ACTIVE:
-            answerHeader = ANSWER_TO_SYMMETRIC;
+        case NTP_MODE_SYMMETRIC_ACTIVE:
+            answerHeader = SNTP_ANSWER_TO_SYMMETRIC;
             break;
         default:
             return 0;
     }
     // Version-4 clients get no answer, as the client side speaks version 3 only; nor does a
     // request that claims an unsynchronised clock.
-    if ((header & VERSION_MASK) != VERSION_3 || (header & LEAP_MASK) != 0) {
+    if ((header & NTP_VERSION_MASK) != NTP_VERSION_3 || (header & NTP_LEAP_MASK) != 0) {
         return 0;
     }
-    std::memcpy(answer + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, STAMP_SIZE);
+    std::memcpy(answer + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE);
 
     const int32_t mode = serverMode.load();
     if (mode == 0) {
-        std::memcpy(answer + REFERENCE_ID_OFFSET, REFERENCE_LOCAL, sizeof REFERENCE_LOCAL);
-        answer[STRATUM_OFFSET] = 1;
+        std::memcpy(answer + NTP_REFERENCE_ID_OFFSET, REFERENCE_LOCAL, sizeof REFERENCE_LOCAL);
+        answer[NTP_STRATUM_OFFSET] = 1;
     } else if (synchronised.load() == 0) {
         // Relaying an upstream that has not been reached yet: say so with the alarm.
-        std::memcpy(answer + REFERENCE_ID_OFFSET, REFERENCE_INIT, sizeof REFERENCE_INIT);
-        answer[STRATUM_OFFSET] = 0;
-        answerHeader |= LEAP_ALARM;
+        std::memcpy(answer + NTP_REFERENCE_ID_OFFSET, REFERENCE_INIT, sizeof REFERENCE_INIT);
+        answer[NTP_STRATUM_OFFSET] = 0;
+        answerHeader |= NTP_LEAP_ALARM;
     } else if (mode == 1) {
         const uint32_t upstream = upstreamAddress.load();  // already in network order
-        std::memcpy(answer + REFERENCE_ID_OFFSET, &upstream, sizeof upstream);
+        std::memcpy(answer + NTP_REFERENCE_ID_OFFSET, &upstream, sizeof upstream);
         PutHostOrderStamp(answer, lastSyncTime.load());
-        answer[STRATUM_OFFSET] = static_cast<uint8_t>(static_cast<uint8_t>(upstreamStratum.load()) + 1);
+        answer[NTP_STRATUM_OFFSET] = static_cast<uint8_t>(static_cast<uint8_t>(upstreamStratum.load()) + 1);
     } else {
-        std::memcpy(answer + REFERENCE_ID_OFFSET, REFERENCE_TOP, sizeof REFERENCE_TOP);
+        std::memcpy(answer + NTP_REFERENCE_ID_OFFSET, REFERENCE_TOP, sizeof REFERENCE_TOP);
         PutHostOrderStamp(answer, lastSyncTime.load());
-        answer[STRATUM_OFFSET] = 1;
+        answer[NTP_STRATUM_OFFSET] = 1;
     }
     answer[0] = answerHeader;
-    answer[POLL_OFFSET] = request[POLL_OFFSET];
-    answer[PRECISION_OFFSET] = PRECISION;
+    answer[NTP_POLL_OFFSET] = request[NTP_POLL_OFFSET];
+    answer[NTP_PRECISION_OFFSET] = PRECISION;
     return 1;
 }
 
@@ -146,7 +129,7 @@ uint32_t SntpServerThread(uint64_t upstream) {
         const int32_t count =
             ReceiveNetSocket(&socket, request, REQUEST_CAPACITY, &source, &sourcePort, SNTP_SERVER_PEER_LIMIT);
         // T2 first, before any check, so that it is as close to the arrival as we can get.
-        uint8_t receiveStamp[STAMP_SIZE];
+        uint8_t receiveStamp[NTP_STAMP_SIZE];
         NtpNow(receiveStamp);
         if (BuildSntpAnswer(request, count, receiveStamp, answer) != 0) {
             // T3 as late as possible.

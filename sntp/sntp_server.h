@@ -5,9 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
-const uint16_t SNTP_PORT = 123;
+// The most distinct clients answered within any five seconds.
 const uint64_t SNTP_SERVER_PEER_LIMIT = 201;
-const uint64_t SNTP_CLIENT_PEER_LIMIT = 1;
 
 extern std::atomic<int32_t> serverMode;        // 0: the local clock is the reference
 extern std::atomic<uint32_t> upstreamAddress;  // reference id in mode 1, network order

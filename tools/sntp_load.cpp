@@ -27,8 +27,6 @@ const long MAX_WORKERS = 64;
 const long MAX_COUNT = 10000000;
 const long MAX_SECONDS = 600;
 const int32_t CAPACITY = 512;
-const uint8_t REQUEST_HEADER = 0x1B;      // leap 0, version 3, mode 3
-const uint8_t EXPECTED_HEADER = 0x1C;     // leap 0, version 3, mode 4
 const int USAGE_STATUS = 64;
 
 struct LoadOptions {
@@ -82,7 +80,7 @@ bool ParseOptions(int argc, char** argv, LoadOptions* options) {
 // What a version-3 server owes a client request: server mode, a stratum, our stamp echoed, and
 // a transmit time that is set and not before its receive time.
 bool IsValidAnswer(const uint8_t* answer, int32_t length, const uint8_t* request) {
-    if (length != static_cast<int32_t>(NTP_PACKET_SIZE) || answer[0] != EXPECTED_HEADER || answer[1] == 0) {
+    if (length != static_cast<int32_t>(NTP_PACKET_SIZE) || answer[0] != SNTP_ANSWER_TO_CLIENT || answer[1] == 0) {
         return false;
     }
     const uint64_t received = LoadBigEndian64(answer + NTP_RECEIVE_OFFSET);
@@ -112,7 +110,7 @@ void RunWorker(uint32_t worker, const LoadOptions& options, std::chrono::steady_
             break;
         }
         std::memset(request, 0, sizeof request);
-        request[0] = REQUEST_HEADER;
+        request[0] = SNTP_CLIENT_REQUEST;
         // A stamp no other request of this run carries, so an answer names its request.
         StoreBigEndian64(request + NTP_TRANSMIT_OFFSET, (static_cast<uint64_t>(worker + 1) << 48) | ++sequence);
         LoopbackUdp* endpoint = &endpoints[next];

@@ -20,7 +20,7 @@
 #include "net/net_socket.h"
 #include "runtime/runtime.h"
 #include "sntp/ntp_time.h"
-#include "sntp/sntp_client.h"
+#include "sntp/sntp_exchange.h"
 #include "sntp/sntp_troubles.h"
 #include "tools/sntp_query_report.h"
 

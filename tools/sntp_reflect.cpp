@@ -20,9 +20,7 @@ const long DEFAULT_PORT = 12399;  // the benchmarks' port, well away from the se
 const long DEFAULT_SECONDS = 60;
 const long MAX_SECONDS = 3600;
 const uint32_t SELECT_WAIT_MS = 200;  // how late the time limit may be noticed when nobody asks
-const uint8_t ANSWER_HEADER = 0x1C;   // leap 0, version 3, mode 4
 const uint8_t ANSWER_STRATUM = 1;
-const uint32_t STAMP_SIZE = 8;
 const int USAGE_STATUS = 64;
 const int32_t CAPACITY = 512;
 }  // namespace
@@ -72,10 +70,10 @@ int main(int argc, char** argv) {
         SetCurrentThreadPriority(PRIORITY_HIGHEST);
         // The request's own transmit stamp serves as originate, receive and transmit: it names
         // the request, is never zero from SntpLoad, and keeps receive <= transmit.
-        packet[0] = ANSWER_HEADER;
+        packet[0] = SNTP_ANSWER_TO_CLIENT;
         packet[1] = ANSWER_STRATUM;
-        std::memcpy(packet + NTP_ORIGINATE_OFFSET, packet + NTP_TRANSMIT_OFFSET, STAMP_SIZE);
-        std::memcpy(packet + NTP_RECEIVE_OFFSET, packet + NTP_TRANSMIT_OFFSET, STAMP_SIZE);
+        std::memcpy(packet + NTP_ORIGINATE_OFFSET, packet + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE);
+        std::memcpy(packet + NTP_RECEIVE_OFFSET, packet + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE);
         SendLoopbackUdp(&endpoint, packet, static_cast<int32_t>(NTP_PACKET_SIZE), sender, senderPort);
         SetCurrentThreadPriority(PRIORITY_NORMAL);
         reflected += 1;
