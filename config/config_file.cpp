@@ -3,6 +3,8 @@
 // file on disk through a backup copy. The inter-process lock lives in config_lock_*.cpp.
 #include "config/config_file.h"
 
+#include "runtime/text.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,27 +23,7 @@ bool IsFormatSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
-char ToFormatUpper(char c) {
-    return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
-}
-
-void UpperCase(char* text) {
-    for (; *text != '\0'; ++text) {
-        *text = ToFormatUpper(*text);
-    }
-}
-
-// Copies at most capacity - 1 characters and always terminates (capacity must be at least 1).
-void BoundedCopy(char* destination, const char* source, size_t capacity) {
-    size_t used = 0;
-    while (used + 1 < capacity && source[used] != '\0') {
-        destination[used] = source[used];
-        ++used;
-    }
-    destination[used] = '\0';
-}
-
-char* CopyText(const char* text, size_t maxLength) {
+char* DuplicateText(const char* text, size_t maxLength) {
     size_t length = strnlen(text, maxLength);
     char* copy = static_cast<char*>(malloc(length + 1));
     if (copy != nullptr) {
@@ -74,8 +56,8 @@ ConfigEntry* FindEntry(const ConfigFile* file, const char* key) {
 
 // The key as lookups and sets see it: its first 49 characters, upper-cased.
 void MakeLookupKey(const char* key, char (&lookup)[CONFIG_KEY_LOOKUP_MAX + 1]) {
-    BoundedCopy(lookup, key, sizeof lookup);
-    UpperCase(lookup);
+    CopyText(lookup, key, static_cast<uint32_t>(sizeof lookup));
+    UpperCaseText(lookup);
 }
 
 // One piece of a line, as fgets would read it into the line buffer: up to and including the
@@ -180,7 +162,7 @@ void QuoteToken(const char* token, char* quoted, size_t capacity) {
         needsQuotes = IsFormatSpace(*c);
     }
     if (!needsQuotes) {
-        BoundedCopy(quoted, token, capacity);
+        CopyText(quoted, token, static_cast<uint32_t>(capacity));
         return;
     }
     size_t used = 0;
@@ -216,8 +198,8 @@ int32_t AddEntry(ConfigFile* file, const char* key, const char* value, uint32_t 
     if (entry == nullptr) {
         return 1;
     }
-    entry->key = CopyText(key, CONFIG_KEY_READ_MAX);
-    entry->value = CopyText(value, CONFIG_VALUE_MAX);
+    entry->key = DuplicateText(key, CONFIG_KEY_READ_MAX);
+    entry->value = DuplicateText(value, CONFIG_VALUE_MAX);
     entry->modified = modified;
     if (entry->key == nullptr || entry->value == nullptr ||
         InsertOrderedPtrList(file->entries, entry, entry->key) != 0) {
@@ -243,7 +225,7 @@ void MergeBackup(ConfigFile* file, FILE* backup, FILE* output) {
             fputs("\n", output);
             continue;
         }
-        UpperCase(parsed.key);
+        UpperCaseText(parsed.key);
         ConfigEntry* entry = FindEntry(file, parsed.key);
         if (entry == nullptr) {
             // Not in the store: this is how deleted keys leave the file. It also drops keys
@@ -280,7 +262,7 @@ void AppendModified(ConfigFile* file, FILE* output) {
 
 char* MakeBackupName(const char* path) {
     size_t length = strlen(path);
-    char* backup = CopyText(path, length);
+    char* backup = DuplicateText(path, length);
     if (backup != nullptr) {
         backup[length - 1] = backup[length - 1] == '~' ? 'a' : '~';
     }
@@ -363,7 +345,7 @@ int32_t LoadConfigFile(ConfigFile* file, const char* path) {
         return 0;
     }
     if (file->path == nullptr) {
-        file->path = CopyText(path, strlen(path));
+        file->path = DuplicateText(path, strlen(path));
         if (file->path == nullptr) {
             return 1;
         }
@@ -382,7 +364,7 @@ int32_t LoadConfigFile(ConfigFile* file, const char* path) {
     size_t length;
     while (ReadLinePiece(stream, line, &length)) {
         if (ParseLine(line, length, &parsed) == LINE_ENTRY) {
-            UpperCase(parsed.key);
+            UpperCaseText(parsed.key);
             AddEntry(file, parsed.key, parsed.value, 0);  // a line that cannot be stored is skipped
         }
     }
@@ -402,7 +384,7 @@ char* GetConfigString(ConfigFile* file, const char* key, char* destination, uint
     const ConfigEntry* entry = FindEntry(file, lookup);
     const char* text = entry != nullptr ? entry->value : (defaultText != nullptr ? defaultText : "");
     if (capacity > 0) {
-        BoundedCopy(destination, text, capacity);
+        CopyText(destination, text, static_cast<uint32_t>(capacity));
     }
     LeaveLock(&file->lock);
     return destination;
@@ -425,7 +407,7 @@ int32_t SetConfigString(ConfigFile* file, const char* key, const char* value) {
             entry = FindEntry(file, lookup);
         }
     } else if (entry != nullptr) {
-        char* copy = CopyText(value, CONFIG_VALUE_MAX);
+        char* copy = DuplicateText(value, CONFIG_VALUE_MAX);
         if (copy == nullptr) {
             result = 1;  // the old value stays
         } else {
@@ -445,7 +427,7 @@ int32_t SaveConfigFile(ConfigFile* file, const char* path) {
         return 1;
     }
     if (path != nullptr && path[0] != '\0' && path != file->path) {
-        char* copy = CopyText(path, strlen(path));
+        char* copy = DuplicateText(path, strlen(path));
         if (copy == nullptr) {
             return 1;
         }

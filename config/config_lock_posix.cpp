@@ -19,6 +19,7 @@
 #include <cstring>
 
 #include "config/config_file.h"
+#include "runtime/text.h"
 
 namespace {
 const char CONFIG_LOCK_PREFIX[] = "/tmp/NorvikConfig.";
@@ -52,10 +53,7 @@ void MakeLockPath(const char* path, char (&lockPath)[sizeof HeldLock::lockPath])
     size_t used = sizeof CONFIG_LOCK_PREFIX - 1;
     memcpy(lockPath, CONFIG_LOCK_PREFIX, used);
     for (size_t i = start; i < length && i - start < CONFIG_LOCK_NAME_MAX; ++i) {
-        char c = path[i];
-        if (c >= 'a' && c <= 'z') {
-            c = static_cast<char>(c - 'a' + 'A');
-        }
+        const char c = UpperAscii(path[i]);
         lockPath[used++] = c == '|' ? '!' : c;
     }
     memcpy(lockPath + used, CONFIG_LOCK_SUFFIX, sizeof CONFIG_LOCK_SUFFIX);

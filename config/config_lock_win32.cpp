@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "config/config_file.h"
+#include "runtime/text.h"
 
 namespace {
 const size_t CONFIG_LOCK_NAME_MAX = 259;  // characters of the path looked at, and of the name
@@ -31,10 +32,7 @@ ConfigFileLock* LockConfigFile(const char* path) {
     wchar_t wide[CONFIG_LOCK_NAME_MAX + 1];
     size_t used = 0;
     for (; name[used] != '\0' && used < CONFIG_LOCK_NAME_MAX; ++used) {
-        char c = name[used];
-        if (c >= 'a' && c <= 'z') {
-            c = static_cast<char>(c - 'a' + 'A');
-        }
+        const char c = UpperAscii(name[used]);
         // Sign extension turns bytes from 0x80 up into 0xFF80..0xFFFF: odd, but it is the name
         // that the other programs sharing these files wait on.
         wchar_t w = static_cast<wchar_t>(static_cast<signed char>(c));

@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "runtime/runtime.h"
+#include "runtime/text.h"
 
 void* moduleHandle = nullptr;
 
@@ -21,25 +22,6 @@ Lock* InstallRootLock() {
     return lock.Get();
 }
 
-uint32_t BoundedLength(const char* text, uint32_t capacity) {
-    uint32_t length = 0;
-    while (length < capacity && text[length] != '\0') {
-        ++length;
-    }
-    return length;
-}
-
-// Appends at the first NUL, within capacity, and forces the last byte to NUL.
-void AppendBounded(char* destination, uint32_t capacity, const char* suffix) {
-    uint32_t at = BoundedLength(destination, capacity);
-    for (uint32_t i = 0; suffix[i] != '\0' && at + 1 < capacity; ++i) {
-        destination[at++] = suffix[i];
-    }
-    if (at < capacity) {
-        destination[at] = '\0';
-    }
-    destination[capacity - 1] = '\0';
-}
 }  // namespace
 
 void ComputeInstallRoot(const char16_t* modulePath, char* root) {
@@ -85,7 +67,7 @@ int32_t GetInstallRoot(char* destination, uint32_t capacity) {
         return 0;
     }
     destination[0] = '\0';
-    AppendBounded(destination, capacity, installRoot);
+    AppendText(destination, installRoot, capacity);
     return 0;
 }
 
@@ -98,8 +80,8 @@ int32_t GetDataDirectory(char* destination, uint32_t capacity) {
     }
     GetInstallRoot(destination, capacity);
     // Both levels always: there is no separate <root>\Data directory in use.
-    AppendBounded(destination, capacity, "\\Data");
-    AppendBounded(destination, capacity, "\\System");
+    AppendText(destination, "\\Data", capacity);
+    AppendText(destination, "\\System", capacity);
     return 0;
 }
 
@@ -109,7 +91,7 @@ void OverrideInstallRoot(const char* root) {
         installRootReady.store(0, std::memory_order_release);
     } else {
         installRoot[0] = '\0';
-        AppendBounded(installRoot, PATH_CAPACITY, root);
+        AppendText(installRoot, root, PATH_CAPACITY);
         installRootReady.store(1, std::memory_order_release);
     }
     LeaveLock(InstallRootLock());

@@ -10,6 +10,7 @@
 
 #include "config/directories.h"
 #include "runtime/runtime.h"
+#include "runtime/text.h"
 #include "trouble/trouble_queue.h"
 
 const LanguageProfile languageProfiles[LANGUAGE_PROFILE_COUNT] = {
@@ -98,34 +99,6 @@ bool ReadAt(FILE* file, int64_t offset, uint8_t* buffer, uint32_t size) {
     return ReadNext(file, buffer, size);
 }
 
-void AppendBounded(char* destination, uint32_t capacity, const char* suffix) {
-    uint32_t at = 0;
-    while (at < capacity && destination[at] != '\0') {
-        ++at;
-    }
-    for (uint32_t i = 0; suffix[i] != '\0' && at + 1 < capacity; ++i) {
-        destination[at++] = suffix[i];
-    }
-    if (at < capacity) {
-        destination[at] = '\0';
-    }
-    destination[capacity - 1] = '\0';
-}
-
-void AppendBounded16(char16_t* destination, uint32_t capacity, const char16_t* suffix) {
-    uint32_t at = 0;
-    while (at < capacity && destination[at] != u'\0') {
-        ++at;
-    }
-    for (uint32_t i = 0; suffix[i] != u'\0' && at + 1 < capacity; ++i) {
-        destination[at++] = suffix[i];
-    }
-    if (at < capacity) {
-        destination[at] = u'\0';
-    }
-    destination[capacity - 1] = u'\0';
-}
-
 // Narrow paths become wide byte by byte with sign extension, as they always have; '|' cannot be
 // part of a path and is read as '!'.
 void WidenPath(const char* narrow, char16_t* wide, uint32_t capacity) {
@@ -162,10 +135,10 @@ void FormatCandidate(const char16_t* directory, uint16_t languageId, char16_t* c
     }
     digits[count] = u'\0';
     candidate[0] = u'\0';
-    AppendBounded16(candidate, TEXT_PATH_CAPACITY, directory);
-    AppendBounded16(candidate, TEXT_PATH_CAPACITY, u"\\res");
-    AppendBounded16(candidate, TEXT_PATH_CAPACITY, digits);
-    AppendBounded16(candidate, TEXT_PATH_CAPACITY, u".dll");
+    AppendText16(candidate, directory, TEXT_PATH_CAPACITY);
+    AppendText16(candidate, u"\\res", TEXT_PATH_CAPACITY);
+    AppendText16(candidate, digits, TEXT_PATH_CAPACITY);
+    AppendText16(candidate, u".dll", TEXT_PATH_CAPACITY);
 }
 
 bool HasBackslash(const char16_t* text) {
@@ -386,18 +359,18 @@ ModuleHandle LoadControlModule(const char16_t* name) {
     }
     char directory[PATH_CAPACITY];
     GetInstallRoot(directory, PATH_CAPACITY);
-    AppendBounded(directory, PATH_CAPACITY, "\\Applications\\Controls");
-    AppendBounded(directory, PATH_CAPACITY, "\\");
+    AppendText(directory, "\\Applications\\Controls", PATH_CAPACITY);
+    AppendText(directory, "\\", PATH_CAPACITY);
     char16_t path[TEXT_PATH_CAPACITY];
     WidenPath(directory, path, TEXT_PATH_CAPACITY);
-    AppendBounded16(path, TEXT_PATH_CAPACITY, name);
+    AppendText16(path, name, TEXT_PATH_CAPACITY);
     return OpenLibraryModule(path);
 }
 
 ModuleHandle FindResourceDll(uint16_t languageId, char* pathOut) {
     char directory[PATH_CAPACITY];
     GetInstallRoot(directory, PATH_CAPACITY);
-    AppendBounded(directory, PATH_CAPACITY, "\\Applications\\System");
+    AppendText(directory, "\\Applications\\System", PATH_CAPACITY);
     char16_t wideDirectory[TEXT_PATH_CAPACITY];
     WidenPath(directory, wideDirectory, TEXT_PATH_CAPACITY);
 

@@ -11,6 +11,7 @@
 
 #include "net/ipv4.h"
 #include "net/ipv4_platform.h"
+#include "runtime/text.h"
 
 namespace {
 const WORD WINSOCK_VERSION_1_1 = MAKEWORD(1, 1);
@@ -107,11 +108,6 @@ size_t QueryValue(const char* keyPath, const char* valueName, DWORD requiredType
     return size / sizeof(wchar_t);
 }
 
-void CopyBounded(const char* source, char* destination, size_t size) {
-    strncpy(destination, source, size - 1);
-    destination[size - 1] = '\0';
-}
-
 int32_t ReadAdapters(AdapterSetting** adapters, size_t* count) {
     ULONG size = 0;
     if (GetAdaptersAddresses(AF_INET, ADAPTER_LIST_FLAGS, nullptr, nullptr, &size) != ERROR_BUFFER_OVERFLOW) {
@@ -139,9 +135,9 @@ int32_t ReadAdapters(AdapterSetting** adapters, size_t* count) {
     size_t index = 0;
     for (const IP_ADAPTER_ADDRESSES* adapter = list; adapter != nullptr && index < listed; adapter = adapter->Next, ++index) {
         char keyPath[REGISTRY_TEXT_SIZE];
-        CopyBounded(INTERFACES_KEY, keyPath, sizeof(keyPath));
+        CopyText(keyPath, INTERFACES_KEY, static_cast<uint32_t>(sizeof(keyPath)));
         const size_t used = strlen(keyPath);
-        CopyBounded(adapter->AdapterName != nullptr ? adapter->AdapterName : "", keyPath + used, sizeof(keyPath) - used);
+        CopyText(keyPath + used, adapter->AdapterName, static_cast<uint32_t>(sizeof(keyPath) - used));
         HKEY key = nullptr;
         if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, keyPath, 0, KEY_READ, &key) != ERROR_SUCCESS) {
             continue;
@@ -159,12 +155,12 @@ int32_t ReadAdapters(AdapterSetting** adapters, size_t* count) {
         char text[REGISTRY_TEXT_SIZE];
         if (enableDhcp != 0) {
             setting.dhcp = 1;
-            CopyBounded(ReadRegistryString(keyPath, "DhcpIPAddress", text), setting.address, sizeof(setting.address));
-            CopyBounded(ReadRegistryString(keyPath, "DhcpSubnetMask", text), setting.mask, sizeof(setting.mask));
+            CopyText(setting.address, ReadRegistryString(keyPath, "DhcpIPAddress", text), static_cast<uint32_t>(sizeof(setting.address)));
+            CopyText(setting.mask, ReadRegistryString(keyPath, "DhcpSubnetMask", text), static_cast<uint32_t>(sizeof(setting.mask)));
         } else {
             setting.dhcp = 0;  // the first string of each list is the adapter's primary address
-            CopyBounded(ReadRegistryStringList(keyPath, "IPAddress", text), setting.address, sizeof(setting.address));
-            CopyBounded(ReadRegistryStringList(keyPath, "SubnetMask", text), setting.mask, sizeof(setting.mask));
+            CopyText(setting.address, ReadRegistryStringList(keyPath, "IPAddress", text), static_cast<uint32_t>(sizeof(setting.address)));
+            CopyText(setting.mask, ReadRegistryStringList(keyPath, "SubnetMask", text), static_cast<uint32_t>(sizeof(setting.mask)));
         }
         RegCloseKey(key);
     }

@@ -5,26 +5,22 @@
 
 #include <cstring>
 
+#include "runtime/text.h"
 #include "service/handles_win32.h"
 #include "service/service.h"
 
 namespace {
 const char SERVICES_KEY[] = "System\\CurrentControlSet\\services\\";
 const char WINDOWS_TIME_SERVICE[] = "W32Time";
-const size_t KEY_PATH_SIZE = 512;
+const uint32_t KEY_PATH_SIZE = 512;
 const DWORD START_DISABLED = SERVICE_DISABLED;  // 4
 const DWORD WINDOWS_TIME_ACCESS = SERVICE_CHANGE_CONFIG | SERVICE_QUERY_STATUS | SERVICE_STOP;
-
-void AppendBounded(char* destination, const char* text) {
-    const size_t used = strlen(destination);
-    strncat(destination, text, KEY_PATH_SIZE - 1 - used);
-}
 }  // namespace
 
 void DisableWindowsTimeService() {
     char keyPath[KEY_PATH_SIZE] = "";
-    AppendBounded(keyPath, SERVICES_KEY);
-    AppendBounded(keyPath, WINDOWS_TIME_SERVICE);
+    CopyText(keyPath, SERVICES_KEY, KEY_PATH_SIZE);
+    AppendText(keyPath, WINDOWS_TIME_SERVICE, KEY_PATH_SIZE);
 
     DWORD start = 0;
     {

@@ -5,6 +5,7 @@
 
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
+#include "runtime/text.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_troubles.h"
@@ -104,8 +105,7 @@ void SetSntpExchanger(SntpExchangeFunction function) {
 uint32_t SntpClientThread(uint64_t serverText) {
     char server[SERVER_TEXT_SIZE];
     const char* text = reinterpret_cast<const char*>(static_cast<uintptr_t>(serverText));
-    std::strncpy(server, text != nullptr ? text : "", SERVER_TEXT_SIZE - 1);
-    server[SERVER_TEXT_SIZE - 1] = '\0';
+    CopyText(server, text, SERVER_TEXT_SIZE);
     clientRunning = 1;
 
     // The start delay spreads the workstations of an installation that power up together.

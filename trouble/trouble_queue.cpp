@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "runtime/runtime.h"
+#include "runtime/text.h"
 #include "trouble/ptr_list.h"
 
 namespace {
@@ -15,22 +16,6 @@ Lock troubleLock;
 // Read by the producers on the time threads, written by the service thread.
 std::atomic<ReportCallback> reportCallback{nullptr};
 }  // namespace
-
-void CopyText16(char16_t* destination, const char16_t* source, uint32_t capacity) {
-    if (destination == nullptr || capacity == 0) {
-        return;
-    }
-    uint32_t at = 0;
-    if (source != nullptr) {
-        for (; at < capacity && source[at] != u'\0'; ++at) {
-            destination[at] = source[at];
-        }
-    }
-    if (at < capacity) {
-        destination[at] = u'\0';
-    }
-    destination[capacity - 1] = u'\0';
-}
 
 void CreateTroubleQueue() {
     if (troubleQueue != nullptr) {

@@ -38,6 +38,3 @@ int32_t QueueTrouble(TroubleRecord* record);
 // Hands every queued record, in order, to the sink as (source, REPORT_KIND_TROUBLE, code, state,
 // text) and frees it; records drained without a sink are discarded.
 void DrainTroubles();
-
-// Bounded UTF-16 copy: at most capacity units, the last unit of destination forced to NUL.
-void CopyText16(char16_t* destination, const char16_t* source, uint32_t capacity);
