@@ -24,16 +24,9 @@ Lock* LibraryLock() {
     return lock.Get();
 }
 
-const int32_t LISTEN_BACKLOG = 100;
 const uint32_t NET_SOCKET_DATAGRAM_ALT = 3;  // the other datagram type; this system uses 2
 const size_t DROPPED_PREFIX_BYTES = 8;       // zeroed in the buffer of a dropped datagram
 const uint64_t HANDLE_LOW_MASK = 0xFFFFFFFFULL;
-
-// Stream connection records belong to a stream layer this system does not have; a record
-// starts with its reference count.
-struct NetConnection {
-    int32_t references;
-};
 
 bool IsDatagram(const NetSocket* socket) {
     return socket->type == NET_SOCKET_DATAGRAM || socket->type == NET_SOCKET_DATAGRAM_ALT;
@@ -48,12 +41,6 @@ NetAddress MakeAddress(uint16_t hostPort, uint32_t address) {
     return result;
 }
 
-void ReleaseConnection(NetSocket* socket) {
-    if (socket->connection != nullptr) {
-        static_cast<NetConnection*>(socket->connection)->references -= 1;
-        socket->connection = nullptr;
-    }
-}
 }  // namespace
 
 uint32_t NetLibraryUsers() { return libraryUsers.load(); }
@@ -80,7 +67,6 @@ int32_t CreateNetSocket(NetSocket* socket, uint32_t type) {
     socket->localAddress = 0;
     socket->attachment = nullptr;
     socket->peerLimit = 0;
-    socket->connection = nullptr;
     socket->peers = nullptr;
     return 0;
 }
@@ -91,10 +77,15 @@ int32_t OpenNetSocket(NetSocket* socket, uint16_t localPort, uint64_t peerLimit)
     }
     // Unconditionally, even with no handle: the platform refuses that quietly.
     ClosePlatformSocket(socket->handle);
+    socket->handle = NET_INVALID_HANDLE;
     socket->peerLimit = peerLimit;
-    const bool datagram = IsDatagram(socket);
+    if (!IsDatagram(socket)) {
+        // This system speaks only datagrams: there is no stream layer to listen for.
+        socket->state = NET_STATE_FAILED;
+        return NET_ERROR_TYPE_NOT_SUPPORTED;
+    }
     int32_t error = 0;
-    socket->handle = OpenPlatformSocket(datagram ? 1 : 0, &error);
+    socket->handle = OpenPlatformSocket(&error);
     // With no error code to report the calls below go on and fail (or not) on their own.
     if (socket->handle == NET_INVALID_HANDLE) {
         socket->state = NET_STATE_FAILED;
@@ -102,26 +93,16 @@ int32_t OpenNetSocket(NetSocket* socket, uint16_t localPort, uint64_t peerLimit)
             return error;
         }
     }
-    if (datagram) {
-        SetPlatformSocketOption(socket->handle, SOCKET_OPTION_REUSE_ADDRESS, 1);  // best effort
-    }
+    SetPlatformSocketOption(socket->handle, SOCKET_OPTION_REUSE_ADDRESS, 1);  // best effort
     socket->address = MakeAddress(localPort, 0);
-    bool failed = false;
     error = 0;
     if (BindPlatformSocket(socket->handle, &socket->address, &error) != 0) {
-        failed = true;
-    } else if (datagram) {
-        socket->state = NET_STATE_BOUND;
-    } else if (ListenPlatformSocket(socket->handle, LISTEN_BACKLOG, &error) == 0) {
-        socket->state = NET_STATE_LISTENING;
-    } else {
-        failed = true;
-    }
-    if (failed) {
         socket->state = NET_STATE_FAILED;
         if (error != 0) {
             return error;
         }
+    } else {
+        socket->state = NET_STATE_BOUND;
     }
     ReadPlatformSocketName(socket->handle, &socket->address);  // on failure the bind address stays
     socket->localPort = HostPort(socket->address.port);
@@ -160,7 +141,7 @@ int32_t ReceiveNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint
     if (socket->state == NET_STATE_CLOSED) {
         // Open replaces this socket with its own, so the broadcast option does not survive.
         // The order is the one the service has always had; nothing here sends broadcasts.
-        socket->handle = OpenPlatformSocket(1, &error);
+        socket->handle = OpenPlatformSocket(&error);
         SetPlatformSocketOption(socket->handle, SOCKET_OPTION_BROADCAST, 1);
         if (OpenNetSocket(socket, socket->localPort, peerLimit) != 0) {
             return -1;
@@ -191,12 +172,7 @@ int32_t CloseNetSocket(NetSocket* socket) {
     if (socket == nullptr) {
         return 1;
     }
-    if (IsDatagram(socket)) {
-        UnregisterPeerSocket(socket);
-    } else {
-        ShutdownPlatformSend(socket->handle);
-        ReleaseConnection(socket);
-    }
+    UnregisterPeerSocket(socket);
     ClosePlatformSocket(socket->handle);
     socket->handle = NET_INVALID_HANDLE;
     socket->state = NET_STATE_CLOSED;
@@ -211,11 +187,7 @@ int32_t DestroyNetSocket(NetSocket* socket) {
         return 1;
     }
     if ((socket->handle & HANDLE_LOW_MASK) != HANDLE_LOW_MASK) {
-        if (IsDatagram(socket)) {
-            UnregisterPeerSocket(socket);
-        } else {
-            ReleaseConnection(socket);
-        }
+        UnregisterPeerSocket(socket);
         ClosePlatformSocket(socket->handle);
         socket->handle = NET_INVALID_HANDLE;
     }

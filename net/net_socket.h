@@ -12,7 +12,9 @@ const uint64_t NET_INVALID_HANDLE = ~0ULL;
 const uint32_t NET_STATE_FAILED = 0;
 const uint32_t NET_STATE_CLOSED = 1;
 const uint32_t NET_STATE_BOUND = 3;
-const uint32_t NET_STATE_LISTENING = 4;
+
+// Open's answer for a type that is not a datagram type (WSAESOCKTNOSUPPORT).
+const int32_t NET_ERROR_TYPE_NOT_SUPPORTED = 10044;
 
 // The layout of sockaddr_in: port and address in network byte order.
 struct NetAddress {
@@ -26,14 +28,13 @@ struct PeerTable;
 
 struct NetSocket {
     uint64_t handle;        // the platform socket; NET_INVALID_HANDLE when none
-    uint32_t type;          // 2 or 3 datagram, anything else stream
+    uint32_t type;          // 2 or 3 datagram; nothing else opens
     uint32_t state;         // NET_STATE_*
     NetAddress address;     // bind address during open; destination of the last send
     uint16_t localPort;     // host order, read back after binding
     uint32_t localAddress;  // this host's address, taken at open
-    void* attachment;       // stream-layer context; always null here
+    void* attachment;       // a layer above the socket (none in this system); receive refuses it
     uint64_t peerLimit;
-    void* connection;       // stream sockets only
     PeerTable* peers;       // datagram sockets: owned by the registry, made by the first receive
 };
 

@@ -44,8 +44,8 @@ int32_t StartSocketLibrary() { return 0; }
 
 void StopSocketLibrary() {}
 
-uint64_t OpenPlatformSocket(int32_t datagram, int32_t* error) {
-    const int descriptor = socket(AF_INET, datagram != 0 ? SOCK_DGRAM : SOCK_STREAM, 0);
+uint64_t OpenPlatformSocket(int32_t* error) {
+    const int descriptor = socket(AF_INET, SOCK_DGRAM, 0);
     if (descriptor < 0) {
         *error = errno;
         return NET_INVALID_HANDLE;
@@ -69,14 +69,6 @@ int32_t SetPlatformSocketOption(uint64_t handle, int32_t option, int32_t value) 
 int32_t BindPlatformSocket(uint64_t handle, const NetAddress* address, int32_t* error) {
     const sockaddr_in platform = ToPlatform(address);
     if (bind(Descriptor(handle), reinterpret_cast<const sockaddr*>(&platform), sizeof(platform)) != 0) {
-        *error = errno;
-        return -1;
-    }
-    return 0;
-}
-
-int32_t ListenPlatformSocket(uint64_t handle, int32_t backlog, int32_t* error) {
-    if (listen(Descriptor(handle), backlog) != 0) {
         *error = errno;
         return -1;
     }
@@ -125,10 +117,6 @@ int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, N
     }
     *from = FromPlatform(platform);
     return static_cast<int32_t>(received);
-}
-
-void ShutdownPlatformSend(uint64_t handle) {
-    shutdown(Descriptor(handle), SHUT_WR);  // a socket that is not connected refuses; nothing to do
 }
 
 int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs) {

@@ -44,21 +44,19 @@ int32_t StartSocketLibrary() {
 
 void StopSocketLibrary() { WSACleanup(); }
 
-uint64_t OpenPlatformSocket(int32_t datagram, int32_t* error) {
-    const SOCKET handle = socket(AF_INET, datagram != 0 ? SOCK_DGRAM : SOCK_STREAM, 0);
+uint64_t OpenPlatformSocket(int32_t* error) {
+    const SOCKET handle = socket(AF_INET, SOCK_DGRAM, 0);
     if (handle == INVALID_SOCKET) {
         *error = WSAGetLastError();
         return NET_INVALID_HANDLE;
     }
-    if (datagram != 0) {
-        // Windows hands a datagram socket the ICMP "port unreachable" of an earlier send as
-        // WSAECONNRESET on its next receive. A server with nothing on port 123 would then read
-        // as an invalid answer instead of silence, and the server role would fail a receive for
-        // every client that went away. Best effort: without it, the old behaviour stays.
-        BOOL report = FALSE;
-        DWORD returned = 0;
-        WSAIoctl(handle, SIO_UDP_CONNRESET, &report, sizeof report, nullptr, 0, &returned, nullptr, nullptr);
-    }
+    // Windows hands a datagram socket the ICMP "port unreachable" of an earlier send as
+    // WSAECONNRESET on its next receive. A server with nothing on port 123 would then read as an
+    // invalid answer instead of silence, and the server role would fail a receive for every
+    // client that went away. Best effort: without it, the old behaviour stays.
+    BOOL report = FALSE;
+    DWORD returned = 0;
+    WSAIoctl(handle, SIO_UDP_CONNRESET, &report, sizeof report, nullptr, 0, &returned, nullptr, nullptr);
     return static_cast<uint64_t>(handle);
 }
 
@@ -77,14 +75,6 @@ int32_t SetPlatformSocketOption(uint64_t handle, int32_t option, int32_t value) 
 int32_t BindPlatformSocket(uint64_t handle, const NetAddress* address, int32_t* error) {
     const sockaddr_in platform = ToPlatform(address);
     if (bind(Handle(handle), reinterpret_cast<const sockaddr*>(&platform), sizeof(platform)) == SOCKET_ERROR) {
-        *error = WSAGetLastError();
-        return -1;
-    }
-    return 0;
-}
-
-int32_t ListenPlatformSocket(uint64_t handle, int32_t backlog, int32_t* error) {
-    if (listen(Handle(handle), backlog) == SOCKET_ERROR) {
         *error = WSAGetLastError();
         return -1;
     }
@@ -125,10 +115,6 @@ int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, N
     }
     *from = FromPlatform(platform);
     return received;
-}
-
-void ShutdownPlatformSend(uint64_t handle) {
-    shutdown(Handle(handle), SD_SEND);  // a socket that is not connected refuses; nothing to do
 }
 
 int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs) {

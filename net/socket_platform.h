@@ -16,21 +16,19 @@ const int32_t SOCKET_OPTION_BROADCAST = 2;
 int32_t StartSocketLibrary();
 void StopSocketLibrary();
 
-// A datagram (datagram != 0) or stream IPv4 socket, or NET_INVALID_HANDLE and *error.
-uint64_t OpenPlatformSocket(int32_t datagram, int32_t* error);
+// A datagram IPv4 socket, or NET_INVALID_HANDLE and *error.
+uint64_t OpenPlatformSocket(int32_t* error);
 // closesocket; an invalid handle is passed on and its failure ignored.
 void ClosePlatformSocket(uint64_t handle);
 // setsockopt at socket level with a 32-bit value: 0 on success.
 int32_t SetPlatformSocketOption(uint64_t handle, int32_t option, int32_t value);
 // 0 on success, else -1 and *error.
 int32_t BindPlatformSocket(uint64_t handle, const NetAddress* address, int32_t* error);
-int32_t ListenPlatformSocket(uint64_t handle, int32_t backlog, int32_t* error);
 // getsockname: 0 and the bound address, else -1 with *address untouched.
 int32_t ReadPlatformSocketName(uint64_t handle, NetAddress* address);
 // Bytes sent or received, else -1 and *error.
 int32_t SendPlatformSocket(uint64_t handle, const void* data, int32_t length, const NetAddress* to, int32_t* error);
 int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from, int32_t* error);
-void ShutdownPlatformSend(uint64_t handle);
 // 1 readable, 0 time-out, -1 error (including an invalid handle).
 int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs);
 

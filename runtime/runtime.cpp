@@ -84,12 +84,6 @@ int32_t TimerExpiredAt(const TickTimer* timer, uint32_t now) {
 }
 
 int32_t TimerExpired(const TickTimer* timer) {
-    if (timer == nullptr) {
-        return 1;
-    }
-    if (timer->armed == 0) {
-        return 0;
-    }
     return TimerExpiredAt(timer, ReadTickCount());
 }
 

@@ -66,7 +66,7 @@ class Sender {
 public:
     explicit Sender(uint32_t source) {
         int32_t error = 0;
-        handle_ = OpenPlatformSocket(1, &error);
+        handle_ = OpenPlatformSocket(&error);
         const NetAddress local = Inet(source, 0);
         if (handle_ != NET_INVALID_HANDLE && BindPlatformSocket(handle_, &local, &error) != 0) {
             ClosePlatformSocket(handle_);
