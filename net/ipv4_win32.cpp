@@ -11,6 +11,7 @@
 
 #include "net/ipv4.h"
 #include "net/ipv4_platform.h"
+#include "runtime/handles_win32.h"
 #include "runtime/text.h"
 
 namespace {
@@ -24,7 +25,7 @@ const DWORD REGISTRY_STRING_DATA_BYTES = 520;
 const DWORD REGISTRY_LIST_DATA_BYTES = 4096;
 char emptyText[1] = {'\0'};
 
-static_assert(ADAPTER_LIST_FLAGS == 14, "the adapter list flags the service has always used");
+static_assert(ADAPTER_LIST_FLAGS == 14, "unicast addresses only: anycast, multicast and DNS servers name no host");
 
 int32_t StartLibrary() {
     WSADATA data;
@@ -42,16 +43,18 @@ int32_t LookupHost(const char* name, uint32_t* address) {
         return error;  // WSATRY_AGAIN is RESOLVE_TRY_AGAIN
     }
     // Any family is asked for, so a name with an IPv6 address may list that first: the first
-    // IPv4 answer is the one wanted. The answer list is not released, as the service has always
-    // done: one small list per resolution, and resolutions are rare.
-    for (const addrinfo* answer = answers; answer != nullptr; answer = answer->ai_next) {
+    // IPv4 answer is the one wanted. The list is released: a client that names its server and
+    // keeps failing resolves it every twenty minutes, for years.
+    int32_t result = 1;  // no IPv4 address: as unresolvable as no answer at all
+    for (const addrinfo* answer = answers; answer != nullptr && result != 0; answer = answer->ai_next) {
         if (answer->ai_family == AF_INET && answer->ai_addr != nullptr &&
             answer->ai_addrlen >= IPV4_FIELD_OFFSET + sizeof(uint32_t)) {
             memcpy(address, reinterpret_cast<const uint8_t*>(answer->ai_addr) + IPV4_FIELD_OFFSET, sizeof(uint32_t));
-            return 0;
+            result = 0;
         }
     }
-    return 1;  // no IPv4 address: as unresolvable as no answer at all
+    freeaddrinfo(answers);
+    return result;
 }
 
 int32_t ReadHostName(char* buffer, size_t size) {
@@ -94,14 +97,14 @@ size_t QueryValue(const char* keyPath, const char* valueName, DWORD requiredType
     wchar_t wideName[REGISTRY_NAME_UNITS];
     Widen(keyPath, widePath);
     Widen(valueName, wideName);
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, widePath, 0, KEY_READ, &key) != ERROR_SUCCESS) {
+    HKEY opened = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, widePath, 0, KEY_READ, &opened) != ERROR_SUCCESS) {
         return 0;
     }
+    const UniqueKey key(opened);
     DWORD type = REG_NONE;
     DWORD size = dataBytes;
-    const LONG result = RegQueryValueExW(key, wideName, nullptr, &type, reinterpret_cast<BYTE*>(data), &size);
-    RegCloseKey(key);
+    const LONG result = RegQueryValueExW(key.Get(), wideName, nullptr, &type, reinterpret_cast<BYTE*>(data), &size);
     if (result != ERROR_SUCCESS || type != requiredType) {
         return 0;
     }
@@ -138,17 +141,17 @@ int32_t ReadAdapters(AdapterSetting** adapters, size_t* count) {
         CopyText(keyPath, INTERFACES_KEY, static_cast<uint32_t>(sizeof(keyPath)));
         const size_t used = strlen(keyPath);
         CopyText(keyPath + used, adapter->AdapterName, static_cast<uint32_t>(sizeof(keyPath) - used));
-        HKEY key = nullptr;
-        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, keyPath, 0, KEY_READ, &key) != ERROR_SUCCESS) {
+        HKEY opened = nullptr;
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, keyPath, 0, KEY_READ, &opened) != ERROR_SUCCESS) {
             continue;
         }
+        const UniqueKey key(opened);
         DWORD enableDhcp = 0;
         DWORD type = REG_NONE;
         DWORD valueSize = sizeof(enableDhcp);
         const LONG read =
-            RegQueryValueExA(key, "EnableDHCP", nullptr, &type, reinterpret_cast<BYTE*>(&enableDhcp), &valueSize);
+            RegQueryValueExA(key.Get(), "EnableDHCP", nullptr, &type, reinterpret_cast<BYTE*>(&enableDhcp), &valueSize);
         if (read != ERROR_SUCCESS || type != REG_DWORD) {
-            RegCloseKey(key);
             continue;
         }
         AdapterSetting& setting = settings[index];
@@ -162,7 +165,6 @@ int32_t ReadAdapters(AdapterSetting** adapters, size_t* count) {
             CopyText(setting.address, ReadRegistryStringList(keyPath, "IPAddress", text), static_cast<uint32_t>(sizeof(setting.address)));
             CopyText(setting.mask, ReadRegistryStringList(keyPath, "SubnetMask", text), static_cast<uint32_t>(sizeof(setting.mask)));
         }
-        RegCloseKey(key);
     }
     free(list);
     *adapters = settings;

@@ -139,8 +139,9 @@ int32_t ReceiveNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint
     }
     int32_t error = 0;
     if (socket->state == NET_STATE_CLOSED) {
-        // Open replaces this socket with its own, so the broadcast option does not survive.
-        // The order is the one the service has always had; nothing here sends broadcasts.
+        // Open replaces this socket with its own, so the broadcast option does not survive:
+        // nothing in this system sends broadcasts, and a socket reopened here is then exactly
+        // one that open made.
         socket->handle = OpenPlatformSocket(&error);
         SetPlatformSocketOption(socket->handle, SOCKET_OPTION_BROADCAST, 1);
         if (OpenNetSocket(socket, socket->localPort, peerLimit) != 0) {

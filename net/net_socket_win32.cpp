@@ -13,7 +13,7 @@ static_assert(sizeof(NetAddress) == sizeof(sockaddr_in), "NetAddress mirrors soc
 static_assert(sizeof(SOCKET) == sizeof(uint64_t), "SOCKET is 64 bits wide");
 
 const WORD WINSOCK_VERSION_2_0 = MAKEWORD(2, 0);
-const int SELECT_WIDTH = 1024;  // ignored by Windows; kept as the service has always passed it
+const int SELECT_WIDTH = 1024;  // Windows ignores it; FD_SETSIZE of the POSIX side, where it counts
 const uint32_t MS_PER_SECOND = 1000;
 
 SOCKET Handle(uint64_t handle) { return static_cast<SOCKET>(handle); }

@@ -114,7 +114,7 @@ void SystemWriteClock(int64_t fileTime) {
     timespec value;
     value.tv_sec = static_cast<time_t>(ms / 1000);
     value.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
-    clock_settime(CLOCK_REALTIME, &value);  // failures leave the clock as it is, by design
+    clock_settime(CLOCK_REALTIME, &value);  // a failure leaves the clock; the next exchange tries again
 }
 
 // The C library's rand here reaches 2^31 - 1, but callers count on the 0..32767 of the Windows

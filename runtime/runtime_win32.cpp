@@ -4,8 +4,10 @@
 #include <process.h>
 
 #include <cstdlib>
+#include <new>
 #include <ctime>
 
+#include "runtime/handles_win32.h"
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
 
@@ -84,7 +86,8 @@ void SystemWriteClock(int64_t value) {
     SYSTEMTIME systemTime;
     fileTime.dwLowDateTime = static_cast<DWORD>(static_cast<uint64_t>(value));
     fileTime.dwHighDateTime = static_cast<DWORD>(static_cast<uint64_t>(value) >> 32);
-    // Failures (no privilege, a value out of range) leave the clock as it is, by design.
+    // Failures (no privilege, a value out of range) leave the clock as it is: nobody could act
+    // on them here, and the next exchange tries again.
     FileTimeToSystemTime(&fileTime, &systemTime);
     SetSystemTime(&systemTime);
 }
@@ -103,37 +106,30 @@ const PlatformDriver systemDriver = {
 
 // A manual-reset event: once signalled, every later wait returns at once.
 struct Wakeup {
-    HANDLE event;
+    UniqueKernelHandle event;
 };
 
 struct JoinableThread {
-    HANDLE thread;
+    UniqueKernelHandle thread;
 };
 
 Wakeup* CreateWakeup() {
-    Wakeup* wakeup = static_cast<Wakeup*>(calloc(1, sizeof(Wakeup)));
-    if (wakeup == nullptr) {
+    UniqueKernelHandle event(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    if (!event.Valid()) {
         return nullptr;
     }
-    wakeup->event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    if (wakeup->event == nullptr) {
-        free(wakeup);
-        return nullptr;
+    Wakeup* wakeup = new (std::nothrow) Wakeup;
+    if (wakeup != nullptr) {
+        wakeup->event.Reset(event.Release());
     }
     return wakeup;
 }
 
-void DestroyWakeup(Wakeup* wakeup) {
-    if (wakeup == nullptr) {
-        return;
-    }
-    CloseHandle(wakeup->event);
-    free(wakeup);
-}
+void DestroyWakeup(Wakeup* wakeup) { delete wakeup; }
 
 void SignalWakeup(Wakeup* wakeup) {
     if (wakeup != nullptr) {
-        SetEvent(wakeup->event);
+        SetEvent(wakeup->event.Get());
     }
 }
 
@@ -141,12 +137,12 @@ int32_t WakeupSignalled(Wakeup* wakeup) {
     if (wakeup == nullptr) {
         return 0;
     }
-    return WaitForSingleObject(wakeup->event, 0) == WAIT_OBJECT_0 ? 1 : 0;
+    return WaitForSingleObject(wakeup->event.Get(), 0) == WAIT_OBJECT_0 ? 1 : 0;
 }
 
 namespace {
 int32_t SystemSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
-    return WaitForSingleObject(wakeup->event, milliseconds) == WAIT_OBJECT_0 ? 1 : 0;
+    return WaitForSingleObject(wakeup->event.Get(), milliseconds) == WAIT_OBJECT_0 ? 1 : 0;
 }
 }  // namespace
 
@@ -172,12 +168,8 @@ HANDLE CreatePlatformThread(ThreadFunction function, uint64_t argument) {
 }  // namespace
 
 int32_t StartThread(ThreadFunction function, uint64_t argument) {
-    const HANDLE thread = CreatePlatformThread(function, argument);
-    if (thread == nullptr) {
-        return 0;
-    }
-    CloseHandle(thread);  // detached: nobody joins it
-    return 1;
+    const UniqueKernelHandle thread(CreatePlatformThread(function, argument));  // closed: nobody joins it
+    return thread.Valid() ? 1 : 0;
 }
 
 int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle) {
@@ -185,13 +177,13 @@ int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHa
         return 0;
     }
     *handle = nullptr;
-    JoinableThread* joinable = static_cast<JoinableThread*>(calloc(1, sizeof(JoinableThread)));
+    JoinableThread* joinable = new (std::nothrow) JoinableThread;
     if (joinable == nullptr) {
         return 0;
     }
-    joinable->thread = CreatePlatformThread(function, argument);
-    if (joinable->thread == nullptr) {
-        free(joinable);
+    joinable->thread.Reset(CreatePlatformThread(function, argument));
+    if (!joinable->thread.Valid()) {
+        delete joinable;
         return 0;
     }
     *handle = joinable;
@@ -202,9 +194,8 @@ void JoinThread(ThreadHandle handle) {
     if (handle == nullptr) {
         return;
     }
-    WaitForSingleObject(handle->thread, INFINITE);
-    CloseHandle(handle->thread);
-    free(handle);
+    WaitForSingleObject(handle->thread.Get(), INFINITE);
+    delete handle;
 }
 
 void SetCurrentThreadPriority(int32_t priority) {

@@ -30,9 +30,10 @@ int32_t ControlNumberAllowed(int32_t number) {
 }
 
 int32_t RoleChangeNeeded(const char* setting, uint32_t* address, uint8_t serverRole) {
-    // Kept as it always was: an empty or unparsable setting leaves the previous address in
-    // force, and an empty setting or 0.0.0.0 (server by the controller's rule) is never local
-    // here, so a server started for them is restarted at every re-check.
+    // An empty or unparsable setting leaves the previous address in force, so that a setting
+    // file caught half-written never flips the role. An empty setting or 0.0.0.0 (server by the
+    // controller's rule) is never local here, so a server started for them is restarted at
+    // every re-check: installations name the server's own address to avoid that.
     ParseIPv4(setting, address);
     const uint8_t local = IsLocalAddress(address) != 0 ? 1 : 0;
     return local != serverRole ? 1 : 0;

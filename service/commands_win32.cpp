@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "service/handles_win32.h"
+#include "runtime/handles_win32.h"
 #include "service/service.h"
 
 namespace {

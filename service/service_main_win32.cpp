@@ -5,7 +5,7 @@
 
 #include "config/directories.h"
 #include "runtime/runtime.h"
-#include "service/handles_win32.h"
+#include "runtime/handles_win32.h"
 #include "service/service.h"
 #include "sntp/sntp_control.h"
 #include "trouble/trouble_queue.h"
@@ -28,7 +28,7 @@ const DWORD ONE_PRIVILEGE_SIZE = sizeof(TOKEN_PRIVILEGES);  // 16 bytes
 
 SERVICE_STATUS serviceStatus;
 SERVICE_STATUS_HANDLE statusHandle = nullptr;
-HANDLE stopEvent = nullptr;
+UniqueKernelHandle stopEvent;
 
 void ReportState(DWORD state) {
     serviceStatus.dwCurrentState = state;
@@ -58,7 +58,7 @@ void WINAPI ServiceControlHandler(DWORD control) {
     case SERVICE_CONTROL_STOP:
     case SERVICE_CONTROL_SHUTDOWN:
         ReportState(SERVICE_STOP_PENDING);
-        SetEvent(stopEvent);
+        SetEvent(stopEvent.Get());
         return;
     case CONTROL_FORCE_RESTART:
         // The whole restart, its 1200 ms pause included, runs before the manager is answered.
@@ -101,7 +101,7 @@ void WINAPI ServiceMain(DWORD, LPSTR*) {
     }
     // Made before stop is accepted: a stop that arrives right after "running" is then never lost
     // on an event that does not exist yet.
-    stopEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    stopEvent.Reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
     ReportState(SERVICE_START_PENDING);
     // Running is reported before any of the service's own work, so that the manager never
     // waits on the takeover of W32Time or on the first reading of the setting.
@@ -123,16 +123,15 @@ void WINAPI ServiceMain(DWORD, LPSTR*) {
             RecheckRole(&address);
             RestartTimer(&recheckTimer);
         }
-        if (WaitForSingleObject(stopEvent, SUPERVISION_STEP_MS) == WAIT_OBJECT_0) {
+        if (WaitForSingleObject(stopEvent.Get(), SUPERVISION_STEP_MS) == WAIT_OBJECT_0) {
             break;
         }
     }
 
     ReportState(SERVICE_STOP_PENDING);
-    CloseHandle(stopEvent);
-    stopEvent = nullptr;
-    // The clears that StopSntp queues are never drained: troubles cleared at shutdown are not
-    // delivered, by design.
+    stopEvent.Reset();
+    // The clears that StopSntp queues are never drained: a trouble that is still true when the
+    // service stops must not read as resolved on the operator's workstation.
     StopSntp();
     serviceStatus.dwControlsAccepted &= ~ACCEPTED_WHEN_RUNNING;
     ReportState(SERVICE_STOPPED);

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "runtime/text.h"
-#include "service/handles_win32.h"
+#include "runtime/handles_win32.h"
 #include "service/service.h"
 
 namespace {

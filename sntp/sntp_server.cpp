@@ -25,8 +25,9 @@ const char REFERENCE_LOCAL[4] = {'L', 'O', 'C', 'L'};
 const char REFERENCE_INIT[4] = {'I', 'N', 'I', 'T'};
 const char REFERENCE_TOP[4] = {'T', 'O', 'P', ' '};
 
-// Written in memory order on purpose: the field has always gone out in host order in these
-// modes, and no client of this system reads it.
+// Written in memory order, not network order, on purpose: answers in these modes stay byte for
+// byte those that the installation's other nodes already receive, and no client of this system
+// reads the field.
 void PutHostOrderStamp(uint8_t* answer, uint64_t value) {
     std::memcpy(answer + NTP_REFERENCE_STAMP_OFFSET, &value, NTP_STAMP_SIZE);
 }

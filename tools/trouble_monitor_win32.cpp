@@ -17,12 +17,12 @@
 #include <cstring>
 #include <string>
 
+#include "runtime/handles_win32.h"
 #include "trouble/trouble_queue.h"
 #include "tools/tool_options.h"
 #include "trouble/workstation_report.h"
 
 namespace {
-const char WORKSTATION_MAILSLOT[] = "\\\\.\\mailslot\\WORKSTATION";
 const DWORD READ_STEP_MS = 200;  // how often the time limit is looked at while nothing arrives
 const long MAX_COUNT = 1000000000;
 const long MAX_SECONDS = 31536000;  // a year
@@ -154,8 +154,8 @@ int main(int argc, char** argv) {
             return Usage();
         }
     }
-    HANDLE slot = CreateMailslotA(WORKSTATION_MAILSLOT, 0, READ_STEP_MS, nullptr);
-    if (slot == INVALID_HANDLE_VALUE) {
+    const UniqueKernelHandle slot(CreateMailslotA(WORKSTATION_MAILSLOT, 0, READ_STEP_MS, nullptr));
+    if (!slot.Valid()) {
         fprintf(stderr, "TroubleMonitor: cannot create %s: error %lu (is the workstation application running?)\n",
                 WORKSTATION_MAILSLOT, GetLastError());
         return 1;
@@ -169,11 +169,10 @@ int main(int argc, char** argv) {
         }
         uint8_t message[4096];
         DWORD size = 0;
-        if (ReadFile(slot, message, sizeof message, &size, nullptr)) {
+        if (ReadFile(slot.Get(), message, sizeof message, &size, nullptr)) {
             PrintReport(message, size, options);
             ++printed;
         }
     }
-    CloseHandle(slot);
     return 0;
 }

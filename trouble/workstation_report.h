@@ -4,6 +4,10 @@
 
 #include <cstdint>
 
+// The workstation application's mailslot: this service writes to it, the application (or the
+// TroubleMonitor standing in for it) creates and reads it.
+const char WORKSTATION_MAILSLOT[] = "\\\\.\\mailslot\\WORKSTATION";
+
 const uint32_t WORKSTATION_REPORT_SIZE = 860;
 const uint32_t WORKSTATION_REPORT_SOURCE_OFFSET = 8;     // UTF-16, 256 units
 const uint32_t WORKSTATION_REPORT_KIND_OFFSET = 520;

@@ -3,7 +3,7 @@
 malformed and oversized datagrams, a settings file that is truncated, garbled, deleted and
 restored, restarts and a stop while clients keep asking, and a workstation application that is
 not listening. The service must keep running (or stop when told), keep answering, and report
-exactly the troubles the rules give. Traffic stays on 127.0.0.0/8.
+exactly the troubles they should. Traffic stays on 127.0.0.0/8.
 
 Usage: faults_e2e.py --build <windows build directory> [unittest arguments]
 """

@@ -292,7 +292,7 @@ TEST_F(SntpClientTest, SyncNowReportsTheFirstSilenceWhileTheLadderGoesOn) {
     std::atomic<SntpResult> result{SNTP_OK};
     std::thread asker([&] { result = SntpSyncNow(); });
     // The request must be in place before the held client reads its countdown again: a store
-    // that lands between its read and its write is lost, by design.
+    // that lands between its read and its write is lost (the countdown has one writer at a time).
     for (uint32_t waited = 0; syncCountdown.load() != 1 && waited < REAL_PATIENCE_MS; ++waited) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }

@@ -1,8 +1,11 @@
-// One owning wrapper per Win32 handle kind, so that early returns cannot leak a handle.
-// Each closes its handle when it goes out of scope; Reset closes early, in the order the caller
-// chooses.
+// One owning wrapper per Win32 handle kind, so that no early return can leak a handle: service
+// manager handles, registry keys, kernel handles (events, mutexes, files, mailslots, threads,
+// tokens) and sockets. Each closes its handle when it goes out of scope; Reset closes early, in
+// the order the caller chooses; Release hands the handle over without closing it. Included only
+// by *_win32.cpp files.
 #pragma once
 
+#include <winsock2.h>
 #include <windows.h>
 
 template <typename Handle, typename Closer, Closer close>
@@ -16,11 +19,16 @@ public:
 
     Handle Get() const { return handle_; }
     bool Valid() const { return handle_ != nullptr && handle_ != INVALID_HANDLE_VALUE; }
-    void Reset() {
+    void Reset(Handle handle = nullptr) {
         if (Valid()) {
             close(handle_);
         }
+        handle_ = handle;
+    }
+    Handle Release() {
+        const Handle handle = handle_;
         handle_ = nullptr;
+        return handle;
     }
 
 private:
