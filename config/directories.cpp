@@ -2,6 +2,8 @@
 // life of the process, and the data directory below it.
 #include "config/directories.h"
 
+#include "config/config_test_seams.h"
+
 #include <atomic>
 
 #include "runtime/runtime.h"

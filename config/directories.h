@@ -18,9 +18,6 @@ int32_t GetDataDirectory(char* destination, uint32_t capacity);
 // root must hold PATH_CAPACITY bytes; a null modulePath gives the empty root.
 void ComputeInstallRoot(const char16_t* modulePath, char* root);
 
-// Replaces the cached root with root (bounded, NUL-terminated), as a test or a host that knows
-// its installation does; null forgets it, so the next GetInstallRoot computes it again.
-void OverrideInstallRoot(const char* root);
 
 // The module whose path gives the root. Null (the service never sets it) names the running
 // executable; a host that loads this code as a library would set its own module handle.

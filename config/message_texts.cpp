@@ -28,7 +28,6 @@ const LanguageProfile languageProfiles[LANGUAGE_PROFILE_COUNT] = {
 const LanguageProfile* currentProfile = &languageProfiles[0];
 
 namespace {
-const uint16_t LANGUAGE_ENGLISH_US = 1033;
 const uint16_t PRIMARY_LANGUAGE_MASK = 0x3FF;
 const uint16_t SUBLANGUAGE_DEFAULT = 0x400;  // sublanguage 1 in the top six bits
 const uint32_t PROFILE_LANGUAGE_MASK = 0xFFFF;

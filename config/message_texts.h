@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <cstdio>
 
+// US English: the fallback of every language, and the only one off Windows.
+const uint16_t LANGUAGE_ENGLISH_US = 1033;
+
 struct LanguageProfile {
     uint32_t primaryLanguage;  // Windows primary language id, compared in its low 16 bits
     int32_t rightToLeft;

@@ -11,7 +11,6 @@
 #include "config/message_texts.h"
 
 namespace {
-const uint16_t LANGUAGE_ENGLISH_US = 1033;
 
 // Stands for a loaded module; its address is the handle.
 char moduleToken;

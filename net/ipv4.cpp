@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "net/ipv4_platform.h"
+#include "net/net_test_seams.h"
 #include "net/net_socket.h"
 #include "runtime/runtime.h"
 

@@ -33,9 +33,3 @@ struct Ipv4Platform {
 };
 
 extern const Ipv4Platform systemIpv4Platform;
-
-// Installs a table for the whole process; null restores the system table. Returns the previous.
-const Ipv4Platform* InstallIpv4Platform(const Ipv4Platform* platform);
-
-// Forgets the address the adapter search last found, as at process start.
-void ForgetAdapterCache();

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "net/socket_platform.h"
+#include "runtime/runtime.h"
 
 namespace {
 static_assert(sizeof(NetAddress) == sizeof(sockaddr_in), "NetAddress mirrors sockaddr_in");
@@ -14,7 +15,6 @@ static_assert(sizeof(SOCKET) == sizeof(uint64_t), "SOCKET is 64 bits wide");
 
 const WORD WINSOCK_VERSION_2_0 = MAKEWORD(2, 0);
 const int SELECT_WIDTH = 1024;  // Windows ignores it; FD_SETSIZE of the POSIX side, where it counts
-const uint32_t MS_PER_SECOND = 1000;
 
 SOCKET Handle(uint64_t handle) { return static_cast<SOCKET>(handle); }
 
@@ -123,7 +123,7 @@ int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs) {
     FD_SET(Handle(handle), &readable);
     timeval timeout;
     timeout.tv_sec = static_cast<long>(timeoutMs / MS_PER_SECOND);
-    timeout.tv_usec = static_cast<long>((timeoutMs % MS_PER_SECOND) * MS_PER_SECOND);
+    timeout.tv_usec = static_cast<long>((timeoutMs % MS_PER_SECOND) * US_PER_MS);
     const int ready = select(SELECT_WIDTH, &readable, nullptr, nullptr, &timeout);
     if (ready == SOCKET_ERROR) {
         return -1;

@@ -3,6 +3,8 @@
 // the thread sleeps through SleepFor, so tests drive it in virtual time.
 #include "net/peer_registry.h"
 
+#include "net/net_test_seams.h"
+
 #include <array>
 #include <atomic>
 #include <cstring>

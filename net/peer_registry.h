@@ -31,8 +31,6 @@ void UnregisterPeerSocket(NetSocket* socket);
 
 // 1 when (address, localPort) is blocked, else 0.
 int32_t IsPeerBlocked(uint32_t address, uint16_t localPort);
-// Blocks (address, localPort) from now on; the sweep forgets it after BLOCKED_KEEP_SECONDS.
-void BlockPeer(uint32_t address, uint16_t localPort);
 
 // 1 when a datagram from address may be delivered to the socket, 0 when it must be dropped.
 // A known sender is refreshed and always admitted; a new one only below the peer limit.
@@ -41,12 +39,3 @@ int32_t AdmitPeerAt(NetSocket* socket, uint32_t address, int64_t now);
 
 // One pass of the ageing thread at time now.
 void SweepPeerRegistry(int64_t now);
-
-// Observation for tests and diagnostics.
-size_t CountPeers(const NetSocket* socket);
-size_t CountPeerSockets();
-size_t CountBlockedPeers();
-// Ageing threads inside their loop: 1 while the library runs (once the thread got going).
-int32_t PeerThreadRunning();
-// Ageing threads started and not yet joined: 1 while the library runs, 0 after its stop.
-uint32_t CountAgeingThreads();

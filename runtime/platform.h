@@ -25,8 +25,6 @@ struct PlatformDriver {
 // The operating system's own driver (runtime_win32.cpp or runtime_posix.cpp).
 extern const PlatformDriver systemDriver;
 
-// Installs a driver for the whole process; null restores systemDriver. Returns the previous one.
-const PlatformDriver* InstallPlatformDriver(const PlatformDriver* driver);
 
 // The choke points.
 uint32_t ReadTickCount();

@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "runtime/platform.h"
+#include "runtime/runtime_test_seams.h"
 
 namespace {
 std::atomic<const PlatformDriver*> activeDriver{&systemDriver};

@@ -101,6 +101,9 @@ int32_t PauseBriefly();  // 10 ms
 // Seconds since 1970-01-01 UTC; also stored through output when it is not null.
 int64_t ReadWallClock(int64_t* output);
 
+const uint32_t MS_PER_SECOND = 1000;
+const uint32_t US_PER_MS = 1000;
+
 const int32_t PRIORITY_NORMAL = 0;   // THREAD_PRIORITY_NORMAL
 const int32_t PRIORITY_HIGHEST = 2;  // THREAD_PRIORITY_HIGHEST
 

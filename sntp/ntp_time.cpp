@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "runtime/platform.h"
+#include "runtime/runtime.h"
 
 int64_t ntpEpochFileTime = 0;
 double ntpUnitsPerTick = 0.0;
@@ -70,7 +71,7 @@ int64_t NtpToFileTime(NtpTimestamp value) {
 }
 
 NtpTimestamp TickToNtp(uint32_t tickMs) {
-    return (static_cast<uint64_t>(tickMs) << 32) / 1000u;
+    return (static_cast<uint64_t>(tickMs) << 32) / MS_PER_SECOND;
 }
 
 void NtpClockHook() {}

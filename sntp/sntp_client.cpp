@@ -8,6 +8,7 @@
 #include "runtime/text.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
+#include "sntp/sntp_test_seams.h"
 #include "sntp/sntp_troubles.h"
 
 std::atomic<int32_t> clientRunning{0};
@@ -29,7 +30,6 @@ const int32_t AFTER_FAILURE_S = 1200;       // the next ladder 1199 s later
 const int32_t FIRST_TIMEOUT_S = 5;
 const int32_t LADDER_TIMEOUT_BASE_S = 60;   // then 60, 120, 240, 480 s
 const int32_t LAST_RETRY_ATTEMPT = 3;       // the attempt index before the fifth time-out
-const uint32_t MS_PER_SECOND = 1000;
 const uint64_t HALF_SECOND_FRACTION = 0x80000000ULL;  // rounds a 32.32 stamp to the nearest second
 const int32_t SYNC_NOW_NOT_RUNNING = SNTP_CLIENT_NOT_STARTED;
 

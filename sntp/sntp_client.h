@@ -23,8 +23,3 @@ extern std::atomic<int32_t> synchronised;
 extern std::atomic<uint64_t> lastSyncTime;
 extern std::atomic<uint64_t> lastDelay;
 extern std::atomic<uint32_t> upstreamStratum;
-
-// The exchange the client thread calls; tests replace it to run the schedule in virtual time.
-typedef SntpResult (*SntpExchangeFunction)(const char* server, int32_t timeoutMs, NtpTimestamp* time,
-                                           NtpTimestamp* delay, uint32_t* stratum);
-void SetSntpExchanger(SntpExchangeFunction exchanger);  // null restores SntpExchange

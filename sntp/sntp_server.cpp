@@ -3,6 +3,8 @@
 // moment a request is read until its answer is sent.
 #include "sntp/sntp_server.h"
 
+#include "sntp/sntp_test_seams.h"
+
 #include <cstring>
 
 #include "net/net_socket.h"

@@ -10,8 +10,6 @@ const uint64_t SNTP_SERVER_PEER_LIMIT = 201;
 
 extern std::atomic<int32_t> serverMode;        // 0: the local clock is the reference
 extern std::atomic<uint32_t> upstreamAddress;  // reference id in mode 1, network order
-// The UDP port the server thread binds when it starts: SNTP_PORT, except in tests.
-extern std::atomic<uint16_t> sntpServerPort;
 
 // Thread entry: argument is the upstream address (0 for none). Returns 0 when stopped.
 uint32_t SntpServerThread(uint64_t upstream);

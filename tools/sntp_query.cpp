@@ -25,7 +25,6 @@
 #include "tools/sntp_query_report.h"
 
 namespace {
-const uint32_t MS_PER_SECOND = 1000;
 const double FRACTION_PER_MS = 4294967.296;  // 2^32 / 1000
 const int64_t SECONDS_PER_DAY = 86400;
 const size_t TEXT_LIMIT = 256;

@@ -1,6 +1,8 @@
 // SntpQuery's command line, run summary and monitoring verdict (see sntp_query_report.h).
 #include "tools/sntp_query_report.h"
 
+#include "runtime/runtime.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -10,7 +12,6 @@
 #include "tools/tool_options.h"
 
 namespace {
-const double MS_PER_SECOND = 1000.0;
 const char* const STATUS_WORDS[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
 
 bool IsOption(const char* argument, const char* longForm, const char* shortForm) {
@@ -32,7 +33,7 @@ void FormatThreshold(double ms, char* out, size_t capacity) {
         out[0] = '\0';
         return;
     }
-    std::snprintf(out, capacity, "%g", ms / MS_PER_SECOND);
+    std::snprintf(out, capacity, "%g", ms / static_cast<double>(MS_PER_SECOND));
 }
 }  // namespace
 
@@ -131,6 +132,6 @@ int32_t FormatQueryStatusLine(const QuerySummary& summary, const QueryOptions& o
     std::snprintf(out, capacity,
                   "SNTP %s - offset %.3f ms, delay %.3f ms, %ld of %ld answered | offset=%.6fs;%s;%s delay=%.6fs",
                   word, summary.offsetMedianMs, summary.delayMedianMs, summary.answered, summary.asked,
-                  summary.offsetMedianMs / MS_PER_SECOND, warn, crit, summary.delayMedianMs / MS_PER_SECOND);
+                  summary.offsetMedianMs / static_cast<double>(MS_PER_SECOND), warn, crit, summary.delayMedianMs / static_cast<double>(MS_PER_SECOND));
     return 0;
 }

@@ -10,13 +10,13 @@
 #include "runtime/runtime.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_server.h"
+#include "sntp/sntp_test_seams.h"
 #include "sntp/sntp_troubles.h"
 #include "tools/tool_options.h"
 
 namespace {
 const long DEFAULT_SECONDS = 60;
 const long MAX_SECONDS = 3600;
-const uint32_t MS_PER_SECOND = 1000;
 const uint32_t STOP_GRACE_MS = 1200;  // one select step of the server and some
 const int USAGE_STATUS = 64;
 }  // namespace

@@ -18,6 +18,7 @@
 #include <string>
 
 #include "runtime/handles_win32.h"
+#include "runtime/runtime.h"
 #include "trouble/trouble_queue.h"
 #include "tools/tool_options.h"
 #include "trouble/workstation_report.h"
@@ -164,7 +165,7 @@ int main(int argc, char** argv) {
     const ULONGLONG started = GetTickCount64();
     long printed = 0;
     while (options.count < 0 || printed < options.count) {
-        if (options.seconds >= 0 && GetTickCount64() - started >= static_cast<ULONGLONG>(options.seconds) * 1000u) {
+        if (options.seconds >= 0 && GetTickCount64() - started >= static_cast<ULONGLONG>(options.seconds) * MS_PER_SECOND) {
             break;
         }
         uint8_t message[4096];

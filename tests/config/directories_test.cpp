@@ -1,5 +1,6 @@
 // Installation directories: the root rule on example paths, the bounded copies of the root and
 // the data directory, and the root of the running test executable.
+#include "config/config_test_seams.h"
 #include "config/directories.h"
 
 #include <gtest/gtest.h>

@@ -6,6 +6,7 @@
 // The test executable's own directory serves as the installation root, so the shipped library
 // lies at <root>\Applications\System\res1033.dll beside it, with the translations
 // (see CMakeLists.txt).
+#include "config/config_test_seams.h"
 #include "config/message_texts.h"
 
 #include <gtest/gtest.h>

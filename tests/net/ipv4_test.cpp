@@ -11,6 +11,7 @@
 #include "net/ipv4.h"
 #include "net/ipv4_platform.h"
 #include "net/net_socket.h"
+#include "net/net_test_seams.h"
 #include "tests/support/virtual_time.h"
 
 #ifdef _WIN32

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "net/net_socket.h"
+#include "net/net_test_seams.h"
 #include "net/peer_registry.h"
 #include "net/socket_platform.h"
 #include "runtime/runtime.h"

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "net/net_socket.h"
+#include "net/net_test_seams.h"
 #include "net/peer_registry.h"
 #include "runtime/runtime.h"
 #include "tests/support/process_threads.h"

@@ -14,6 +14,7 @@
 #include "runtime/runtime.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
+#include "sntp/sntp_test_seams.h"
 #include "sntp/sntp_troubles.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"

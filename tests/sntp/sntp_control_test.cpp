@@ -16,11 +16,13 @@
 #include <thread>
 #include <vector>
 
+#include "config/config_test_seams.h"
 #include "config/directories.h"
 #include "net/ipv4.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_control.h"
 #include "sntp/sntp_server.h"
+#include "sntp/sntp_test_seams.h"
 #include "sntp/sntp_troubles.h"
 #include "tests/support/host_shell.h"
 #include "tests/support/loopback_udp.h"

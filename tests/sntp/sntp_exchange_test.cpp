@@ -13,8 +13,10 @@
 
 #include "net/ipv4_platform.h"
 #include "net/net_socket.h"
+#include "net/net_test_seams.h"
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
+#include "runtime/runtime_test_seams.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_troubles.h"

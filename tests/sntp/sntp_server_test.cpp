@@ -11,6 +11,7 @@
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_server.h"
+#include "sntp/sntp_test_seams.h"
 #include "sntp/sntp_troubles.h"
 #include "tests/support/chrony_peer.h"
 #include "tests/support/loopback_udp.h"

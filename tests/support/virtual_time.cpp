@@ -1,4 +1,5 @@
 // The virtual-time and guard drivers of the test binaries.
+#include "runtime/runtime_test_seams.h"
 #include "tests/support/virtual_time.h"
 
 #include <atomic>
