@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "sntp/ntp_time.h"
-#include "tests/support/loopback_udp.h"
+#include "tools/loopback_udp.h"
 #include "tools/tool_options.h"
 
 namespace {

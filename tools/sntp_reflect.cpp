@@ -12,7 +12,7 @@
 
 #include "runtime/runtime.h"
 #include "sntp/ntp_time.h"
-#include "tests/support/loopback_udp.h"
+#include "tools/loopback_udp.h"
 #include "tools/tool_options.h"
 
 namespace {

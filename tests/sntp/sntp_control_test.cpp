@@ -25,7 +25,7 @@
 #include "sntp/sntp_test_seams.h"
 #include "sntp/sntp_troubles.h"
 #include "tests/support/host_shell.h"
-#include "tests/support/loopback_udp.h"
+#include "tools/loopback_udp.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/process_threads.h"
 #include "tests/support/virtual_time.h"

@@ -14,7 +14,7 @@
 #include "sntp/sntp_test_seams.h"
 #include "sntp/sntp_troubles.h"
 #include "tests/support/chrony_peer.h"
-#include "tests/support/loopback_udp.h"
+#include "tools/loopback_udp.h"
 #include "tests/support/trouble_recorder.h"
 #include "trouble/trouble_queue.h"
 

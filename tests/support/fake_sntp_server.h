@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/loopback_udp.h"
+#include "tools/loopback_udp.h"
 
 enum class FakeAnswer {
     GOOD,             // 0x1C, stratum 2, originate echoed, receive = transmit = serverTime

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tests/support/loopback_udp.h"
+#include "tools/loopback_udp.h"
 
 namespace {
 const uint64_t CLOSED = ~0ULL;

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "tests/support/loopback_udp.h"
+#include "tools/loopback_udp.h"
 
 namespace {
 const uint64_t CLOSED = ~0ULL;

@@ -1,4 +1,5 @@
-// A bare UDP endpoint for test peers on 127.0.0.0/8: bound to one loopback address and port
+// A bare UDP endpoint of the rig tools (the load generator, the ceiling loop) and of the tests'
+// peers, on 127.0.0.0/8: bound to one loopback address and port
 // (unlike NetSocket, which always binds every interface), so that fake servers and the load
 // generator can stand beside the product on port 123 without owning the whole port.
 #pragma once
