@@ -1,0 +1,65 @@
+"""The line between the portable core and the platform edge, checked on the sources:
+
+1. No portable file (anything not named *_win32 or *_posix) includes a Windows header or branches
+   on the platform with #if/#ifdef: the platform lives in the *_win32.cpp and *_posix.cpp twins.
+2. No file of the service reads a clock, sleeps or draws a random number except the runtime's
+   choke points (runtime.cpp and its two platform files): everything else goes through the
+   platform driver, which is how tests run in virtual time and never set the real clock.
+
+  python3 scripts/check_portable.py [SOURCE_ROOT]     exit 1 and one line per finding, else 0
+"""
+
+import os
+import re
+import subprocess
+import sys
+
+SERVICE_FOLDERS = ["runtime", "net", "trouble", "config", "sntp", "service"]
+PORTABLE_FOLDERS = SERVICE_FOLDERS + ["tools"]
+CHOKE_POINTS = {"runtime/runtime.cpp", "runtime/runtime_win32.cpp", "runtime/runtime_posix.cpp"}
+
+PLATFORM_HEADER = re.compile(
+    r"#\s*include\s*<(windows|winsock2|ws2tcpip|iphlpapi|mswsock|tlhelp32|winternl|process|unistd|pthread)\.h>")
+PLATFORM_BRANCH = re.compile(r"#\s*(if|ifdef|ifndef|elif)\b.*\b(_WIN32|_WIN64|__linux__|__unix__|_MSC_VER|__MINGW\w*)")
+TIME_CALL = re.compile(
+    r"\b(GetTickCount(64)?|Sleep|SleepEx|_time64|time|GetSystemTime(AsFileTime|PreciseAsFileTime)?|SetSystemTime|"
+    r"clock_gettime|clock_settime|nanosleep|usleep|sleep|srand|rand|gettimeofday|timeGetTime|"
+    r"QueryPerformanceCounter)\s*\(|std::this_thread::sleep_(for|until)|std::chrono::(system|steady|high_resolution)_clock")
+
+
+def tracked(root, folders):
+    listed = subprocess.run(["git", "-C", root, "ls-files", *folders], capture_output=True, text=True, check=True)
+    return [path for path in listed.stdout.split() if path.endswith((".cpp", ".h"))]
+
+
+def code_of(line):
+    """The line without its comment and string literals: only code can break the rules."""
+    line = re.sub(r'"(\\.|[^"\\])*"', '""', line)
+    return line.split("//", 1)[0]
+
+
+def main():
+    root = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(os.path.dirname(__file__), ".."))
+    findings = []
+    for path in tracked(root, PORTABLE_FOLDERS):
+        if re.search(r"_(win32|posix)\.(cpp|h)$", path):
+            continue
+        with open(os.path.join(root, path), errors="replace") as source:
+            for number, line in enumerate(source, 1):
+                if PLATFORM_HEADER.search(line) or PLATFORM_BRANCH.search(line):
+                    findings.append(f"{path}:{number}: platform code in a portable file: {line.strip()}")
+    for path in tracked(root, SERVICE_FOLDERS):
+        if path in CHOKE_POINTS:
+            continue
+        with open(os.path.join(root, path), errors="replace") as source:
+            for number, line in enumerate(source, 1):
+                if TIME_CALL.search(code_of(line)):
+                    findings.append(f"{path}:{number}: clock, sleep or random outside the runtime: {line.strip()}")
+    for finding in findings:
+        print(finding)
+    print(f"portable layering: {len(findings)} finding(s)")
+    return 1 if findings else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
