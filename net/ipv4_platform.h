@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "net/ipv4.h"
 
@@ -33,3 +34,20 @@ struct Ipv4Platform {
 };
 
 extern const Ipv4Platform systemIpv4Platform;
+
+// The first IPv4 answer of a getaddrinfo list, for both platform files: any family is asked for,
+// so a name with an IPv6 address may list that first, and its bytes are no IPv4 address. 0 and
+// the address, or 1 when the list holds none. AddressInfo is the platform's addrinfo.
+template <typename AddressInfo>
+int32_t FirstIpv4Answer(const AddressInfo* answers, int ipv4Family, uint32_t* address) {
+    const size_t ADDRESS_FIELD_OFFSET = 4;  // of the address in a sockaddr_in
+    for (const AddressInfo* answer = answers; answer != nullptr; answer = answer->ai_next) {
+        if (answer->ai_family == ipv4Family && answer->ai_addr != nullptr &&
+            answer->ai_addrlen >= ADDRESS_FIELD_OFFSET + sizeof(uint32_t)) {
+            std::memcpy(address, reinterpret_cast<const uint8_t*>(answer->ai_addr) + ADDRESS_FIELD_OFFSET,
+                        sizeof(uint32_t));
+            return 0;
+        }
+    }
+    return 1;
+}

@@ -18,7 +18,6 @@
 
 namespace {
 const size_t HOST_ENTRY_BUFFER_SIZE = 8192;
-const size_t IPV4_FIELD_OFFSET = 4;  // of the address in a sockaddr_in
 char emptyText[1] = {'\0'};
 
 int32_t StartNothing() { return 0; }
@@ -36,16 +35,7 @@ int32_t LookupHost(const char* name, uint32_t* address) {
     if (error != 0) {
         return error < 0 ? -error : error;  // any non-zero code is a plain failure
     }
-    // Any family is asked for, so a name with an IPv6 address may list that first: the first
-    // IPv4 answer is the one wanted, as in the Windows build.
-    int32_t result = 1;
-    for (const addrinfo* answer = answers; answer != nullptr && result != 0; answer = answer->ai_next) {
-        if (answer->ai_family == AF_INET && answer->ai_addr != nullptr &&
-            answer->ai_addrlen >= IPV4_FIELD_OFFSET + sizeof(uint32_t)) {
-            memcpy(address, reinterpret_cast<const uint8_t*>(answer->ai_addr) + IPV4_FIELD_OFFSET, sizeof(uint32_t));
-            result = 0;
-        }
-    }
+    const int32_t result = FirstIpv4Answer(answers, AF_INET, address);
     freeaddrinfo(answers);
     return result;
 }

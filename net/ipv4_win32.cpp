@@ -16,7 +16,6 @@
 
 namespace {
 const WORD WINSOCK_VERSION_1_1 = MAKEWORD(1, 1);
-const size_t IPV4_FIELD_OFFSET = 4;  // of the address in a sockaddr_in
 // Skip anycast, multicast and DNS-server entries: only the adapters themselves are wanted.
 const ULONG ADAPTER_LIST_FLAGS = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
 const char INTERFACES_KEY[] = "SYSTEM\\CurrentControlSet\\services\\Tcpip\\Parameters\\Interfaces\\";
@@ -42,17 +41,9 @@ int32_t LookupHost(const char* name, uint32_t* address) {
     if (error != 0) {
         return error;  // WSATRY_AGAIN is RESOLVE_TRY_AGAIN
     }
-    // Any family is asked for, so a name with an IPv6 address may list that first: the first
-    // IPv4 answer is the one wanted. The list is released: a client that names its server and
-    // keeps failing resolves it every twenty minutes, for years.
-    int32_t result = 1;  // no IPv4 address: as unresolvable as no answer at all
-    for (const addrinfo* answer = answers; answer != nullptr && result != 0; answer = answer->ai_next) {
-        if (answer->ai_family == AF_INET && answer->ai_addr != nullptr &&
-            answer->ai_addrlen >= IPV4_FIELD_OFFSET + sizeof(uint32_t)) {
-            memcpy(address, reinterpret_cast<const uint8_t*>(answer->ai_addr) + IPV4_FIELD_OFFSET, sizeof(uint32_t));
-            result = 0;
-        }
-    }
+    // The list is released: a client that names its server and keeps failing resolves it every
+    // twenty minutes, for years.
+    const int32_t result = FirstIpv4Answer(answers, AF_INET, address);
     freeaddrinfo(answers);
     return result;
 }

@@ -21,21 +21,10 @@ int Descriptor(uint64_t handle) {
     return handle > static_cast<uint64_t>(INT32_MAX) ? -1 : static_cast<int>(handle);
 }
 
+// NetAddress has sockaddr_in's layout (family, port, address, 8 zero bytes), so a copy converts.
 sockaddr_in ToPlatform(const NetAddress* address) {
     sockaddr_in result;
-    memset(&result, 0, sizeof(result));
-    result.sin_family = static_cast<sa_family_t>(address->family);
-    result.sin_port = address->port;
-    result.sin_addr.s_addr = address->address;
-    return result;
-}
-
-NetAddress FromPlatform(const sockaddr_in& address) {
-    NetAddress result;
-    memset(&result, 0, sizeof(result));
-    result.family = static_cast<uint16_t>(address.sin_family);
-    result.port = address.sin_port;
-    result.address = address.sin_addr.s_addr;
+    memcpy(&result, address, sizeof result);
     return result;
 }
 }  // namespace
@@ -82,7 +71,7 @@ int32_t ReadPlatformSocketName(uint64_t handle, NetAddress* address) {
     if (getsockname(Descriptor(handle), reinterpret_cast<sockaddr*>(&platform), &length) != 0) {
         return -1;
     }
-    *address = FromPlatform(platform);
+    memcpy(address, &platform, sizeof *address);
     return 0;
 }
 
@@ -115,7 +104,7 @@ int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, N
         *error = errno;
         return -1;
     }
-    *from = FromPlatform(platform);
+    memcpy(from, &platform, sizeof *from);
     return static_cast<int32_t>(received);
 }
 

@@ -18,21 +18,10 @@ const int SELECT_WIDTH = 1024;  // Windows ignores it; FD_SETSIZE of the POSIX s
 
 SOCKET Handle(uint64_t handle) { return static_cast<SOCKET>(handle); }
 
+// NetAddress has sockaddr_in's layout (family, port, address, 8 zero bytes), so a copy converts.
 sockaddr_in ToPlatform(const NetAddress* address) {
     sockaddr_in result;
-    memset(&result, 0, sizeof(result));
-    result.sin_family = static_cast<short>(address->family);
-    result.sin_port = address->port;
-    result.sin_addr.s_addr = address->address;
-    return result;
-}
-
-NetAddress FromPlatform(const sockaddr_in& address) {
-    NetAddress result;
-    memset(&result, 0, sizeof(result));
-    result.family = static_cast<uint16_t>(address.sin_family);
-    result.port = address.sin_port;
-    result.address = address.sin_addr.s_addr;
+    memcpy(&result, address, sizeof result);
     return result;
 }
 }  // namespace
@@ -88,7 +77,7 @@ int32_t ReadPlatformSocketName(uint64_t handle, NetAddress* address) {
     if (getsockname(Handle(handle), reinterpret_cast<sockaddr*>(&platform), &length) == SOCKET_ERROR) {
         return -1;
     }
-    *address = FromPlatform(platform);
+    memcpy(address, &platform, sizeof *address);
     return 0;
 }
 
@@ -113,7 +102,7 @@ int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, N
         *error = WSAGetLastError();
         return -1;
     }
-    *from = FromPlatform(platform);
+    memcpy(from, &platform, sizeof *from);
     return received;
 }
 

@@ -3,8 +3,11 @@
 #include "runtime/runtime.h"
 
 #include <atomic>
+#include <cstdlib>
+#include <new>
 
 #include "runtime/platform.h"
+#include "runtime/runtime_platform.h"
 #include "runtime/runtime_test_seams.h"
 
 namespace {
@@ -46,6 +49,64 @@ int64_t ReadWallClock(int64_t* output) {
         *output = now;
     }
     return now;
+}
+
+int32_t InitLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    InitPlatformLock(lock);
+    return 0;
+}
+
+int32_t DeleteLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    DeletePlatformLock(lock);
+    return 0;
+}
+
+int32_t EnterLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    EnterPlatformLock(lock);
+    return 0;
+}
+
+int32_t LeaveLock(Lock* lock) {
+    if (lock == nullptr) {
+        return 1;
+    }
+    LeavePlatformLock(lock);
+    return 0;
+}
+
+ThreadStartBlock* NewThreadStartBlock(ThreadFunction function, uint64_t argument) {
+    if (function == nullptr) {
+        return nullptr;
+    }
+    ThreadStartBlock* block = static_cast<ThreadStartBlock*>(calloc(1, sizeof(ThreadStartBlock)));
+    if (block != nullptr) {
+        block->function = function;
+        block->argument = argument;
+    }
+    return block;
+}
+
+void FreeThreadStartBlock(ThreadStartBlock* block) { free(block); }
+
+uint32_t RunThreadStartBlock(void* parameter) {
+    ThreadStartBlock* block = static_cast<ThreadStartBlock*>(parameter);
+    const ThreadFunction function = block->function;
+    const uint64_t argument = block->argument;
+    FreeThreadStartBlock(block);
+    try {
+        return function(argument);
+    } catch (...) {
+        exit(1);  // nothing above a thread could handle it
+    }
 }
 
 int32_t StartTimer(TickTimer* timer, uint32_t intervalMs) {

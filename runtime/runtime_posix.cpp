@@ -8,6 +8,7 @@
 
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
+#include "runtime/runtime_platform.h"
 
 static_assert(sizeof(pthread_mutex_t) <= LOCK_STORAGE_SIZE, "a Lock holds a pthread mutex");
 
@@ -16,58 +17,21 @@ namespace {
 pthread_mutex_t* Mutex(Lock* lock) { return reinterpret_cast<pthread_mutex_t*>(lock->storage); }
 }  // namespace
 
-int32_t InitLock(Lock* lock) {
-    if (lock == nullptr) {
-        return 1;
-    }
+void InitPlatformLock(Lock* lock) {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
     pthread_mutex_init(Mutex(lock), &attributes);
     pthread_mutexattr_destroy(&attributes);
-    return 0;
 }
 
-int32_t DeleteLock(Lock* lock) {
-    if (lock == nullptr) {
-        return 1;
-    }
-    pthread_mutex_destroy(Mutex(lock));
-    return 0;
-}
-
-int32_t EnterLock(Lock* lock) {
-    if (lock == nullptr) {
-        return 1;
-    }
-    pthread_mutex_lock(Mutex(lock));
-    return 0;
-}
-
-int32_t LeaveLock(Lock* lock) {
-    if (lock == nullptr) {
-        return 1;
-    }
-    pthread_mutex_unlock(Mutex(lock));
-    return 0;
-}
+void DeletePlatformLock(Lock* lock) { pthread_mutex_destroy(Mutex(lock)); }
+void EnterPlatformLock(Lock* lock) { pthread_mutex_lock(Mutex(lock)); }
+void LeavePlatformLock(Lock* lock) { pthread_mutex_unlock(Mutex(lock)); }
 
 namespace {
-struct ThreadStartBlock {
-    ThreadFunction function;
-    uint64_t argument;
-};
-
 void* RunThread(void* parameter) {
-    ThreadStartBlock* block = static_cast<ThreadStartBlock*>(parameter);
-    const ThreadFunction function = block->function;
-    const uint64_t argument = block->argument;
-    free(block);
-    try {
-        function(argument);
-    } catch (...) {
-        exit(1);  // nothing above a detached thread could handle it
-    }
+    RunThreadStartBlock(parameter);
     return nullptr;
 }
 
@@ -207,22 +171,17 @@ int32_t SystemSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
 namespace {
 // Creates the thread detached or joinable; 1 and its identity when it was created.
 int32_t CreatePlatformThread(ThreadFunction function, uint64_t argument, bool detached, pthread_t* thread) {
-    if (function == nullptr) {
-        return 0;
-    }
-    ThreadStartBlock* block = static_cast<ThreadStartBlock*>(calloc(1, sizeof(ThreadStartBlock)));
+    ThreadStartBlock* block = NewThreadStartBlock(function, argument);
     if (block == nullptr) {
         return 0;
     }
-    block->function = function;
-    block->argument = argument;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
     const int failed = pthread_create(thread, &attributes, RunThread, block);
     pthread_attr_destroy(&attributes);
     if (failed != 0) {
-        free(block);
+        FreeThreadStartBlock(block);
         return 0;
     }
     return 1;

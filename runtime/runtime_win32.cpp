@@ -10,6 +10,7 @@
 #include "runtime/handles_win32.h"
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
+#include "runtime/runtime_platform.h"
 
 static_assert(sizeof(CRITICAL_SECTION) <= LOCK_STORAGE_SIZE, "a Lock holds a critical section");
 
@@ -17,55 +18,13 @@ namespace {
 CRITICAL_SECTION* Section(Lock* lock) { return reinterpret_cast<CRITICAL_SECTION*>(lock->storage); }
 }  // namespace
 
-int32_t InitLock(Lock* lock) {
-    if (lock == nullptr) {
-        return 1;
-    }
-    InitializeCriticalSection(Section(lock));
-    return 0;
-}
-
-int32_t DeleteLock(Lock* lock) {
-    if (lock == nullptr) {
-        return 1;
-    }
-    DeleteCriticalSection(Section(lock));
-    return 0;
-}
-
-int32_t EnterLock(Lock* lock) {
-    if (lock == nullptr) {
-        return 1;
-    }
-    EnterCriticalSection(Section(lock));
-    return 0;
-}
-
-int32_t LeaveLock(Lock* lock) {
-    if (lock == nullptr) {
-        return 1;
-    }
-    LeaveCriticalSection(Section(lock));
-    return 0;
-}
+void InitPlatformLock(Lock* lock) { InitializeCriticalSection(Section(lock)); }
+void DeletePlatformLock(Lock* lock) { DeleteCriticalSection(Section(lock)); }
+void EnterPlatformLock(Lock* lock) { EnterCriticalSection(Section(lock)); }
+void LeavePlatformLock(Lock* lock) { LeaveCriticalSection(Section(lock)); }
 
 namespace {
-struct ThreadStartBlock {
-    ThreadFunction function;
-    uint64_t argument;
-};
-
-unsigned __stdcall RunThread(void* parameter) {
-    ThreadStartBlock* block = static_cast<ThreadStartBlock*>(parameter);
-    const ThreadFunction function = block->function;
-    const uint64_t argument = block->argument;
-    free(block);
-    try {
-        return function(argument);
-    } catch (...) {
-        exit(1);  // nothing above a detached thread could handle it
-    }
-}
+unsigned __stdcall RunThread(void* parameter) { return RunThreadStartBlock(parameter); }
 
 uint32_t SystemTickCount() { return GetTickCount(); }
 
@@ -149,18 +108,13 @@ int32_t SystemSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
 namespace {
 // The new thread's handle, or null when it could not be created.
 HANDLE CreatePlatformThread(ThreadFunction function, uint64_t argument) {
-    if (function == nullptr) {
-        return nullptr;
-    }
-    ThreadStartBlock* block = static_cast<ThreadStartBlock*>(calloc(1, sizeof(ThreadStartBlock)));
+    ThreadStartBlock* block = NewThreadStartBlock(function, argument);
     if (block == nullptr) {
         return nullptr;
     }
-    block->function = function;
-    block->argument = argument;
     const uintptr_t handle = _beginthreadex(nullptr, 0, RunThread, block, 0, nullptr);
     if (handle == 0) {
-        free(block);
+        FreeThreadStartBlock(block);
         return nullptr;
     }
     return reinterpret_cast<HANDLE>(handle);
