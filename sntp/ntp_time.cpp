@@ -9,10 +9,10 @@
 #include "runtime/runtime.h"
 
 int64_t ntpEpochFileTime = 0;
-double ntpUnitsPerTick = 0.0;
 uint64_t ntpToUnixSeconds = 0;
 
 namespace {
+double ntpUnitsPerTick = 0.0;  // 2^32 / 10^7 fraction units per 100 ns tick, set by NtpInitEpoch
 const double TWO_POW_63 = 9223372036854775808.0;
 const double TWO_POW_64 = 18446744073709551616.0;
 

@@ -20,7 +20,6 @@ typedef uint64_t NtpTimestamp;
 
 // Written once by NtpInitEpoch, read everywhere after.
 extern int64_t ntpEpochFileTime;    // 1900-01-01 as a FILETIME: 94354848000000000
-extern double ntpUnitsPerTick;      // 2^32 / 10^7 fraction units per 100 ns tick
 extern uint64_t ntpToUnixSeconds;   // 2208988800 s from 1900 to 1970
 
 void NtpInitEpoch();

@@ -16,10 +16,10 @@
 #include "trouble/trouble_queue.h"
 
 std::atomic<uint8_t> serverRole{1};
-int32_t sntpInitialised = 0;
 char sntpServerSetting[SNTP_SETTING_SIZE];
 
 namespace {
+int32_t sntpInitialised = 0;  // 1 after the once-only initialisation; under ControlStateLock
 const char SETTING_KEY[] = "SNTP_IP";
 const uint32_t DIRECTORY_COPY_LIMIT = 512;
 const uint32_t STOP_GRACE_MS = 1200;  // covers a one-second sleep and a 500 ms wait step

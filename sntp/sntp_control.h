@@ -9,7 +9,6 @@
 const uint32_t SNTP_SETTING_SIZE = 256;
 
 extern std::atomic<uint8_t> serverRole;  // 1 server, 0 client
-extern int32_t sntpInitialised;
 extern char sntpServerSetting[SNTP_SETTING_SIZE];
 
 // Start, restart and stop may be called from any thread, in any order: each joins the time
