@@ -24,10 +24,9 @@ const char SETTING_KEY[] = "SNTP_IP";
 const uint32_t DIRECTORY_COPY_LIMIT = 512;
 const uint32_t STOP_GRACE_MS = 1200;  // covers a one-second sleep and a 500 ms wait step
 
-// The one time thread, client or server; null when none runs. Its start, restart and stop
-// change it only under ControlLock, and a thread is started only after the one before it has
-// been joined: so there is never a second time thread, and the stop flag that a new thread
-// clears at its start can no longer be needed by an old one.
+// The one time thread, client or server; null when none runs. Start, restart and stop change
+// it only under ControlStateLock, and a thread is started only after the one before it has been
+// joined: so there is never a second time thread.
 ThreadHandle timeThread = nullptr;
 // Set by StopSntp, cleared by StartSntp: a restart that comes after the stop (a control that
 // raced the service's end) starts nothing.
