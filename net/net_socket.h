@@ -51,6 +51,26 @@ int32_t ReceiveNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint
 int32_t CloseNetSocket(NetSocket* socket);
 int32_t DestroyNetSocket(NetSocket* socket);
 
+// Owns a created NetSocket: closes and destroys it when it goes out of scope, so that no early
+// return leaves a socket or a library reference behind. Discard does it earlier, once.
+class NetSocketHold {
+public:
+    explicit NetSocketHold(NetSocket* socket) : socket_(socket) {}
+    ~NetSocketHold() { Discard(); }
+    NetSocketHold(const NetSocketHold&) = delete;
+    NetSocketHold& operator=(const NetSocketHold&) = delete;
+    void Discard() {
+        if (socket_ != nullptr) {
+            CloseNetSocket(socket_);
+            DestroyNetSocket(socket_);
+            socket_ = nullptr;
+        }
+    }
+
+private:
+    NetSocket* socket_;
+};
+
 // select(1024, readable = {socket}) with the given time-out: 1 readable, 0 time-out, -1 error.
 int32_t WaitNetSocketReadable(NetSocket* socket, uint32_t timeoutMs);
 

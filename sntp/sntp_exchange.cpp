@@ -25,10 +25,6 @@ bool IsZero(const uint8_t* bytes, uint32_t size) {
     return true;
 }
 
-void DiscardSocket(NetSocket* socket) {
-    CloseNetSocket(socket);
-    DestroyNetSocket(socket);
-}
 }  // namespace
 
 SntpResult CheckSntpAnswer(const uint8_t* request, const uint8_t* answer, uint32_t server, uint32_t source,
@@ -83,8 +79,8 @@ SntpResult SntpExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
         // The object is untouched when the socket library cannot start: nothing to destroy.
         return SNTP_SOCKET_ERROR;
     }
+    NetSocketHold hold(&socket);  // nothing survives between two exchanges, whatever ends this one
     if (OpenNetSocket(&socket, ANY_LOCAL_PORT, SNTP_CLIENT_PEER_LIMIT) != 0) {
-        DestroyNetSocket(&socket);
         return SNTP_SOCKET_ERROR;
     }
 
@@ -107,29 +103,25 @@ SntpResult SntpExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
             const int32_t count = ReceiveNetSocket(&socket, answer, ANSWER_CAPACITY, &source, &sourcePort,
                                                    SNTP_CLIENT_PEER_LIMIT);
             if (count != static_cast<int32_t>(NTP_PACKET_SIZE)) {
-                DiscardSocket(&socket);
                 return SNTP_INVALID_RESPONSE;
             }
             break;
         }
         if (ready == 0) {
             if (stopRequested.load() != 0) {
-                DiscardSocket(&socket);
                 return SNTP_SOCKET_ERROR;
             }
             if (n == 0) {
-                DiscardSocket(&socket);
                 return SNTP_NO_RESPONSE;
             }
             continue;
         }
-        DiscardSocket(&socket);
         return SNTP_SOCKET_ERROR;
     }
     // T4: taken at once, before anything else can stretch the measured round trip.
     uint8_t destination[NTP_STAMP_SIZE];
     NtpTickStamp(destination);
-    DiscardSocket(&socket);
+    hold.Discard();
 
     const SntpResult verdict = CheckSntpAnswer(request, answer, serverAddress, source, sourcePort);
     if (verdict != SNTP_OK) {

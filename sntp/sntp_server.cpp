@@ -86,17 +86,15 @@ int32_t BuildSntpAnswer(const uint8_t* request, int32_t length, const uint8_t* r
 }
 
 uint32_t SntpServerThread(uint64_t upstream) {
-    NetSocket socket;
     // The stop flag was cleared by whoever started this thread, never here: see the client.
+    NetSocket socket;
     const bool created = CreateNetSocket(&socket, NET_SOCKET_DATAGRAM) == 0;
+    NetSocketHold hold(created ? &socket : nullptr);
     if (!created || OpenNetSocket(&socket, sntpServerPort.load(), SNTP_SERVER_PEER_LIMIT) != 0) {
         // Usually the Windows Time service still holds the port. In the default installation the
         // server is restarted every minute, so what was opened is given back at once: a socket
         // and a library reference left behind here would pile up by 1440 a day.
-        if (created) {
-            CloseNetSocket(&socket);
-            DestroyNetSocket(&socket);
-        }
+        hold.Discard();
         SetSntpTrouble(SNTP_SERVER_NOT_STARTED);
         while (stopRequested.load() == 0) {
             SleepFor(IDLE_STEP_MS);
@@ -144,7 +142,5 @@ uint32_t SntpServerThread(uint64_t upstream) {
         }
         SetCurrentThreadPriority(PRIORITY_NORMAL);
     }
-    CloseNetSocket(&socket);
-    DestroyNetSocket(&socket);
     return 0;
 }

@@ -17,7 +17,6 @@
 #include <cstring>
 #include <vector>
 
-#include "net/net_socket.h"
 #include "runtime/runtime.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_exchange.h"
@@ -136,10 +135,6 @@ int main(int argc, char** argv) {
     }
     NtpInitEpoch();
     stopRequested = 0;
-    // Held for the whole run: without it every exchange, destroying the last socket, would wait
-    // for the socket library's background thread to stop before the clock could be read.
-    NetSocket holder;
-    const bool holding = CreateNetSocket(&holder, NET_SOCKET_DATAGRAM) == 0;
 
     std::vector<QuerySample> samples(static_cast<size_t>(options.count));
     SntpResult lastFailure = SNTP_OK;
@@ -151,9 +146,6 @@ int main(int argc, char** argv) {
         if (number < options.count) {
             SleepFor(static_cast<uint32_t>(options.intervalS) * MS_PER_SECOND);
         }
-    }
-    if (holding) {
-        DestroyNetSocket(&holder);
     }
 
     QuerySummary summary;
