@@ -5,6 +5,7 @@
 
 #include "net/ipv4.h"
 #include "net/net_socket.h"
+#include "runtime/platform.h"
 #include "sntp/sntp_exchange.h"
 #include "sntp/sntp_troubles.h"
 
@@ -119,8 +120,9 @@ SntpResult SntpExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
         return SNTP_SOCKET_ERROR;
     }
     // T4: taken at once, before anything else can stretch the measured round trip.
+    const uint32_t arrivalTick = ReadTickCount();
     uint8_t destination[NTP_STAMP_SIZE];
-    NtpTickStamp(destination);
+    StoreBigEndian64(destination, TickToNtp(arrivalTick));
     hold.Discard();
 
     const SntpResult verdict = CheckSntpAnswer(request, answer, serverAddress, source, sourcePort);
@@ -134,6 +136,10 @@ SntpResult SntpExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
     NtpTimestamp estimate = 0;
     NtpTimestamp roundTrip = 0;
     NtpComputeTime(&estimate, destination, answer, &roundTrip);
+    // The estimate is the server's time at T4; the caller sets the clock at once, but closing the
+    // socket (which joins the socket library's thread when it is the last) may have taken a
+    // while on a busy host. Carried forward by the ticks since T4, it is the server's time now.
+    estimate += TickToNtp(ReadTickCount() - arrivalTick);
     if (time != nullptr) {
         *time = estimate;
     }

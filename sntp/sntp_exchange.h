@@ -11,7 +11,9 @@
 const uint64_t SNTP_CLIENT_PEER_LIMIT = 1;
 
 // One request and answer with server (dotted address or host name) on UDP port 123. 0 and the
-// outputs (time, and delay and stratum when given), or the failure code with the outputs untouched.
+// outputs, or the failure code with the outputs untouched. time is the server's transmit time
+// plus half the round trip, carried forward to the moment the exchange returns (by the ticks
+// since the answer arrived), so that a caller who sets the clock at once sets the server's time.
 SntpResult SntpExchange(const char* server, int32_t timeoutMs, NtpTimestamp* time, NtpTimestamp* delay,
                         uint32_t* stratum);
 
