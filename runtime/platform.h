@@ -11,6 +11,10 @@ struct Wakeup;
 
 struct PlatformDriver {
     uint32_t (*tickCount)();                        // GetTickCount: ms since system start, wraps
+    // Microseconds since system start, from the platform's fine monotonic counter
+    // (QueryPerformanceCounter): the tick count moves in steps of 10-16 ms on Windows (and about
+    // 13 under Wine), too coarse to time a round trip of a millisecond or less.
+    uint64_t (*preciseTickUs)();
     void (*sleep)(uint32_t milliseconds);           // Sleep
     int64_t (*wallClock)();                         // _time64: seconds since 1970-01-01 UTC
     int64_t (*readSystemClock)();                   // UTC as a FILETIME count (100 ns since 1601), whole ms
@@ -28,6 +32,7 @@ extern const PlatformDriver systemDriver;
 
 // The choke points.
 uint32_t ReadTickCount();
+uint64_t ReadPreciseTick();  // microseconds
 int64_t ReadSystemFileTime();
 void WriteSystemFileTime(int64_t fileTime);
 void SeedRandom(uint32_t seed);

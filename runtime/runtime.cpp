@@ -23,6 +23,7 @@ const PlatformDriver* InstallPlatformDriver(const PlatformDriver* driver) {
 }
 
 uint32_t ReadTickCount() { return Driver().tickCount(); }
+uint64_t ReadPreciseTick() { return Driver().preciseTickUs(); }
 int64_t ReadSystemFileTime() { return Driver().readSystemClock(); }
 void WriteSystemFileTime(int64_t fileTime) { Driver().writeSystemClock(fileTime); }
 void SeedRandom(uint32_t seed) { Driver().seedRandom(seed); }

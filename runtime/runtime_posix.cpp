@@ -42,6 +42,12 @@ uint32_t SystemTickCount() {
     return static_cast<uint32_t>(ms);
 }
 
+uint64_t SystemPreciseTick() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+}
+
 void SystemSleep(uint32_t milliseconds) {
     timespec interval;
     interval.tv_sec = milliseconds / 1000u;
@@ -95,7 +101,7 @@ int32_t SystemNextRandom() {
 }  // namespace
 
 const PlatformDriver systemDriver = {
-    SystemTickCount,  SystemSleep,      SystemWallClock,       SystemReadClock, SystemWriteClock,
+    SystemTickCount,  SystemPreciseTick, SystemSleep,      SystemWallClock,       SystemReadClock, SystemWriteClock,
     SystemSeedRandom, SystemNextRandom, SystemSleepUnlessWoken,
 };
 

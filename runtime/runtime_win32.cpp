@@ -28,6 +28,16 @@ unsigned __stdcall RunThread(void* parameter) { return RunThreadStartBlock(param
 
 uint32_t SystemTickCount() { return GetTickCount(); }
 
+uint64_t SystemPreciseTick() {
+    LARGE_INTEGER frequency;
+    LARGE_INTEGER counter;
+    QueryPerformanceFrequency(&frequency);
+    QueryPerformanceCounter(&counter);
+    const uint64_t perSecond = static_cast<uint64_t>(frequency.QuadPart);
+    const uint64_t count = static_cast<uint64_t>(counter.QuadPart);
+    return count / perSecond * 1000000u + count % perSecond * 1000000u / perSecond;
+}
+
 void SystemSleep(uint32_t milliseconds) { Sleep(milliseconds); }
 
 int64_t SystemWallClock() { return _time64(nullptr); }
@@ -59,7 +69,7 @@ int32_t SystemSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds);
 }  // namespace
 
 const PlatformDriver systemDriver = {
-    SystemTickCount,  SystemSleep,      SystemWallClock,       SystemReadClock, SystemWriteClock,
+    SystemTickCount,  SystemPreciseTick, SystemSleep,      SystemWallClock,       SystemReadClock, SystemWriteClock,
     SystemSeedRandom, SystemNextRandom, SystemSleepUnlessWoken,
 };
 

@@ -12,6 +12,7 @@ int64_t ntpEpochFileTime = 0;
 uint64_t ntpToUnixSeconds = 0;
 
 namespace {
+const uint64_t US_PER_SECOND = 1000000;
 double ntpUnitsPerTick = 0.0;  // 2^32 / 10^7 fraction units per 100 ns tick, set by NtpInitEpoch
 const double TWO_POW_63 = 9223372036854775808.0;
 const double TWO_POW_64 = 18446744073709551616.0;
@@ -74,6 +75,21 @@ NtpTimestamp TickToNtp(uint32_t tickMs) {
     return (static_cast<uint64_t>(tickMs) << 32) / MS_PER_SECOND;
 }
 
+NtpTimestamp MicrosToNtp(uint64_t micros) {
+    const uint64_t seconds = micros / US_PER_SECOND;
+    const uint64_t fraction = ((micros % US_PER_SECOND) << 32) / US_PER_SECOND;
+    return (seconds << 32) | fraction;
+}
+
+uint64_t ReadStampTick() {
+    return ReadPreciseTick() % STAMP_TICK_PERIOD_US;
+}
+
+uint64_t StampTicksSince(uint64_t earlier) {
+    const uint64_t now = ReadStampTick();
+    return now >= earlier ? now - earlier : now + STAMP_TICK_PERIOD_US - earlier;
+}
+
 void NtpClockHook() {}
 
 void NtpNow(uint8_t* out) {
@@ -87,7 +103,7 @@ void NtpSetSystemClock(NtpTimestamp value) {
 }
 
 void NtpTickStamp(uint8_t* out) {
-    StoreBigEndian64(out, TickToNtp(ReadTickCount()));
+    StoreBigEndian64(out, MicrosToNtp(ReadStampTick()));
 }
 
 void NtpComputeTime(NtpTimestamp* time, const uint8_t* destination, uint8_t* packet, NtpTimestamp* delay) {

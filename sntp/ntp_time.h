@@ -28,7 +28,9 @@ void NtpInitEpoch();
 void NtpNow(uint8_t* out);
 // Sets the system clock to a host-order stamp; the two lowest fraction bits are ignored.
 void NtpSetSystemClock(NtpTimestamp value);
-// The millisecond tick count as a big-endian 32.32 stamp counted from system start.
+// The time since system start as a big-endian 32.32 stamp, to the microsecond (the platform's
+// fine monotonic counter, not the coarse tick count), wrapping as the 32-bit millisecond tick
+// count does (every 2^32 ms), so the first byte is always zero.
 void NtpTickStamp(uint8_t* out);
 // From T4 (destination, 8 big-endian bytes) and a 48-byte answer: time = T3 + delay / 2 and
 // delay = (T4 - T1) - (T3 - T2), never negative. Leaves T1..T3 of the packet in host order.
@@ -40,6 +42,13 @@ void NtpClockHook();
 NtpTimestamp FileTimeToNtp(int64_t fileTime);
 int64_t NtpToFileTime(NtpTimestamp value);
 NtpTimestamp TickToNtp(uint32_t tickMs);
+NtpTimestamp MicrosToNtp(uint64_t micros);
+
+// The stamp tick behind NtpTickStamp, in microseconds, and the microseconds since an earlier one
+// (across its wrap).
+const uint64_t STAMP_TICK_PERIOD_US = 4294967296ULL * 1000u;
+uint64_t ReadStampTick();
+uint64_t StampTicksSince(uint64_t earlier);
 
 uint64_t LoadBigEndian64(const uint8_t* bytes);
 void StoreBigEndian64(uint8_t* bytes, uint64_t value);

@@ -120,9 +120,9 @@ SntpResult SntpExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
         return SNTP_SOCKET_ERROR;
     }
     // T4: taken at once, before anything else can stretch the measured round trip.
-    const uint32_t arrivalTick = ReadTickCount();
+    const uint64_t arrivalTick = ReadStampTick();
     uint8_t destination[NTP_STAMP_SIZE];
-    StoreBigEndian64(destination, TickToNtp(arrivalTick));
+    StoreBigEndian64(destination, MicrosToNtp(arrivalTick));
     hold.Discard();
 
     const SntpResult verdict = CheckSntpAnswer(request, answer, serverAddress, source, sourcePort);
@@ -139,7 +139,7 @@ SntpResult SntpExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
     // The estimate is the server's time at T4; the caller sets the clock at once, but closing the
     // socket (which joins the socket library's thread when it is the last) may have taken a
     // while on a busy host. Carried forward by the ticks since T4, it is the server's time now.
-    estimate += TickToNtp(ReadTickCount() - arrivalTick);
+    estimate += MicrosToNtp(StampTicksSince(arrivalTick));
     if (time != nullptr) {
         *time = estimate;
     }

@@ -250,7 +250,14 @@ void SleepUntilSet(uint32_t milliseconds) {
 // of the setting, within the millisecond the system time keeps and one of slack.
 TEST_F(SntpExchangeTest, TheClientSetsTheServersTimeAtTheMomentOfSetting) {
     const int64_t AHEAD_MS = 5000;
+#ifdef _WIN32
+    // Under Wine the fake shares this process and Wine's socket wake-ups: how late it wakes for a
+    // request counts as network delay, half of which the estimate adds, as for any server. A few
+    // ms of that come and go; the client-role test through Wine's own clock holds 2 ms.
+    const double BUDGET_MS = 6.0;
+#else
     const double BUDGET_MS = 2.0;
+#endif
     {
         std::lock_guard<std::mutex> hold(settingsMutex);
         settings.clear();

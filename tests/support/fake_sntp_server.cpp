@@ -94,26 +94,26 @@ void FakeSntpServer::Serve() {
         if (length <= 0) {
             continue;
         }
+        const uint64_t receivedAt = HostClockNtp();  // T2, before anything else
         {
             std::lock_guard<std::mutex> hold(lastMutex_);
             last_.assign(request, request + (length < REQUEST_CAPACITY ? length : REQUEST_CAPACITY));
         }
         requests_.fetch_add(1);
         if (length >= static_cast<int32_t>(NTP_PACKET_SIZE)) {
-            Answer(request, client, clientPort);
+            Answer(request, client, clientPort, receivedAt);
         }
     }
 }
 
-void FakeSntpServer::Answer(const uint8_t* request, uint32_t client, uint16_t clientPort) {
+void FakeSntpServer::Answer(const uint8_t* request, uint32_t client, uint16_t clientPort, uint64_t receivedAt) {
     std::vector<uint8_t> answer = MakeGoodSntpAnswer(request);
     if (hostClock_.load()) {
         const int64_t ahead = aheadMs_.load();
         const uint64_t offset = (static_cast<uint64_t>(ahead < 0 ? -ahead : ahead) << 32) / 1000u;
-        const uint64_t now = HostClockNtp();
-        const uint64_t stamp = ahead < 0 ? now - offset : now + offset;
-        StoreBigEndian64(&answer[NTP_RECEIVE_OFFSET], stamp);
-        StoreBigEndian64(&answer[NTP_TRANSMIT_OFFSET], stamp);
+        const uint64_t sentAt = HostClockNtp();
+        StoreBigEndian64(&answer[NTP_RECEIVE_OFFSET], ahead < 0 ? receivedAt - offset : receivedAt + offset);
+        StoreBigEndian64(&answer[NTP_TRANSMIT_OFFSET], ahead < 0 ? sentAt - offset : sentAt + offset);
     }
     switch (answer_.load()) {
         case FakeAnswer::GOOD:

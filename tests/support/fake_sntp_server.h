@@ -41,8 +41,8 @@ public:
     int32_t Start(const char* address, FakeAnswer answer, uint16_t port = FAKE_SNTP_PORT);
     void Stop();
     void SetAnswer(FakeAnswer answer) { answer_ = answer; }
-    // From now on good answers carry this host's clock plus aheadMs (read with sub-millisecond
-    // resolution at the moment of answering) instead of FAKE_SERVER_TIME.
+    // From now on good answers carry this host's clock plus aheadMs (read to the microsecond when
+    // the request was read, and again just before the answer is sent) instead of FAKE_SERVER_TIME.
     void AnswerFromHostClock(int64_t aheadMs) {
         aheadMs_ = aheadMs;
         hostClock_ = true;
@@ -56,7 +56,7 @@ public:
 
 private:
     void Serve();
-    void Answer(const uint8_t* request, uint32_t client, uint16_t clientPort);
+    void Answer(const uint8_t* request, uint32_t client, uint16_t clientPort, uint64_t receivedAt);
 
     LoopbackUdp endpoint_{~0ULL};
     uint32_t address_ = 0;

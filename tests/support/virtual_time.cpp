@@ -30,6 +30,10 @@ uint32_t VirtualTick() {
     return startTick + static_cast<uint32_t>(elapsedMs.load());
 }
 
+uint64_t VirtualPreciseTick() {
+    return (static_cast<uint64_t>(startTick) + elapsedMs.load()) * 1000u;
+}
+
 void VirtualSleep(uint32_t milliseconds) {
     std::function<void(uint32_t)> hook;
     {
@@ -95,14 +99,14 @@ int32_t VirtualNextRandom() {
 }
 
 const PlatformDriver virtualDriver = {
-    VirtualTick,       VirtualSleep,      VirtualWallClock,        VirtualReadClock, VirtualWriteClock,
+    VirtualTick,       VirtualPreciseTick, VirtualSleep,      VirtualWallClock,        VirtualReadClock, VirtualWriteClock,
     VirtualSeedRandom, VirtualNextRandom, VirtualSleepUnlessWoken,
 };
 
 void GuardWriteClock(int64_t) { guardedWrites.fetch_add(1); }
 
 const PlatformDriver guardDriver = {
-    systemDriver.tickCount, systemDriver.sleep, systemDriver.wallClock, systemDriver.readSystemClock,
+    systemDriver.tickCount, systemDriver.preciseTickUs, systemDriver.sleep, systemDriver.wallClock, systemDriver.readSystemClock,
     GuardWriteClock,        systemDriver.seedRandom, systemDriver.nextRandom, systemDriver.sleepUnlessWoken,
 };
 }  // namespace
