@@ -47,7 +47,8 @@ void ComputeInstallRoot(const char16_t* modulePath, char* root) {
         }
     }
     for (uint32_t at = 0; at < length; ++at) {
-        // Narrow paths have always been the low byte of each unit.
+        // The low byte of each unit: the narrow root that the installation's other programs derive
+        // the same way, so that all of them find the same Data directory.
         const char narrow = static_cast<char>(modulePath[at] & 0xFF);
         root[at] = narrow == '|' ? '!' : narrow;
     }
