@@ -47,8 +47,8 @@ void ComputeInstallRoot(const char16_t* modulePath, char* root) {
         }
     }
     for (uint32_t at = 0; at < length; ++at) {
-        // The low byte of each unit: the narrow root that the installation's other programs derive
-        // the same way, so that all of them find the same Data directory.
+        // The low byte of each unit, '|' as '!': the rule this system applies wherever it narrows a
+        // text, so that the root reads the same as every other narrowed name.
         const char narrow = static_cast<char>(modulePath[at] & 0xFF);
         root[at] = narrow == '|' ? '!' : narrow;
     }

@@ -67,8 +67,9 @@ int32_t ReadHostEntry(const char* name, uint32_t* addresses, size_t capacity, si
 }
 
 // Byte by byte, at most REGISTRY_NAME_UNITS - 1 characters. "|" becomes "!" in names on the way
-// in and in data on the way out: a narrow path cannot hold "|", and the installation's other
-// programs that read these keys make the same substitution, so both name the same values.
+// in and in data on the way out: the one rule this system applies wherever it narrows or widens a
+// text (the installation root, the setting file's lock name, these registry texts), so that a
+// name reads the same whichever way it crossed.
 void Widen(const char* text, wchar_t* wide) {
     size_t length = 0;
     for (; text != nullptr && text[length] != '\0' && length < REGISTRY_NAME_UNITS - 1; ++length) {
