@@ -1,28 +1,20 @@
-// ServiceMain and ServiceControlHandler: the service's status, the takeover of the clock, the
-// supervision loop that delivers troubles every 100 ms and re-checks the configured role once a
-// minute, and the shutdown order. The handler runs on the dispatcher's thread (the main thread).
+// ServiceMain and the control handler as the service manager sees them: registration, the
+// status structure, the stop event and the takeover of the clock. What the service does between
+// start and stop is the portable host's (service_host.cpp).
 #include <windows.h>
 
 #include "config/directories.h"
-#include "runtime/runtime.h"
 #include "runtime/handles_win32.h"
+#include "runtime/runtime.h"
 #include "service/service.h"
+#include "service/service_host.h"
 #include "sntp/sntp_control.h"
 #include "trouble/trouble_queue.h"
 #include "trouble/workstation_report.h"
 
-Lock controlLock;
-
 namespace {
-// Made before main runs and deleted at process exit, so both threads always find it.
-struct ControlLockLifetime {
-    ControlLockLifetime() { InitLock(&controlLock); }
-    ~ControlLockLifetime() { DeleteLock(&controlLock); }
-} controlLockLifetime;
-
 // Own-process and share-process bits both set, deliberately not the 0x10 used at installation.
 const DWORD REPORTED_SERVICE_TYPE = SERVICE_WIN32;
-const DWORD ACCEPTED_WHEN_RUNNING = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
 const char SYSTEM_TIME_PRIVILEGE[] = "SeSystemtimePrivilege";
 const DWORD ONE_PRIVILEGE_SIZE = sizeof(TOKEN_PRIVILEGES);  // 16 bytes
 
@@ -30,9 +22,18 @@ SERVICE_STATUS serviceStatus;
 SERVICE_STATUS_HANDLE statusHandle = nullptr;
 UniqueKernelHandle stopEvent;
 
-void ReportState(DWORD state) {
+void ReportStatus(uint32_t state, uint32_t controlsAccepted) {
     serviceStatus.dwCurrentState = state;
+    serviceStatus.dwControlsAccepted = controlsAccepted;
     SetServiceStatus(statusHandle, &serviceStatus);
+}
+
+void CreateStopSignal() { stopEvent.Reset(CreateEventA(nullptr, FALSE, FALSE, nullptr)); }
+void SignalStop() { SetEvent(stopEvent.Get()); }
+void CloseStopSignal() { stopEvent.Reset(); }
+
+int32_t WaitForStop(uint32_t timeoutMs) {
+    return WaitForSingleObject(stopEvent.Get(), timeoutMs) == WAIT_OBJECT_0 ? 1 : 0;
 }
 
 // Gives the process the right to set the clock. A privilege that was not granted goes
@@ -53,38 +54,27 @@ void EnableSystemTimePrivilege() {
     }
 }
 
-void WINAPI ServiceControlHandler(DWORD control) {
-    switch (control) {
-    case SERVICE_CONTROL_STOP:
-    case SERVICE_CONTROL_SHUTDOWN:
-        ReportState(SERVICE_STOP_PENDING);
-        SetEvent(stopEvent.Get());
-        return;
-    case CONTROL_FORCE_RESTART:
-        // The whole restart, its 1200 ms pause included, runs before the manager is answered.
-        EnterLock(&controlLock);
-        RestartSntp();
-        LeaveLock(&controlLock);
-        SetServiceStatus(statusHandle, &serviceStatus);
-        return;
-    default:
-        // Pause, continue, interrogate and the other user controls: report, change nothing.
-        SetServiceStatus(statusHandle, &serviceStatus);
-        return;
-    }
+void TakeOverClock() {
+    DisableWindowsTimeService();
+    EnableSystemTimePrivilege();
 }
 
-void RecheckRole(uint32_t* address) {
+void InstallTroubleSink() { SetReportCallback(SendWorkstationReport); }
+
+void ReadSetting(char* setting, uint32_t) {
     char directory[PATH_CAPACITY];
     GetDataDirectory(directory, PATH_CAPACITY);
-    char setting[SNTP_SETTING_SIZE];
     ReadSntpIp(setting, directory);
-    if (RoleChangeNeeded(setting, address, serverRole.load()) != 0) {
-        EnterLock(&controlLock);
-        RestartSntp();
-        LeaveLock(&controlLock);
-    }
 }
+
+uint8_t ServerRole() { return serverRole.load(); }
+
+const ServiceHostCalls HOST_CALLS = {
+    ReportStatus, CreateStopSignal, SignalStop, WaitForStop, CloseStopSignal, TakeOverClock,
+    InstallTroubleSink, DrainTroubles, ReadSetting, ServerRole, StartSntp, RestartSntp, StopSntp,
+};
+
+void WINAPI ServiceControlHandler(DWORD control) { HandleServiceControl(&HOST_CALLS, control); }
 
 void WINAPI ServiceMain(DWORD, LPSTR*) {
     serviceStatus.dwServiceType = REPORTED_SERVICE_TYPE;
@@ -99,43 +89,7 @@ void WINAPI ServiceMain(DWORD, LPSTR*) {
     if (statusHandle == nullptr) {
         return;
     }
-    // Made before stop is accepted: a stop that arrives right after "running" is then never lost
-    // on an event that does not exist yet.
-    stopEvent.Reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
-    ReportState(SERVICE_START_PENDING);
-    // Running is reported before any of the service's own work, so that the manager never
-    // waits on the takeover of W32Time or on the first reading of the setting.
-    serviceStatus.dwControlsAccepted |= ACCEPTED_WHEN_RUNNING;
-    ReportState(SERVICE_RUNNING);
-
-    DisableWindowsTimeService();
-    EnableSystemTimePrivilege();
-    SetReportCallback(SendWorkstationReport);
-    StartSntp();
-    TickTimer recheckTimer;
-    StartTimer(&recheckTimer, RECHECK_INTERVAL_MS);
-
-    // 0.0.0.0 is never this host's, so until a setting parses every re-check sees a change.
-    uint32_t address = 0;
-    for (;;) {
-        DrainTroubles();
-        if (TimerExpired(&recheckTimer)) {
-            RecheckRole(&address);
-            RestartTimer(&recheckTimer);
-        }
-        if (WaitForSingleObject(stopEvent.Get(), SUPERVISION_STEP_MS) == WAIT_OBJECT_0) {
-            break;
-        }
-    }
-
-    ReportState(SERVICE_STOP_PENDING);
-    stopEvent.Reset();
-    // The clears that StopSntp queues are never drained: a trouble that is still true when the
-    // service stops must not read as resolved on the operator's workstation.
-    StopSntp();
-    serviceStatus.dwControlsAccepted &= ~ACCEPTED_WHEN_RUNNING;
-    ReportState(SERVICE_STOPPED);
-    ReleaseTimer(&recheckTimer);
+    RunServiceHost(&HOST_CALLS);
 }
 }  // namespace
 
