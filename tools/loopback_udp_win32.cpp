@@ -110,6 +110,23 @@ int32_t ReceiveLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity
     return received;
 }
 
+int32_t ReceiveQueuedLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity, uint32_t* senderAddress,
+                                 uint16_t* senderPort) {
+    u_long nonBlocking = 1;  // repeated per call: cheap beside a datagram, and no state to keep
+    ioctlsocket(Handle(endpoint), FIONBIO, &nonBlocking);
+    sockaddr_in from;
+    std::memset(&from, 0, sizeof from);
+    int fromLength = sizeof from;
+    const int received = recvfrom(Handle(endpoint), static_cast<char*>(buffer), capacity, 0,
+                                  reinterpret_cast<sockaddr*>(&from), &fromLength);
+    if (received == SOCKET_ERROR) {
+        return WSAGetLastError() == WSAEWOULDBLOCK ? 0 : -1;
+    }
+    *senderAddress = from.sin_addr.s_addr;
+    *senderPort = ntohs(from.sin_port);
+    return received;
+}
+
 uint16_t LoopbackUdpPort(const LoopbackUdp* endpoint) {
     sockaddr_in local;
     std::memset(&local, 0, sizeof local);
