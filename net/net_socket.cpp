@@ -218,6 +218,13 @@ int32_t DestroyNetSocket(NetSocket* socket) {
     return 0;
 }
 
+int32_t SetNetSocketReceiveBuffer(NetSocket* socket, int32_t bytes) {
+    if (socket == nullptr) {
+        return -1;
+    }
+    return SetPlatformSocketOption(socket->handle, SOCKET_OPTION_RECEIVE_BUFFER, bytes);
+}
+
 int32_t WaitNetSocketReadable(NetSocket* socket, uint32_t timeoutMs) {
     if (socket == nullptr) {
         return -1;

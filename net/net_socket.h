@@ -79,6 +79,9 @@ private:
     NetSocket* socket_;
 };
 
+// Asks for a receive queue of the given size in bytes, which the platform may cap: 0 or -1.
+int32_t SetNetSocketReceiveBuffer(NetSocket* socket, int32_t bytes);
+
 // select(1024, readable = {socket}) with the given time-out: 1 readable, 0 time-out, -1 error.
 int32_t WaitNetSocketReadable(NetSocket* socket, uint32_t timeoutMs);
 

@@ -50,7 +50,9 @@ void ClosePlatformSocket(uint64_t handle) {
 }
 
 int32_t SetPlatformSocketOption(uint64_t handle, int32_t option, int32_t value) {
-    const int name = option == SOCKET_OPTION_BROADCAST ? SO_BROADCAST : SO_REUSEADDR;
+    const int name = option == SOCKET_OPTION_BROADCAST        ? SO_BROADCAST
+                     : option == SOCKET_OPTION_RECEIVE_BUFFER ? SO_RCVBUF
+                                                              : SO_REUSEADDR;
     const int setting = value;
     return setsockopt(Descriptor(handle), SOL_SOCKET, name, &setting, sizeof(setting)) == 0 ? 0 : -1;
 }

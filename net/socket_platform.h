@@ -11,6 +11,7 @@ const uint16_t NET_FAMILY_INET = 2;  // AF_INET on every platform we build for
 
 const int32_t SOCKET_OPTION_REUSE_ADDRESS = 1;
 const int32_t SOCKET_OPTION_BROADCAST = 2;
+const int32_t SOCKET_OPTION_RECEIVE_BUFFER = 3;  // bytes
 
 // WSAStartup version 2.0: 0 on success. Elsewhere there is nothing to start.
 int32_t StartSocketLibrary();

@@ -25,6 +25,7 @@ const int32_t REQUEST_CAPACITY = 512;     // bytes; anything but 48 is dropped a
 // Datagrams answered per wait at most, so that a flood still lets the stop flag be seen within
 // milliseconds; the socket's own queue (some hundred datagrams) bounds it below that anyway.
 const int32_t BATCH_LIMIT = 64;
+const int32_t RECEIVE_QUEUE_BYTES = 1 << 20;
 const uint8_t PRECISION = 0xFA;  // -6: 2^-6 s, about the 15.6 ms tick of the clock we serve
 
 const char REFERENCE_LOCAL[4] = {'L', 'O', 'C', 'L'};
@@ -117,6 +118,9 @@ uint32_t SntpServerThread(uint64_t upstream) {
         }
         return 0;
     }
+    // Room for the requests of a few milliseconds at full load, while another thread holds the
+    // processor; the default queue (some hundred datagrams) overflows then. Best effort.
+    SetNetSocketReceiveBuffer(&socket, RECEIVE_QUEUE_BYTES);
     if (upstream != 0) {
         upstreamAddress = static_cast<uint32_t>(upstream);
         serverMode = 1;

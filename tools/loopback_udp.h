@@ -25,6 +25,8 @@ int32_t ReceiveLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity
 // is queued, -1 on error. On Windows the endpoint is left non-blocking from then on.
 int32_t ReceiveQueuedLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity, uint32_t* senderAddress,
                                  uint16_t* senderPort);
+// Asks for a receive queue of bytes (the platform may cap it): 0, or -1.
+int32_t SetLoopbackUdpReceiveBuffer(LoopbackUdp* endpoint, int32_t bytes);
 // The port the endpoint is bound to (host order), 0 when unknown.
 uint16_t LoopbackUdpPort(const LoopbackUdp* endpoint);
 // Dotted text to network order; 0 when it is not a 127.x.y.z address.

@@ -111,6 +111,11 @@ int32_t ReceiveQueuedLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t ca
     return static_cast<int32_t>(received);
 }
 
+int32_t SetLoopbackUdpReceiveBuffer(LoopbackUdp* endpoint, int32_t bytes) {
+    const int size = bytes;
+    return setsockopt(Descriptor(endpoint), SOL_SOCKET, SO_RCVBUF, &size, sizeof size) == 0 ? 0 : -1;
+}
+
 uint16_t LoopbackUdpPort(const LoopbackUdp* endpoint) {
     sockaddr_in local;
     std::memset(&local, 0, sizeof local);

@@ -1,7 +1,8 @@
 // SntpReflect: the ceiling of the benchmark rig. The simplest loop of the server's shape, one
 // thread: wait for a datagram, raise the thread's priority, and for every datagram queued (up to
 // the server's batch) receive it, turn a 48-byte request into an answer that SntpLoad accepts (in
-// place, reading no clock) and send it; then lower the priority.
+// place, reading no clock) and send it; then lower the priority. Its receive queue is the
+// server's size.
 // What the server could do if answering cost nothing; built for Linux and, to run under Wine,
 // for Windows. A bounded time.
 //
@@ -24,7 +25,8 @@ const uint32_t SELECT_WAIT_MS = 200;  // how late the time limit may be noticed 
 const uint8_t ANSWER_STRATUM = 1;
 const int USAGE_STATUS = 64;
 const int32_t CAPACITY = 512;
-const int32_t BATCH_LIMIT = 64;  // the server's
+const int32_t BATCH_LIMIT = 64;               // the server's
+const int32_t RECEIVE_QUEUE_BYTES = 1 << 20;  // the server's
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -54,6 +56,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "SntpReflect: cannot bind %s UDP %ld: %d\n", address, port, status);
         return 1;
     }
+    SetLoopbackUdpReceiveBuffer(&endpoint, RECEIVE_QUEUE_BYTES);
     std::printf("reflecting on %s UDP port %ld for %ld s\n", address, port, seconds);
     std::fflush(stdout);
 
