@@ -161,8 +161,9 @@ double OwnCpuSeconds() {
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
-// What a version-3 server owes a client request: LI 0 (or alarm for an unsynchronised relay
-// would be refused here), version 3, server mode, a stratum, our id echoed, stamps in order.
+// What a version-3 server owes a client request: no leap warning, version 3, server mode, a
+// stratum of 1 to 15, and a transmit stamp that is set and not before the receive stamp. The
+// echo of our id was matched by the caller.
 bool IsValidAnswer(const uint8_t* answer, ssize_t length) {
     if (length != static_cast<ssize_t>(NTP_PACKET_SIZE) || answer[0] != SNTP_ANSWER_TO_CLIENT || answer[1] == 0 ||
         answer[1] > 15) {
