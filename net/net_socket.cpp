@@ -129,8 +129,9 @@ int32_t SendNetSocket(NetSocket* socket, const void* data, int32_t length, const
     return sent;
 }
 
-int32_t ReceiveNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint32_t* senderAddress,
-                         uint16_t* senderPort, uint64_t peerLimit) {
+namespace {
+int32_t ReceiveAdmitted(NetSocket* socket, void* buffer, int32_t capacity, uint32_t* senderAddress,
+                        uint16_t* senderPort, uint64_t peerLimit, bool queued) {
     if (socket == nullptr || buffer == nullptr || senderAddress == nullptr || senderPort == nullptr) {
         return -1;
     }
@@ -150,7 +151,11 @@ int32_t ReceiveNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint
     }
     NetAddress sender;
     memset(&sender, 0, sizeof(sender));
-    const int32_t received = ReceivePlatformSocket(socket->handle, buffer, capacity, &sender, &error);
+    const int32_t received = queued ? ReceiveQueuedPlatformSocket(socket->handle, buffer, capacity, &sender, &error)
+                                    : ReceivePlatformSocket(socket->handle, buffer, capacity, &sender, &error);
+    if (received == NET_NOTHING_QUEUED) {
+        return NET_NOTHING_QUEUED;
+    }
     if (received == -1) {
         socket->state = NET_STATE_FAILED;
         return -1;
@@ -167,6 +172,17 @@ int32_t ReceiveNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint
     *senderAddress = sender.address;
     *senderPort = HostPort(sender.port);
     return received;
+}
+}  // namespace
+
+int32_t ReceiveNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint32_t* senderAddress,
+                         uint16_t* senderPort, uint64_t peerLimit) {
+    return ReceiveAdmitted(socket, buffer, capacity, senderAddress, senderPort, peerLimit, false);
+}
+
+int32_t ReceiveQueuedNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint32_t* senderAddress,
+                               uint16_t* senderPort, uint64_t peerLimit) {
+    return ReceiveAdmitted(socket, buffer, capacity, senderAddress, senderPort, peerLimit, true);
 }
 
 int32_t CloseNetSocket(NetSocket* socket) {
@@ -200,6 +216,13 @@ int32_t DestroyNetSocket(NetSocket* socket) {
         StopSocketLibrary();
     }
     return 0;
+}
+
+int32_t SetNetSocketReceiveBuffer(NetSocket* socket, int32_t bytes) {
+    if (socket == nullptr) {
+        return -1;
+    }
+    return SetPlatformSocketOption(socket->handle, SOCKET_OPTION_RECEIVE_BUFFER, bytes);
 }
 
 int32_t WaitNetSocketReadable(NetSocket* socket, uint32_t timeoutMs) {

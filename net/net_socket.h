@@ -13,6 +13,9 @@ const uint32_t NET_STATE_FAILED = 0;
 const uint32_t NET_STATE_CLOSED = 1;
 const uint32_t NET_STATE_BOUND = 3;
 
+// A queued receive's answer when no datagram is waiting; the socket stays as it was.
+const int32_t NET_NOTHING_QUEUED = -2;
+
 // Open's answer for a type that is not a datagram type (WSAESOCKTNOSUPPORT).
 const int32_t NET_ERROR_TYPE_NOT_SUPPORTED = 10044;
 
@@ -48,6 +51,11 @@ int32_t SendNetSocket(NetSocket* socket, const void* data, int32_t length, const
 // zero); -1 on refusal or failure. Blocks until a datagram arrives.
 int32_t ReceiveNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint32_t* senderAddress,
                          uint16_t* senderPort, uint64_t peerLimit);
+// ReceiveNetSocket without the wait, for draining what is already queued: the same admission of
+// every datagram and the same results, or NET_NOTHING_QUEUED when the queue is empty. A socket
+// read this way is not to be read blocking afterwards (see socket_platform.h).
+int32_t ReceiveQueuedNetSocket(NetSocket* socket, void* buffer, int32_t capacity, uint32_t* senderAddress,
+                               uint16_t* senderPort, uint64_t peerLimit);
 int32_t CloseNetSocket(NetSocket* socket);
 int32_t DestroyNetSocket(NetSocket* socket);
 
@@ -70,6 +78,9 @@ public:
 private:
     NetSocket* socket_;
 };
+
+// Asks for a receive queue of the given size in bytes, which the platform may cap: 0 or -1.
+int32_t SetNetSocketReceiveBuffer(NetSocket* socket, int32_t bytes);
 
 // select(1024, readable = {socket}) with the given time-out: 1 readable, 0 time-out, -1 error.
 int32_t WaitNetSocketReadable(NetSocket* socket, uint32_t timeoutMs);

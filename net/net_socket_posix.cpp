@@ -50,7 +50,9 @@ void ClosePlatformSocket(uint64_t handle) {
 }
 
 int32_t SetPlatformSocketOption(uint64_t handle, int32_t option, int32_t value) {
-    const int name = option == SOCKET_OPTION_BROADCAST ? SO_BROADCAST : SO_REUSEADDR;
+    const int name = option == SOCKET_OPTION_BROADCAST        ? SO_BROADCAST
+                     : option == SOCKET_OPTION_RECEIVE_BUFFER ? SO_RCVBUF
+                                                              : SO_REUSEADDR;
     const int setting = value;
     return setsockopt(Descriptor(handle), SOL_SOCKET, name, &setting, sizeof(setting)) == 0 ? 0 : -1;
 }
@@ -90,7 +92,9 @@ int32_t SendPlatformSocket(uint64_t handle, const void* data, int32_t length, co
     return static_cast<int32_t>(sent);
 }
 
-int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from, int32_t* error) {
+namespace {
+int32_t ReceiveWithFlags(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from, int32_t* error,
+                         int flags) {
     if (capacity < 0) {
         *error = EINVAL;
         return -1;
@@ -98,14 +102,28 @@ int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, N
     sockaddr_in platform;
     memset(&platform, 0, sizeof(platform));
     socklen_t length = sizeof(platform);
-    const ssize_t received = recvfrom(Descriptor(handle), buffer, static_cast<size_t>(capacity), 0,
+    const ssize_t received = recvfrom(Descriptor(handle), buffer, static_cast<size_t>(capacity), flags,
                                       reinterpret_cast<sockaddr*>(&platform), &length);
+    if (received < 0 && (flags & MSG_DONTWAIT) != 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        return NET_NOTHING_QUEUED;
+    }
     if (received < 0) {
         *error = errno;
         return -1;
     }
     memcpy(from, &platform, sizeof *from);
     return static_cast<int32_t>(received);
+}
+}  // namespace
+
+int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from, int32_t* error) {
+    return ReceiveWithFlags(handle, buffer, capacity, from, error, 0);
+}
+
+// MSG_DONTWAIT leaves the descriptor blocking for everyone else: one call per datagram.
+int32_t ReceiveQueuedPlatformSocket(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from,
+                                    int32_t* error) {
+    return ReceiveWithFlags(handle, buffer, capacity, from, error, MSG_DONTWAIT);
 }
 
 int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs) {

@@ -18,6 +18,8 @@ const int SELECT_WIDTH = 1024;  // Windows ignores it; FD_SETSIZE of the POSIX s
 
 SOCKET Handle(uint64_t handle) { return static_cast<SOCKET>(handle); }
 
+thread_local uint64_t switchedHandle = NET_INVALID_HANDLE;  // see ReceiveQueuedPlatformSocket
+
 // NetAddress has sockaddr_in's layout (family, port, address, 8 zero bytes), so a copy converts.
 sockaddr_in ToPlatform(const NetAddress* address) {
     sockaddr_in result;
@@ -50,11 +52,16 @@ uint64_t OpenPlatformSocket(int32_t* error) {
 }
 
 void ClosePlatformSocket(uint64_t handle) {
+    if (switchedHandle == handle) {
+        switchedHandle = NET_INVALID_HANDLE;
+    }
     closesocket(Handle(handle));  // WSAENOTSOCK for no handle; nothing to do about it
 }
 
 int32_t SetPlatformSocketOption(uint64_t handle, int32_t option, int32_t value) {
-    const int name = option == SOCKET_OPTION_BROADCAST ? SO_BROADCAST : SO_REUSEADDR;
+    const int name = option == SOCKET_OPTION_BROADCAST        ? SO_BROADCAST
+                     : option == SOCKET_OPTION_RECEIVE_BUFFER ? SO_RCVBUF
+                                                              : SO_REUSEADDR;
     const int32_t setting = value;
     return setsockopt(Handle(handle), SOL_SOCKET, name, reinterpret_cast<const char*>(&setting), sizeof(setting)) == 0
                ? 0
@@ -104,6 +111,23 @@ int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, N
     }
     memcpy(from, &platform, sizeof *from);
     return received;
+}
+
+// Windows has no per-call flag, so the socket is switched to non-blocking for good, once per
+// handle (under Wine every switch is a round trip to wineserver). The draining thread remembers
+// the handle it switched; closing it on that thread forgets it, so a reused value is switched anew.
+int32_t ReceiveQueuedPlatformSocket(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from,
+                                    int32_t* error) {
+    if (switchedHandle != handle) {
+        u_long nonBlocking = 1;
+        if (ioctlsocket(Handle(handle), FIONBIO, &nonBlocking) == SOCKET_ERROR) {
+            *error = WSAGetLastError();
+            return -1;
+        }
+        switchedHandle = handle;
+    }
+    const int32_t received = ReceivePlatformSocket(handle, buffer, capacity, from, error);
+    return received == -1 && *error == WSAEWOULDBLOCK ? NET_NOTHING_QUEUED : received;
 }
 
 int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs) {

@@ -11,6 +11,7 @@ const uint16_t NET_FAMILY_INET = 2;  // AF_INET on every platform we build for
 
 const int32_t SOCKET_OPTION_REUSE_ADDRESS = 1;
 const int32_t SOCKET_OPTION_BROADCAST = 2;
+const int32_t SOCKET_OPTION_RECEIVE_BUFFER = 3;  // bytes
 
 // WSAStartup version 2.0: 0 on success. Elsewhere there is nothing to start.
 int32_t StartSocketLibrary();
@@ -29,6 +30,10 @@ int32_t ReadPlatformSocketName(uint64_t handle, NetAddress* address);
 // Bytes sent or received, else -1 and *error.
 int32_t SendPlatformSocket(uint64_t handle, const void* data, int32_t length, const NetAddress* to, int32_t* error);
 int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from, int32_t* error);
+// The same without waiting: NET_NOTHING_QUEUED when no datagram is queued. On Windows the socket
+// is left non-blocking (a blocking receive on it afterwards fails at once when nothing is queued).
+int32_t ReceiveQueuedPlatformSocket(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from,
+                                    int32_t* error);
 // 1 readable, 0 time-out, -1 error (including an invalid handle).
 int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs);
 

@@ -40,7 +40,16 @@ uint64_t SystemPreciseTick() {
 
 void SystemSleep(uint32_t milliseconds) { Sleep(milliseconds); }
 
-int64_t SystemWallClock() { return _time64(nullptr); }
+// Seconds since 1970 from the system time itself: the C library's _time64 also consults the
+// time zone, which under Wine is a file status check per call, and the peer registry reads this
+// clock for every datagram the server admits.
+int64_t SystemWallClock() {
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    const int64_t ticks =
+        static_cast<int64_t>((static_cast<uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime);
+    return (ticks - UNIX_EPOCH_FILETIME) / (FILETIME_TICKS_PER_MS * MS_PER_SECOND);
+}
 
 int64_t SystemReadClock() {
     SYSTEMTIME systemTime;

@@ -6,7 +6,7 @@
 #
 #   scripts/figures.sh [server] [client] [clock] [idle] [fuzz]   (default: all, in this order)
 #
-#   ROUNDS=3 ROUND_SECONDS=5   server: rounds per server, seconds per round (as bench-server.sh)
+#   ROUNDS=3 STEP_SECONDS=1    server: rounds per server, seconds per step of a sweep (as bench-server.sh)
 #   QUERIES=50                 client: exchanges against chrony
 #   CLOCK_SAMPLES=3            clock: the service's own clock settings (each 1-2 minutes)
 #   IDLE_SECONDS=30            idle: seconds the idle server is watched
@@ -18,14 +18,13 @@
 set -eu
 
 ROUNDS=${ROUNDS:-3}
-ROUND_SECONDS=${ROUND_SECONDS:-5}
+STEP_SECONDS=${STEP_SECONDS:-1}
 QUERIES=${QUERIES:-50}
 CLOCK_SAMPLES=${CLOCK_SAMPLES:-3}
 IDLE_SECONDS=${IDLE_SECONDS:-30}
 # shellcheck source=scripts/bench-lib.sh
 . "$(dirname "$0")/bench-lib.sh"
 
-chronyd=$(command -v chronyd || echo /usr/sbin/chronyd)
 figures="$bench_root/build/figures"
 idle_prefix="$figures/wineprefix"
 bench_results=$(mktemp -d /tmp/norvik-figures-XXXXXX)
@@ -48,20 +47,6 @@ wanted=${*:-server client clock idle fuzz}
 wants() { case " $wanted " in *" $1 "*) return 0 ;; *) return 1 ;; esac; }
 started=$SECONDS
 
-# chrony_conf PORT [ADDRESS]: a configuration of chronyd as the server of its own clock on
-# ADDRESS:PORT (127.0.0.1 unless given).
-# Run with -x it never touches the clock; without a command port it needs no socket of /run.
-chrony_conf() {
-  cat >"$bench_results/chrony.conf" <<EOF
-local stratum 10
-allow 127.0.0.0/8
-bindaddress ${2:-127.0.0.1}
-port $1
-cmdport 0
-pidfile $bench_results/chronyd.pid
-EOF
-  echo "$bench_results/chrony.conf"
-}
 chrony_version=$("$chronyd" -v 2>/dev/null | awk '{print $4}')
 
 echo "== machine: $(nproc) cores, $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1)," \
@@ -73,29 +58,8 @@ fi
 
 # ---------------------------------------------------------------------------------------------
 if wants server; then
-  servers="$bench_kinds chrony reflect"
-  case " $bench_kinds " in *" wine "*) servers="$servers reflect-wine" ;; esac
-  echo "== 1. server throughput and latency"
-  echo "method: $ROUNDS interleaved rounds of $ROUND_SECONDS s per server on 127.0.0.1 UDP $BENCH_PORT," \
-       "server on core 0, SntpLoad on core 1 ($BENCH_SOURCES loopback sources, $BENCH_WORKERS workers, one" \
-       "request in flight per worker, every answer checked); medians of the rounds"
-  i=1
-  while [ "$i" -le "$ROUNDS" ]; do
-    for server in $servers; do
-      if [ "$server" = chrony ]; then
-        bench_round chrony "$chronyd" -x -d -f "$(chrony_conf "$BENCH_PORT")"
-      else
-        bench_kind_round "$server"
-      fi
-    done
-    i=$((i + 1))
-  done
-  echo "-- medians"
-  bench_medians native | sed 's/^native:/native (SntpServe, Linux build, RelWithDebInfo):/'
-  bench_medians wine | sed "s/^wine:/wine (SntpServe.exe, Windows build, $("$bench_wine" --version 2>/dev/null)):/"
-  bench_medians chrony | sed "s/^chrony:/chrony (chronyd $chrony_version -x, local stratum 10):/"
-  bench_medians reflect | sed 's/^reflect:/native ceiling (SntpReflect, the server'"'"'s loop shape answering without a clock):/'
-  bench_medians reflect-wine | sed 's/^reflect-wine:/wine ceiling (SntpReflect.exe, the same loop under Wine):/'
+  echo "== 1. server throughput and latency (as scripts/bench-server.sh)"
+  bench_servers
 fi
 
 # ---------------------------------------------------------------------------------------------

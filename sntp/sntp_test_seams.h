@@ -16,3 +16,8 @@ void SetSntpExchanger(SntpExchangeFunction exchanger);  // null restores SntpExc
 
 // The UDP port the server thread binds when it starts: SNTP_PORT, except in tests.
 extern std::atomic<uint16_t> sntpServerPort;
+
+// The clock the server thread stamps answers with (receive and transmit): NtpNow, except in tests
+// that tell the stamps of one batch apart. Null restores NtpNow.
+typedef void (*SntpServerClock)(uint8_t* out);
+void SetSntpServerClock(SntpServerClock clock);

@@ -21,6 +21,12 @@ int32_t SendLoopbackUdp(LoopbackUdp* endpoint, const void* data, int32_t length,
 // capacity bytes are stored), 0 when none came, -1 on error. Sender when given.
 int32_t ReceiveLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity, uint32_t timeoutMs,
                            uint32_t* senderAddress, uint16_t* senderPort);
+// The next datagram already queued, without waiting: its length (at most capacity), 0 when none
+// is queued, -1 on error. On Windows the endpoint is left non-blocking from then on.
+int32_t ReceiveQueuedLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity, uint32_t* senderAddress,
+                                 uint16_t* senderPort);
+// Asks for a receive queue of bytes (the platform may cap it): 0, or -1.
+int32_t SetLoopbackUdpReceiveBuffer(LoopbackUdp* endpoint, int32_t bytes);
 // The port the endpoint is bound to (host order), 0 when unknown.
 uint16_t LoopbackUdpPort(const LoopbackUdp* endpoint);
 // Dotted text to network order; 0 when it is not a 127.x.y.z address.

@@ -96,6 +96,26 @@ int32_t ReceiveLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity
     return static_cast<int32_t>(received);
 }
 
+int32_t ReceiveQueuedLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity, uint32_t* senderAddress,
+                                 uint16_t* senderPort) {
+    sockaddr_in from;
+    std::memset(&from, 0, sizeof from);
+    socklen_t fromLength = sizeof from;
+    const ssize_t received = recvfrom(Descriptor(endpoint), buffer, static_cast<size_t>(capacity), MSG_DONTWAIT,
+                                      reinterpret_cast<sockaddr*>(&from), &fromLength);
+    if (received < 0) {
+        return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
+    }
+    *senderAddress = from.sin_addr.s_addr;
+    *senderPort = ntohs(from.sin_port);
+    return static_cast<int32_t>(received);
+}
+
+int32_t SetLoopbackUdpReceiveBuffer(LoopbackUdp* endpoint, int32_t bytes) {
+    const int size = bytes;
+    return setsockopt(Descriptor(endpoint), SOL_SOCKET, SO_RCVBUF, &size, sizeof size) == 0 ? 0 : -1;
+}
+
 uint16_t LoopbackUdpPort(const LoopbackUdp* endpoint) {
     sockaddr_in local;
     std::memset(&local, 0, sizeof local);

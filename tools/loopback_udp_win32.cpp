@@ -9,6 +9,9 @@
 
 namespace {
 const uint64_t CLOSED = ~0ULL;
+// The handle this thread switched to non-blocking: once per handle, as under Wine every switch
+// is a round trip to wineserver. Closing it forgets it, so a reused handle value is switched anew.
+thread_local uint64_t switched = CLOSED;
 const uint32_t LOOPBACK_NET = 127;
 const WORD WINSOCK_VERSION_2_2 = MAKEWORD(2, 2);
 
@@ -61,6 +64,9 @@ int32_t OpenLoopbackUdp(LoopbackUdp* endpoint, const char* address, uint16_t por
 
 void CloseLoopbackUdp(LoopbackUdp* endpoint) {
     if (endpoint->handle != CLOSED) {
+        if (switched == endpoint->handle) {
+            switched = CLOSED;
+        }
         closesocket(Handle(endpoint));
         endpoint->handle = CLOSED;
         WSACleanup();
@@ -108,6 +114,33 @@ int32_t ReceiveLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity
         *senderPort = ntohs(from.sin_port);
     }
     return received;
+}
+
+int32_t ReceiveQueuedLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity, uint32_t* senderAddress,
+                                 uint16_t* senderPort) {
+    if (switched != endpoint->handle) {
+        u_long nonBlocking = 1;
+        ioctlsocket(Handle(endpoint), FIONBIO, &nonBlocking);
+        switched = endpoint->handle;
+    }
+    sockaddr_in from;
+    std::memset(&from, 0, sizeof from);
+    int fromLength = sizeof from;
+    const int received = recvfrom(Handle(endpoint), static_cast<char*>(buffer), capacity, 0,
+                                  reinterpret_cast<sockaddr*>(&from), &fromLength);
+    if (received == SOCKET_ERROR) {
+        return WSAGetLastError() == WSAEWOULDBLOCK ? 0 : -1;
+    }
+    *senderAddress = from.sin_addr.s_addr;
+    *senderPort = ntohs(from.sin_port);
+    return received;
+}
+
+int32_t SetLoopbackUdpReceiveBuffer(LoopbackUdp* endpoint, int32_t bytes) {
+    const int size = bytes;
+    return setsockopt(Handle(endpoint), SOL_SOCKET, SO_RCVBUF, reinterpret_cast<const char*>(&size), sizeof size) == 0
+               ? 0
+               : -1;
 }
 
 uint16_t LoopbackUdpPort(const LoopbackUdp* endpoint) {

@@ -1,6 +1,8 @@
 // SntpReflect: the ceiling of the benchmark rig. The simplest loop of the server's shape, one
-// thread: one select per datagram, receive, raise the thread's priority, turn a 48-byte request
-// into an answer that SntpLoad accepts (in place, reading no clock), send it, lower the priority.
+// thread: wait for a datagram, raise the thread's priority, and for every datagram queued (up to
+// the server's batch) receive it, turn a 48-byte request into an answer that SntpLoad accepts (in
+// place, reading no clock) and send it; then lower the priority. Its receive queue is the
+// server's size.
 // What the server could do if answering cost nothing; built for Linux and, to run under Wine,
 // for Windows. A bounded time.
 //
@@ -23,6 +25,8 @@ const uint32_t SELECT_WAIT_MS = 200;  // how late the time limit may be noticed 
 const uint8_t ANSWER_STRATUM = 1;
 const int USAGE_STATUS = 64;
 const int32_t CAPACITY = 512;
+const int32_t BATCH_LIMIT = 64;               // the server's
+const int32_t RECEIVE_QUEUE_BYTES = 1 << 20;  // the server's
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -52,6 +56,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "SntpReflect: cannot bind %s UDP %ld: %d\n", address, port, status);
         return 1;
     }
+    SetLoopbackUdpReceiveBuffer(&endpoint, RECEIVE_QUEUE_BYTES);
     std::printf("reflecting on %s UDP port %ld for %ld s\n", address, port, seconds);
     std::fflush(stdout);
 
@@ -62,21 +67,28 @@ int main(int argc, char** argv) {
     while (std::chrono::steady_clock::now() < deadline) {
         uint32_t sender = 0;
         uint16_t senderPort = 0;
-        const int32_t length = ReceiveLoopbackUdp(&endpoint, packet, CAPACITY, SELECT_WAIT_MS, &sender, &senderPort);
-        if (length != static_cast<int32_t>(NTP_PACKET_SIZE)) {
-            ignored += length > 0 ? 1 : 0;
+        int32_t length = ReceiveLoopbackUdp(&endpoint, packet, CAPACITY, SELECT_WAIT_MS, &sender, &senderPort);
+        if (length == 0) {
             continue;
         }
         SetCurrentThreadPriority(PRIORITY_HIGHEST);
-        // The request's own transmit stamp serves as originate, receive and transmit: it names
-        // the request, is never zero from SntpLoad, and keeps receive <= transmit.
-        packet[0] = SNTP_ANSWER_TO_CLIENT;
-        packet[1] = ANSWER_STRATUM;
-        std::memcpy(packet + NTP_ORIGINATE_OFFSET, packet + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE);
-        std::memcpy(packet + NTP_RECEIVE_OFFSET, packet + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE);
-        SendLoopbackUdp(&endpoint, packet, static_cast<int32_t>(NTP_PACKET_SIZE), sender, senderPort);
+        for (int32_t batch = 1; length > 0; ++batch) {
+            if (length != static_cast<int32_t>(NTP_PACKET_SIZE)) {
+                ignored += 1;
+            } else {
+                // The request's own transmit stamp serves as originate, receive and transmit: it
+                // names the request, is never zero from SntpLoad, and keeps receive <= transmit.
+                packet[0] = SNTP_ANSWER_TO_CLIENT;
+                packet[1] = ANSWER_STRATUM;
+                std::memcpy(packet + NTP_ORIGINATE_OFFSET, packet + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE);
+                std::memcpy(packet + NTP_RECEIVE_OFFSET, packet + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE);
+                SendLoopbackUdp(&endpoint, packet, static_cast<int32_t>(NTP_PACKET_SIZE), sender, senderPort);
+                reflected += 1;
+            }
+            length = batch < BATCH_LIMIT ? ReceiveQueuedLoopbackUdp(&endpoint, packet, CAPACITY, &sender, &senderPort)
+                                         : 0;
+        }
         SetCurrentThreadPriority(PRIORITY_NORMAL);
-        reflected += 1;
     }
     CloseLoopbackUdp(&endpoint);
     std::printf("stopped; reflected %llu, ignored %llu\n", reflected, ignored);
