@@ -61,7 +61,8 @@ class QueryTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         build = winerig.RigTestCase.build
-        cls.rig = winerig.Rig(build, os.path.join(build, "wineprefix"))
+        cls.rig = winerig.Rig(build, os.path.join(build, "query-prefix"))
+        cls.rig.boot(fresh=True, programs=())
         cls.query = winerig.find_file(build, "SntpQuery.exe")
         cls.chrony = ChronyServer(CHRONY_ADDRESS)
         cls.ahead = AheadServer(AHEAD_ADDRESS)
@@ -70,6 +71,7 @@ class QueryTest(unittest.TestCase):
     def tearDownClass(cls):
         cls.chrony.close()
         cls.ahead.close()
+        cls.rig.shutdown()
 
     def run_query(self, *args):
         result = self.rig.wine(self.query, *args, timeout=60)
