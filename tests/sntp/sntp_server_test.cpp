@@ -6,8 +6,10 @@
 
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "net/net_socket.h"
+#include "net/net_test_seams.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_server.h"
@@ -16,6 +18,7 @@
 #include "tests/support/chrony_peer.h"
 #include "tools/loopback_udp.h"
 #include "tests/support/trouble_recorder.h"
+#include "tests/support/virtual_time.h"
 #include "trouble/trouble_queue.h"
 
 namespace {
@@ -201,6 +204,34 @@ TEST_F(SntpServerTest, APortAlreadyTakenRaisesTroubleEightAndIdlesUntilStopped) 
     StopServer();
     EXPECT_TRUE(TakeTroubles().empty());
     CloseLoopbackUdp(&holder);
+}
+
+TEST_F(SntpServerTest, AFailingWaitRaisesTroubleOneOncePerSecond) {
+    InstallVirtualTime();
+    std::vector<uint32_t> pauses;
+    static thread_local bool onServerThread = false;  // the socket library's ageing thread sleeps too
+    SetSleepHook([&pauses](uint32_t milliseconds) {
+        if (!onServerThread) {
+            return;
+        }
+        pauses.push_back(milliseconds);
+        if (pauses.size() == 5) {
+            stopRequested = 1;  // a loop that never pauses would never get here
+        }
+    });
+    failNetSocketWaits = 1;
+    server = std::thread([] {
+        onServerThread = true;
+        SntpServerThread(0);
+    });
+    server.join();
+    failNetSocketWaits = 0;
+    stopRequested = 0;
+    RemoveVirtualTime();
+
+    EXPECT_EQ(std::vector<uint32_t>(5, 1000), pauses);
+    const std::vector<SeenTrouble> raised(5, SeenTrouble{SNTP_SOCKET_ERROR, TROUBLE_SET});
+    EXPECT_EQ(raised, TakeTroubles());
 }
 
 TEST(SntpServerAnswer, TheUpstreamModesNameTheirReference) {
