@@ -342,25 +342,6 @@ TEST(Ipv4System, ResolvesNumbersAndFailsOnReservedNames) {
     EXPECT_EQ(0, GetLocalAddress(&address));  // from an adapter or, failing that, the host name
 }
 
-TEST(RegistryReaders, NullPathOrBufferGivesAnEmptyTextAndLeavesTheBufferAlone) {
-    char buffer[REGISTRY_TEXT_SIZE];
-    memset(buffer, 'x', sizeof(buffer));
-    EXPECT_STREQ("", ReadRegistryString(nullptr, "Value", buffer));
-    EXPECT_STREQ("", ReadRegistryStringList(nullptr, "Value", buffer));
-    EXPECT_STREQ("", ReadRegistryString("SOFTWARE", "Value", nullptr));
-    EXPECT_STREQ("", ReadRegistryStringList("SOFTWARE", "Value", nullptr));
-    EXPECT_EQ('x', buffer[0]);
-
-    // A missing value clears the buffer, first and last byte.
-    EXPECT_EQ(buffer, ReadRegistryString("SOFTWARE\\NorvikTimeNoSuchKey", "Value", buffer));
-    EXPECT_EQ('\0', buffer[0]);
-    EXPECT_EQ('\0', buffer[REGISTRY_TEXT_SIZE - 1]);
-    memset(buffer, 'x', sizeof(buffer));
-    EXPECT_EQ(buffer, ReadRegistryStringList("SOFTWARE\\NorvikTimeNoSuchKey", "Value", buffer));
-    EXPECT_EQ('\0', buffer[0]);
-    EXPECT_EQ('\0', buffer[REGISTRY_TEXT_SIZE - 1]);
-}
-
 #ifdef _WIN32
 namespace {
 const wchar_t TEST_KEY[] = L"SOFTWARE\\NorvikTimeTest";
