@@ -8,6 +8,7 @@
 
 #include "net/ipv4.h"
 #include "net/peer_registry.h"
+#include "net/net_test_seams.h"
 #include "net/socket_platform.h"
 #include "runtime/runtime.h"
 
@@ -225,8 +226,10 @@ int32_t SetNetSocketReceiveBuffer(NetSocket* socket, int32_t bytes) {
     return SetPlatformSocketOption(socket->handle, SOCKET_OPTION_RECEIVE_BUFFER, bytes);
 }
 
+std::atomic<int32_t> failNetSocketWaits{0};
+
 int32_t WaitNetSocketReadable(NetSocket* socket, uint32_t timeoutMs) {
-    if (socket == nullptr) {
+    if (socket == nullptr || failNetSocketWaits.load() != 0) {
         return -1;
     }
     return WaitPlatformReadable(socket->handle, timeoutMs);

@@ -3,6 +3,7 @@
 // blocked table filled, which nothing in the service does.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -25,3 +26,7 @@ size_t CountBlockedPeers();
 int32_t PeerThreadRunning();
 // Ageing threads started and not yet joined: 1 while the library runs, 0 after its stop.
 uint32_t CountAgeingThreads();
+
+// While non-zero every WaitNetSocketReadable fails as a select error does: a failure no loopback
+// socket can be made to produce.
+extern std::atomic<int32_t> failNetSocketWaits;

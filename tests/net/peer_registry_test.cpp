@@ -166,17 +166,6 @@ TEST_F(PeerRegistryTest, BlockedPairsMatchAddressAndPortAndAgeAfterThirtySeconds
     EXPECT_EQ(0u, CountBlockedPeers());
 }
 
-TEST_F(PeerRegistryTest, UnregisterIsHarmlessWithoutATableAndTwice) {
-    NetSocket neverReceived;
-    memset(&neverReceived, 0, sizeof(neverReceived));
-    UnregisterPeerSocket(&neverReceived);
-    TableOwner used(1);
-    ASSERT_EQ(1, AdmitPeerAt(&used.socket, Address(10, 0, 0, 1), T));
-    UnregisterPeerSocket(&used.socket);  // the owner's own unregister follows
-    EXPECT_EQ(nullptr, used.socket.peers);
-    EXPECT_EQ(0u, CountPeerSockets());
-}
-
 // The thread sweeps once per one-second sleep: a peer admitted at t survives the sweep at t + 5
 // and is gone after the one at t + 6.
 TEST_F(PeerRegistryTest, AgeingThreadForgetsAPeerAtTheSixthSweep) {

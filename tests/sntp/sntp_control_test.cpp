@@ -33,7 +33,7 @@
 
 namespace {
 namespace fs = std::filesystem;
-const uint16_t TEST_SERVER_PORT = 12323;  // the server role binds this instead of 123
+const uint16_t TEST_SERVER_PORT = 12324;  // the server role binds this instead of 123
 // Keeps the ratio of the controller's 1200 ms grace to the threads' one-second steps, at a
 // fiftieth of real time.
 const uint32_t REAL_MS_PER_VIRTUAL_SECOND = 20;
@@ -78,8 +78,8 @@ SntpResult ScriptedExchange(const char*, int32_t, NtpTimestamp* time, NtpTimesta
     return result;
 }
 
-// 1 when a version-3 request to the test port of 127.0.0.1 is answered.
-bool ServerAnswers() {
+// 1 when a version-3 request to the test port of 127.0.0.1 is answered within waitMs.
+bool ServerAnswers(uint32_t waitMs = 500) {
     LoopbackUdp endpoint;
     if (OpenLoopbackUdp(&endpoint, "127.0.0.1", 0) != 0) {
         return false;
@@ -87,7 +87,7 @@ bool ServerAnswers() {
     uint8_t request[48] = {0x1B};
     SendLoopbackUdp(&endpoint, request, sizeof request, LoopbackAddress("127.0.0.1"), TEST_SERVER_PORT);
     uint8_t answer[64];
-    const int32_t length = ReceiveLoopbackUdp(&endpoint, answer, sizeof answer, 500, nullptr, nullptr);
+    const int32_t length = ReceiveLoopbackUdp(&endpoint, answer, sizeof answer, waitMs, nullptr, nullptr);
     CloseLoopbackUdp(&endpoint);
     return length == 48 && answer[0] == 0x1C;
 }
@@ -133,8 +133,9 @@ protected:
 
     static bool PortIsFree() {
         // A wildcard server on the port would not stop this bind (SO_REUSEADDR), but it would
-        // still answer; a free port stays silent.
-        return !ServerAnswers();
+        // still answer; a free port stays silent. A loopback answer takes microseconds, and
+        // every test pays this wait once.
+        return !ServerAnswers(50);
     }
 
     void WriteSetting(const char* text) {
@@ -208,7 +209,7 @@ TEST_F(SntpController, SettingIsReadAndWrittenInTheDataDirectory) {
 TEST_F(SntpController, MissingSettingStartsTheServer) {
     ASSERT_EQ(0, StartSntp());
     EXPECT_EQ(1, serverRole.load());
-    EXPECT_TRUE(WaitUntil(ServerAnswers, 5000));
+    EXPECT_TRUE(WaitUntil([] { return ServerAnswers(); }, 5000));
     EXPECT_EQ(0, exchanges.load());
 }
 
@@ -246,7 +247,7 @@ TEST_F(SntpController, RestartClearsTroublesPausesAndChoosesTheRoleAnew) {
     EXPECT_EQ(0u, troubleMask.load());
     EXPECT_EQ(1, serverRole.load());
     EXPECT_TRUE(WaitUntil([] { return clientRunning.load() == 0; }, 5000));
-    EXPECT_TRUE(WaitUntil(ServerAnswers, 5000));
+    EXPECT_TRUE(WaitUntil([] { return ServerAnswers(); }, 5000));
 }
 
 TEST_F(SntpController, StopEndsTheClientAndItsClearsAreStillQueued) {
@@ -378,7 +379,7 @@ TEST_F(SntpController, RacingStartsRestartsAndStopsLeaveOneThreadOfTheRole) {
     WriteSetting("SNTP_IP 127.0.0.1");
     ASSERT_EQ(0, StartSntp());
     EXPECT_EQ(1, TimeThreadRunning());
-    EXPECT_TRUE(WaitUntil(ServerAnswers, 5000));
+    EXPECT_TRUE(WaitUntil([] { return ServerAnswers(); }, 5000));
     EXPECT_EQ(0, clientRunning.load());
     WriteSetting("SNTP_IP 127.0.0.2");
     ASSERT_EQ(0, RestartSntp());

@@ -6,8 +6,10 @@
 
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "net/net_socket.h"
+#include "net/net_test_seams.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_server.h"
@@ -16,6 +18,7 @@
 #include "tests/support/chrony_peer.h"
 #include "tools/loopback_udp.h"
 #include "tests/support/trouble_recorder.h"
+#include "tests/support/virtual_time.h"
 #include "trouble/trouble_queue.h"
 
 namespace {
@@ -185,22 +188,55 @@ TEST_F(SntpServerTest, ChronyAskingWithVersionThreeAcceptsTheTime) {
     EXPECT_LT(std::abs(offset), 0.05) << output;
 }
 
-TEST_F(SntpServerTest, APortAlreadyTakenRaisesTroubleEightAndIdlesUntilStopped) {
+namespace {
+thread_local bool onServerThread = false;  // the socket library's ageing thread sleeps too
+std::vector<uint32_t> pauses;
+uint32_t libraryUsersWhilePausing = 0;
+
+// Runs the server thread in virtual time until it has paused count times, then stops it there:
+// a thread that never paused would never stop.
+void RunServerUntilPauses(size_t count) {
+    pauses.clear();
+    InstallVirtualTime();
+    SetSleepHook([count](uint32_t milliseconds) {
+        if (onServerThread) {
+            pauses.push_back(milliseconds);
+            libraryUsersWhilePausing = NetLibraryUsers();
+            if (pauses.size() == count) {
+                stopRequested = 1;
+            }
+        }
+    });
+    std::thread thread([] {
+        onServerThread = true;
+        SntpServerThread(0);
+    });
+    thread.join();
+    stopRequested = 0;
+    RemoveVirtualTime();
+}
+}  // namespace
+
+TEST_F(SntpServerTest, APortAlreadyTakenRaisesTroubleEightOnceAndIdlesUntilStopped) {
     LoopbackUdp holder{~0ULL};
     ASSERT_EQ(0, OpenLoopbackUdp(&holder, SERVER_ADDRESS, TEST_PORT, false));
-    server = std::thread([] { SntpServerThread(0); });
-    std::vector<SeenTrouble> seen;
-    for (uint32_t waited = 0; seen.empty() && waited < START_PATIENCE_MS; waited += 50) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        seen = TakeTroubles();
-    }
-    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_SERVER_NOT_STARTED, TROUBLE_SET}}), seen);
+    RunServerUntilPauses(3);
+    CloseLoopbackUdp(&holder);
+    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_SERVER_NOT_STARTED, TROUBLE_SET}}), TakeTroubles());
+    EXPECT_EQ(std::vector<uint32_t>(3, 1000), pauses);
     // What the failed start opened is given back while it idles: restarted every minute, it would
     // otherwise leave a socket and a library reference behind each time.
-    EXPECT_EQ(0u, NetLibraryUsers());
-    StopServer();
-    EXPECT_TRUE(TakeTroubles().empty());
-    CloseLoopbackUdp(&holder);
+    EXPECT_EQ(0u, libraryUsersWhilePausing);
+}
+
+TEST_F(SntpServerTest, AFailingWaitRaisesTroubleOneOncePerSecond) {
+    failNetSocketWaits = 1;
+    RunServerUntilPauses(5);
+    failNetSocketWaits = 0;
+    EXPECT_EQ(std::vector<uint32_t>(5, 1000), pauses);
+    const std::vector<SeenTrouble> raised(5, SeenTrouble{SNTP_SOCKET_ERROR, TROUBLE_SET});
+    EXPECT_EQ(raised, TakeTroubles());
+    EXPECT_EQ(1u, libraryUsersWhilePausing);  // the socket stays open through the failures
 }
 
 TEST(SntpServerAnswer, TheUpstreamModesNameTheirReference) {
