@@ -2,7 +2,7 @@
 # Non-blank lines of the product and of its tests, and their ratio.
 # Product: the sources of every shipped program and library (.cpp, .h, .rc) and their CMake files.
 # Tests: everything under tests/ and fuzz/ (sources, scripts, CMake files; not the fuzz corpus)
-# and the scripts that only test (soak, outage, restarts, clock error, memory check, fuzzing,
+# and the scripts that only test (soak, restarts, clock error, memory check, fuzzing,
 # layering check).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -12,5 +12,5 @@ product=$(count $(find runtime net sntp config trouble service tools packaging c
                               -o -name '*.cmake' \)))
 tests=$(count $(find tests fuzz -path fuzz/corpus -prune -o -type f \
                   \( -name '*.cpp' -o -name '*.h' -o -name '*.py' -o -name '*.sh' -o -name CMakeLists.txt \) -print) \
-              $(ls scripts/{soak,outage,restarts,memcheck,fuzz}.sh scripts/{clock_error,check_portable}.py 2>/dev/null))
+              $(ls scripts/{soak,restarts,memcheck,fuzz}.sh scripts/{clock_error,check_portable}.py 2>/dev/null))
 echo "product $product lines, tests $tests lines, ratio $(awk "BEGIN{printf \"%.2f\", $tests/$product}")"

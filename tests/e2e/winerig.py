@@ -34,8 +34,6 @@ PROBE = TIME_DIR + "\\ProcessProbe.exe"
 
 STOPPED, START_PENDING, STOP_PENDING, RUNNING = 1, 2, 3, 4
 NOT_INSTALLED = "not installed"
-RECHECK_SECONDS = 60  # the supervision loop's re-reading of the setting
-RECHECK_MARGIN_SECONDS = 8
 
 NTP_UNIX_OFFSET = 2208988800
 
@@ -295,25 +293,6 @@ def sntp_request(host, first_byte=0x1B, length=48, poll=6, timeout=1.0, port=123
             return None, stamp
 
 
-def probe_server(host, timeout=0.5, port=123):
-    """One request on a connected socket: "answered", "refused" (nothing is bound to the port:
-    the kernel's port-unreachable reaches a connected socket) or "silent" (bound but slow, or the
-    datagram was lost). Only "refused" proves that the server's socket was closed."""
-    request = bytearray(48)
-    request[0] = 0x1B
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
-        sock.settimeout(timeout)
-        sock.connect((host, port))
-        try:
-            sock.send(bytes(request))
-            sock.recv(512)
-            return "answered"
-        except ConnectionRefusedError:
-            return "refused"
-        except socket.timeout:
-            return "silent"
-
-
 def wait_for_server(host, timeout):
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
@@ -499,7 +478,7 @@ class RigTestCase(unittest.TestCase):
     Vantor.dat (the server role), and leaves the same behind."""
 
     build = None  # the Windows build directory, set by the script's main
-    prefix_name = "e2e-prefix"
+    prefix_name = "service-prefix"
     rig = None
 
     @classmethod
@@ -543,13 +522,6 @@ class RigTestCase(unittest.TestCase):
         self.rig.wait_state(RUNNING)
         self.running_since = time.monotonic()
         return self.running_since
-
-    def wait_past_first_recheck(self):
-        """Until the supervision loop has parsed the setting once: before that, its address is
-        0.0.0.0, and a re-check that then reads no usable address restarts the server."""
-        remaining = self.running_since + RECHECK_SECONDS + RECHECK_MARGIN_SECONDS - time.monotonic()
-        if remaining > 0:
-            time.sleep(remaining)
 
 
 def run_tests(description):
