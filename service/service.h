@@ -43,6 +43,8 @@ extern Lock controlLock;
 void InstallService();
 void UninstallService();
 void SendServiceCommand(int32_t number);
+// Enables the right to set the clock in the process's token.
+void EnableSystemTimePrivilege();
 // Stops and disables W32Time unless its Start value already says disabled.
 void DisableWindowsTimeService();
 // Hands ServiceMain to the service control dispatcher and returns when the service has stopped.

@@ -15,8 +15,6 @@
 namespace {
 // Own-process and share-process bits both set, deliberately not the 0x10 used at installation.
 const DWORD REPORTED_SERVICE_TYPE = SERVICE_WIN32;
-const char SYSTEM_TIME_PRIVILEGE[] = "SeSystemtimePrivilege";
-const DWORD ONE_PRIVILEGE_SIZE = sizeof(TOKEN_PRIVILEGES);  // 16 bytes
 
 SERVICE_STATUS serviceStatus;
 SERVICE_STATUS_HANDLE statusHandle = nullptr;
@@ -34,24 +32,6 @@ void CloseStopSignal() { stopEvent.Reset(); }
 
 int32_t WaitForStop(uint32_t timeoutMs) {
     return WaitForSingleObject(stopEvent.Get(), timeoutMs) == WAIT_OBJECT_0 ? 1 : 0;
-}
-
-// Gives the process the right to set the clock. A privilege that was not granted goes
-// unnoticed here; the clock setting then simply fails.
-void EnableSystemTimePrivilege() {
-    HANDLE token = nullptr;
-    OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token);
-    UniqueTokenHandle owned(token);
-    LUID privilege;
-    if (LookupPrivilegeValueA(nullptr, SYSTEM_TIME_PRIVILEGE, &privilege)) {
-        TOKEN_PRIVILEGES privileges;
-        privileges.PrivilegeCount = 1;
-        privileges.Privileges[0].Luid = privilege;
-        privileges.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
-        if (AdjustTokenPrivileges(token, FALSE, &privileges, ONE_PRIVILEGE_SIZE, nullptr, nullptr)) {
-            GetLastError();  // ERROR_NOT_ALL_ASSIGNED would be here; deliberately not acted on
-        }
-    }
 }
 
 void TakeOverClock() {
