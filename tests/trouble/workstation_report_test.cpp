@@ -46,6 +46,11 @@ TEST(WorkstationReport, Layout) {
     EXPECT_EQ(7u, Word(report + 524));
     EXPECT_EQ(255u, Word(report + 528));
     EXPECT_EQ(u"The time server did not respond.", ReadText(report + 696, 82));
+    // Words are stored whole, little-endian: every byte of a 32-bit value lands in its place.
+    uint8_t wide[WORKSTATION_REPORT_SIZE];
+    BuildWorkstationReport(wide, u"", 0x04030201, 0x08070605, 0xFFFEFDFC, u"");
+    const uint8_t words[12] = {1, 2, 3, 4, 5, 6, 7, 8, 0xFC, 0xFD, 0xFE, 0xFF};
+    EXPECT_EQ(0, std::memcmp(words, wide + 520, sizeof words));
     // Everything past the source, the three words and the text is zero-filled.
     for (uint32_t i = 16; i < WORKSTATION_REPORT_SIZE; ++i) {
         if ((i < 520 || i >= 532) && (i < 696 || i >= 696 + 2 * 32)) {
