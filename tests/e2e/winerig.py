@@ -33,6 +33,7 @@ STAND_IN = TIME_DIR + "\\StandInService.exe"
 PROBE = TIME_DIR + "\\ProcessProbe.exe"
 
 STOPPED, START_PENDING, STOP_PENDING, RUNNING = 1, 2, 3, 4
+SO_TIMESTAMPNS = 35  # Linux: the kernel's receive time of each datagram
 NOT_INSTALLED = "not installed"
 
 NTP_UNIX_OFFSET = 2208988800
@@ -270,8 +271,8 @@ class Monitor:
         self.process.stderr.close()
 
 
-def ntp_now(ahead=0.0):
-    now = time.time() + ahead
+def ntp_now(ahead=0.0, at=None):
+    now = (time.time() if at is None else at) + ahead
     seconds = int(now) + NTP_UNIX_OFFSET
     return (seconds << 32) | int((now - int(now)) * 2**32)
 
@@ -310,6 +311,9 @@ class _Port123Peer:
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         if reuse:
             self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        # The kernel's arrival time of each datagram, so that a peer knows how late it got to it.
+        self.sock.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
+        self.arrival = 0.0
         self.sock.bind((address, 123))
         self.sock.settimeout(0.2)
         self.running = True
@@ -319,11 +323,16 @@ class _Port123Peer:
     def _loop(self):
         while self.running:
             try:
-                request, sender = self.sock.recvfrom(512)
+                request, ancillary, _, sender = self.sock.recvmsg(512, socket.CMSG_SPACE(16))
             except socket.timeout:
                 continue
             except OSError:
                 return
+            self.arrival = time.time()
+            for level, kind, data in ancillary:
+                if level == socket.SOL_SOCKET and kind == SO_TIMESTAMPNS and len(data) >= 16:
+                    seconds, nanoseconds = struct.unpack("qq", data[:16])
+                    self.arrival = seconds + nanoseconds / 1e9
             self.handle(request, sender)
 
     def close(self):
@@ -342,6 +351,9 @@ class FakeSntpServer(_Port123Peer):
         self.behaviour = behaviour
         self.ahead = ahead
         self.requests = []  # (monotonic time, bytes)
+        # Per answer, seconds from the request's arrival to the answer's stamps: a client that
+        # adds half the round trip is ahead of this server's clock by half of it.
+        self.lateness = []
         super().__init__(address)
 
     def handle(self, request, peer):
@@ -354,8 +366,10 @@ class FakeSntpServer(_Port123Peer):
         answer[3] = 0xEC
         answer[12:16] = socket.inet_aton("127.0.0.1")
         answer[24:32] = request[40:48]
-        receive = ntp_now(self.ahead)
-        struct.pack_into(">QQ", answer, 32, receive, ntp_now(self.ahead))
+        stamped = time.time()
+        self.lateness.append(stamped - self.arrival)
+        receive = ntp_now(self.ahead, stamped)
+        struct.pack_into(">QQ", answer, 32, receive, receive)
         self.sock.sendto(bytes(answer), peer)
 
 

@@ -183,9 +183,10 @@ TEST_F(SntpServerTest, ChronyAskingWithVersionThreeAcceptsTheTime) {
         GTEST_SKIP() << "chronyd could not run:\n" << output;
     }
     ASSERT_TRUE(measured) << output;
-    // Served from the very clock chrony compares it with: only the millisecond resolution of
-    // the server's stamps separates them.
-    EXPECT_LT(std::abs(offset), 0.05) << output;
+    // Served from the very clock chrony compares it with: only the stamps' resolution and, on a
+    // loaded machine under Wine, the socket calls' delays separate them (tens of milliseconds
+    // measured with the end-to-end suites running beside); a wrong era or second is far beyond.
+    EXPECT_LT(std::abs(offset), 0.25) << output;
 }
 
 namespace {
