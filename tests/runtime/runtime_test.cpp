@@ -62,6 +62,7 @@ TEST(TickTimer, StartRestartAndExpiryInVirtualTime) {
     InstallVirtualTime(VIRTUAL_START_FILETIME, 0u - 30000u);  // wraps half-way through
     TickTimer timer = {0, 0, 0, 0};
     ASSERT_EQ(0, StartTimer(&timer, 60000));
+    EXPECT_EQ(0, TimerExpired(&timer));  // not in the millisecond it started
     AdvanceVirtualTime(60000);  // across the wrap: fires a millisecond late
     EXPECT_EQ(0, TimerExpired(&timer));
     AdvanceVirtualTime(1);
@@ -70,6 +71,7 @@ TEST(TickTimer, StartRestartAndExpiryInVirtualTime) {
     EXPECT_EQ(1, TimerExpired(&timer));  // never disarms itself
 
     ASSERT_EQ(0, RestartTimer(&timer));  // the same interval again, from now
+    EXPECT_EQ(0, TimerExpired(&timer));
     AdvanceVirtualTime(59999);
     EXPECT_EQ(0, TimerExpired(&timer));
     AdvanceVirtualTime(1);

@@ -72,6 +72,14 @@ TEST_F(SntpTroublesTest, ClearAllSendsClearsUpToTheHighestActiveCodeOnly) {
         EXPECT_EQ(cleared[code - 1].state, TROUBLE_CLEARED);
         EXPECT_EQ(cleared[code - 1].code, 7u);  // every SNTP trouble travels as code 7
     }
+
+    // The highest code of all is cleared too: the walk reaches the end of the list.
+    SetSntpTrouble(SNTP_CANNOT_RESOLVE);
+    Drained();
+    ClearAllSntpTroubles();
+    cleared = Drained();
+    ASSERT_EQ(cleared.size(), static_cast<size_t>(SNTP_CANNOT_RESOLVE));
+    EXPECT_EQ(cleared.back().text, TextOf(SNTP_CANNOT_RESOLVE));
 }
 
 TEST_F(SntpTroublesTest, ClearsGoOutOnlyWhileSomeTroubleIsActive) {
