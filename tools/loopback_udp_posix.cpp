@@ -71,6 +71,25 @@ int32_t SendLoopbackUdp(LoopbackUdp* endpoint, const void* data, int32_t length,
     return sent < 0 ? -1 : static_cast<int32_t>(sent);
 }
 
+namespace {
+// One datagram with its sender; a negative result is recvfrom's, errno as it left it.
+ssize_t ReceiveFrom(LoopbackUdp* endpoint, void* buffer, int32_t capacity, int flags, uint32_t* senderAddress,
+                    uint16_t* senderPort) {
+    sockaddr_in from;
+    std::memset(&from, 0, sizeof from);
+    socklen_t fromLength = sizeof from;
+    const ssize_t received = recvfrom(Descriptor(endpoint), buffer, static_cast<size_t>(capacity), flags,
+                                      reinterpret_cast<sockaddr*>(&from), &fromLength);
+    if (received >= 0 && senderAddress != nullptr) {
+        *senderAddress = from.sin_addr.s_addr;
+    }
+    if (received >= 0 && senderPort != nullptr) {
+        *senderPort = ntohs(from.sin_port);
+    }
+    return received;
+}
+}  // namespace
+
 int32_t ReceiveLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity, uint32_t timeoutMs,
                            uint32_t* senderAddress, uint16_t* senderPort) {
     pollfd watched = {Descriptor(endpoint), POLLIN, 0};
@@ -78,36 +97,17 @@ int32_t ReceiveLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity
     if (ready <= 0) {
         return ready < 0 ? -1 : 0;
     }
-    sockaddr_in from;
-    std::memset(&from, 0, sizeof from);
-    socklen_t fromLength = sizeof from;
     // MSG_TRUNC: the datagram's real length, as a test of length handling needs it.
-    const ssize_t received = recvfrom(Descriptor(endpoint), buffer, static_cast<size_t>(capacity), MSG_TRUNC,
-                                      reinterpret_cast<sockaddr*>(&from), &fromLength);
-    if (received < 0) {
-        return -1;
-    }
-    if (senderAddress != nullptr) {
-        *senderAddress = from.sin_addr.s_addr;
-    }
-    if (senderPort != nullptr) {
-        *senderPort = ntohs(from.sin_port);
-    }
-    return static_cast<int32_t>(received);
+    const ssize_t received = ReceiveFrom(endpoint, buffer, capacity, MSG_TRUNC, senderAddress, senderPort);
+    return received < 0 ? -1 : static_cast<int32_t>(received);
 }
 
 int32_t ReceiveQueuedLoopbackUdp(LoopbackUdp* endpoint, void* buffer, int32_t capacity, uint32_t* senderAddress,
                                  uint16_t* senderPort) {
-    sockaddr_in from;
-    std::memset(&from, 0, sizeof from);
-    socklen_t fromLength = sizeof from;
-    const ssize_t received = recvfrom(Descriptor(endpoint), buffer, static_cast<size_t>(capacity), MSG_DONTWAIT,
-                                      reinterpret_cast<sockaddr*>(&from), &fromLength);
+    const ssize_t received = ReceiveFrom(endpoint, buffer, capacity, MSG_DONTWAIT, senderAddress, senderPort);
     if (received < 0) {
         return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
     }
-    *senderAddress = from.sin_addr.s_addr;
-    *senderPort = ntohs(from.sin_port);
     return static_cast<int32_t>(received);
 }
 
