@@ -38,7 +38,7 @@ beside() {
 }
 export -f beside stamp
 export started
-unshare -n sh -c 'ip link set lo up && exec nice -n 19 bash -c beside' >build/logs/beside.log 2>&1 &
+unshare -n bash -c 'ip link set lo up && exec nice -n 19 bash -c beside' >build/logs/beside.log 2>&1 &
 beside_pid=$!
 
 status=0
