@@ -33,7 +33,7 @@
 
 namespace {
 namespace fs = std::filesystem;
-const uint16_t TEST_SERVER_PORT = 12324;  // the server role binds this instead of 123
+const uint16_t TEST_SERVER_PORT = 12325;  // the server role binds this instead of 123
 // Keeps the ratio of the controller's 1200 ms grace to the threads' one-second steps, at a
 // fiftieth of real time.
 const uint32_t REAL_MS_PER_VIRTUAL_SECOND = 20;
