@@ -1,13 +1,7 @@
-"""The line between the portable core and the platform edge, checked on the sources:
-
-1. No portable file (anything not named *_win32 or *_posix) includes a Windows header or branches
-   on the platform with #if/#ifdef: the platform lives in the *_win32.cpp and *_posix.cpp twins.
-2. No file of the service reads a clock, sleeps or draws a random number except the runtime's
-   choke points (runtime.cpp and its two platform files): everything else goes through the
-   platform driver, which is how tests run in virtual time and never set the real clock.
-
-  python3 scripts/check_portable.py [SOURCE_ROOT]     exit 1 and one line per finding, else 0
-"""
+"""The line between the portable core and the platform edge, checked on the sources: no portable
+file (not *_win32 or *_posix) includes a platform header or branches on the platform, and nothing
+but the runtime's choke points reads a clock, sleeps or draws a random number (so that tests run
+in virtual time and never set the real clock). Exit 1 and one line per finding, else 0."""
 
 import os
 import re
@@ -38,26 +32,23 @@ def code_of(line):
     return line.split("//", 1)[0]
 
 
+def findings_in(root, folders, rule, skip):
+    for path in tracked(root, folders):
+        if not skip(path):
+            with open(os.path.join(root, path), errors="replace") as source:
+                for number, line in enumerate(source, 1):
+                    if rule(line):
+                        yield f"{path}:{number}: {line.strip()}"
+
+
 def main():
     root = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(os.path.dirname(__file__), ".."))
-    findings = []
-    for path in tracked(root, PORTABLE_FOLDERS):
-        if re.search(r"_(win32|posix)\.(cpp|h)$", path):
-            continue
-        with open(os.path.join(root, path), errors="replace") as source:
-            for number, line in enumerate(source, 1):
-                if PLATFORM_HEADER.search(line) or PLATFORM_BRANCH.search(line):
-                    findings.append(f"{path}:{number}: platform code in a portable file: {line.strip()}")
-    for path in tracked(root, SERVICE_FOLDERS):
-        if path in CHOKE_POINTS:
-            continue
-        with open(os.path.join(root, path), errors="replace") as source:
-            for number, line in enumerate(source, 1):
-                if TIME_CALL.search(code_of(line)):
-                    findings.append(f"{path}:{number}: clock, sleep or random outside the runtime: {line.strip()}")
-    for finding in findings:
-        print(finding)
-    print(f"portable layering: {len(findings)} finding(s)")
+    findings = [f"platform code in a portable file: {f}" for f in findings_in(
+        root, PORTABLE_FOLDERS, lambda line: PLATFORM_HEADER.search(line) or PLATFORM_BRANCH.search(line),
+        lambda path: re.search(r"_(win32|posix)\.(cpp|h)$", path))]
+    findings += [f"clock, sleep or random outside the runtime: {f}" for f in findings_in(
+        root, SERVICE_FOLDERS, lambda line: TIME_CALL.search(code_of(line)), lambda path: path in CHOKE_POINTS)]
+    print("".join(finding + "\n" for finding in findings) + f"portable layering: {len(findings)} finding(s)")
     return 1 if findings else 0
 
 

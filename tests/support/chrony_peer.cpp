@@ -23,38 +23,26 @@ bool ChronyInstalled() { return HostFileExists(CHRONYD_PATH); }
 bool ChronyServer::Start(const char* bindAddress) {
     Stop();
     scratch_ = MakeHostScratch("chronyd");
-    if (scratch_.empty()) {
-        return false;
-    }
+    if (scratch_.empty()) return false;
     // -x: the clock is never touched; -u root: no switch to a user that cannot read scratch.
     const std::string config = std::string("bindaddress ") + bindAddress + "\nport 123\nallow 127.0.0.0/8\n" +
                                "local stratum 1\ndriftfile " + scratch_ + "/drift\npidfile " + scratch_ +
                                "/chronyd.pid\ncmdport 0\n";
-    if (!WriteHostFile(scratch_ + "/chrony.conf", config)) {
-        return false;
-    }
+    if (!WriteHostFile(scratch_ + "/chrony.conf", config)) return false;
     const std::string script = "exec timeout " + std::to_string(SERVER_LIFETIME_S) + " " + CHRONYD_PATH +
                                " -x -d -u root -f " + scratch_ + "/chrony.conf";
-    if (!StartHostScript(scratch_, "server", script)) {
-        return false;
-    }
+    if (!StartHostScript(scratch_, "server", script)) return false;
     // The pid file is written once the sockets are bound.
     for (uint32_t waited = 0; waited < SERVER_START_PATIENCE_MS; waited += POLL_MS) {
-        if (HostFileExists(scratch_ + "/chronyd.pid")) {
-            return true;
-        }
-        if (Log().find("Fatal") != std::string::npos) {
-            return false;
-        }
+        if (HostFileExists(scratch_ + "/chronyd.pid")) return true;
+        if (Log().find("Fatal") != std::string::npos) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(POLL_MS));
     }
     return false;
 }
 
 void ChronyServer::Stop() {
-    if (scratch_.empty()) {
-        return;
-    }
+    if (scratch_.empty()) return;
     // chronyd removes its pid file on the way out; wait for that before removing the scratch.
     const std::string pidFile = scratch_ + "/chronyd.pid";
     const std::string script = "[ -f '" + pidFile + "' ] && kill $(cat '" + pidFile + "')\n" +
@@ -68,9 +56,7 @@ std::string ChronyServer::Log() const { return scratch_.empty() ? std::string() 
 
 bool QueryWithChrony(const std::string& serverLine, double* offsetSeconds, std::string* output) {
     const std::string scratch = MakeHostScratch("chronyq");
-    if (scratch.empty()) {
-        return false;
-    }
+    if (scratch.empty()) return false;
     const std::string config = "server " + serverLine + "\npidfile " + scratch + "/chronyd.pid\ncmdport 0\n";
     std::string text;
     int32_t status = -1;
@@ -81,13 +67,9 @@ bool QueryWithChrony(const std::string& serverLine, double* offsetSeconds, std::
         status = RunHostScript(scratch, "query", script, QUERY_PATIENCE_MS, &text);
     }
     RemoveHostScratch(scratch);
-    if (output != nullptr) {
-        *output = text;
-    }
+    if (output != nullptr) *output = text;
     const size_t mark = text.find(OFFSET_MARK);
-    if (status != 0 || mark == std::string::npos) {
-        return false;
-    }
+    if (status != 0 || mark == std::string::npos) return false;
     // chrony's estimate of how far the local clock is off from the server's.
     *offsetSeconds = std::strtod(text.c_str() + mark + sizeof OFFSET_MARK - 1, nullptr);
     return true;

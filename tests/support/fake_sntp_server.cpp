@@ -44,18 +44,14 @@ int32_t FakeSntpServer::Start(const char* address, FakeAnswer answer, uint16_t p
     Stop();
     answer_ = answer;
     requests_ = 0;
-    address_ = LoopbackAddress(address);
+    address_ = address;
     int32_t error = 0;
     for (uint32_t waited = 0;; waited += BIND_RETRY_MS) {
         error = OpenLoopbackUdp(&endpoint_, address, port);
-        if (error == 0 || waited >= BIND_PATIENCE_MS) {
-            break;
-        }
+        if (error == 0 || waited >= BIND_PATIENCE_MS) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(BIND_RETRY_MS));
     }
-    if (error != 0) {
-        return error;
-    }
+    if (error != 0) return error;
     stop_ = false;
     thread_ = std::thread(&FakeSntpServer::Serve, this);
     return 0;
@@ -63,9 +59,7 @@ int32_t FakeSntpServer::Start(const char* address, FakeAnswer answer, uint16_t p
 
 void FakeSntpServer::Stop() {
     stop_ = true;
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    if (thread_.joinable()) thread_.join();
     CloseLoopbackUdp(&endpoint_);
 }
 
@@ -76,9 +70,7 @@ std::vector<uint8_t> FakeSntpServer::LastRequest() const {
 
 bool FakeSntpServer::WaitForRequests(uint32_t count, uint32_t timeoutMs) const {
     for (uint32_t waited = 0; waited < timeoutMs; waited += 10) {
-        if (requests_.load() >= count) {
-            return true;
-        }
+        if (requests_.load() >= count) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return requests_.load() >= count;
@@ -91,18 +83,14 @@ void FakeSntpServer::Serve() {
         uint16_t clientPort = 0;
         const int32_t length =
             ReceiveLoopbackUdp(&endpoint_, request, REQUEST_CAPACITY, RECEIVE_STEP_MS, &client, &clientPort);
-        if (length <= 0) {
-            continue;
-        }
+        if (length <= 0) continue;
         const uint64_t receivedAt = HostClockNtp();  // T2, before anything else
         {
             std::lock_guard<std::mutex> hold(lastMutex_);
             last_.assign(request, request + (length < REQUEST_CAPACITY ? length : REQUEST_CAPACITY));
         }
         requests_.fetch_add(1);
-        if (length >= static_cast<int32_t>(NTP_PACKET_SIZE)) {
-            Answer(request, client, clientPort, receivedAt);
-        }
+        if (length >= static_cast<int32_t>(NTP_PACKET_SIZE)) Answer(request, client, clientPort, receivedAt);
     }
 }
 
@@ -116,40 +104,20 @@ void FakeSntpServer::Answer(const uint8_t* request, uint32_t client, uint16_t cl
         StoreBigEndian64(&answer[NTP_TRANSMIT_OFFSET], ahead < 0 ? sentAt - offset : sentAt + offset);
     }
     switch (answer_.load()) {
-        case FakeAnswer::GOOD:
-        case FakeAnswer::OTHER_PORT:
-            break;
-        case FakeAnswer::SILENT:
-            return;
-        case FakeAnswer::VERSION_4:
-            answer[0] = VERSION_4_HEADER;
-            break;
-        case FakeAnswer::LEAP_ALARM:
-            answer[0] = LEAP_ALARM_HEADER;
-            break;
-        case FakeAnswer::STRATUM_0:
-            answer[1] = 0;
-            break;
-        case FakeAnswer::WRONG_ORIGINATE:
-            answer[NTP_ORIGINATE_OFFSET + 7] ^= 0x01;
-            break;
-        case FakeAnswer::SHORT_47:
-            answer.pop_back();
-            break;
-        case FakeAnswer::LONG_49:
-            answer.push_back(0);
-            break;
-        case FakeAnswer::ZERO_TRANSMIT:
-            std::memset(&answer[NTP_TRANSMIT_OFFSET], 0, 8);
-            break;
+        case FakeAnswer::SILENT: return;
+        case FakeAnswer::VERSION_4: answer[0] = VERSION_4_HEADER; break;
+        case FakeAnswer::LEAP_ALARM: answer[0] = LEAP_ALARM_HEADER; break;
+        case FakeAnswer::STRATUM_0: answer[1] = 0; break;
+        case FakeAnswer::WRONG_ORIGINATE: answer[NTP_ORIGINATE_OFFSET + 7] ^= 0x01; break;
+        case FakeAnswer::SHORT_47: answer.pop_back(); break;
+        case FakeAnswer::LONG_49: answer.push_back(0); break;
+        case FakeAnswer::ZERO_TRANSMIT: std::memset(&answer[NTP_TRANSMIT_OFFSET], 0, 8); break;
+        default: break;  // GOOD, OTHER_PORT
     }
     const int32_t length = static_cast<int32_t>(answer.size());
     if (answer_.load() == FakeAnswer::OTHER_PORT) {
-        char text[16];
-        const uint8_t* octets = reinterpret_cast<const uint8_t*>(&address_);
-        std::snprintf(text, sizeof text, "%u.%u.%u.%u", octets[0], octets[1], octets[2], octets[3]);
         LoopbackUdp other{~0ULL};
-        if (OpenLoopbackUdp(&other, text, 0) == 0) {
+        if (OpenLoopbackUdp(&other, address_.c_str(), 0) == 0) {
             SendLoopbackUdp(&other, answer.data(), length, client, clientPort);
             CloseLoopbackUdp(&other);
         }

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -43,10 +44,7 @@ public:
     void SetAnswer(FakeAnswer answer) { answer_ = answer; }
     // From now on good answers carry this host's clock plus aheadMs (read to the microsecond when
     // the request was read, and again just before the answer is sent) instead of FAKE_SERVER_TIME.
-    void AnswerFromHostClock(int64_t aheadMs) {
-        aheadMs_ = aheadMs;
-        hostClock_ = true;
-    }
+    void AnswerFromHostClock(int64_t aheadMs) { aheadMs_ = aheadMs, hostClock_ = true; }
 
     uint32_t Requests() const { return requests_.load(); }
     // The last request as received (its full length).
@@ -59,7 +57,7 @@ private:
     void Answer(const uint8_t* request, uint32_t client, uint16_t clientPort, uint64_t receivedAt);
 
     LoopbackUdp endpoint_{~0ULL};
-    uint32_t address_ = 0;
+    std::string address_;
     std::atomic<FakeAnswer> answer_{FakeAnswer::GOOD};
     std::atomic<bool> stop_{false};
     std::atomic<uint32_t> requests_{0};

@@ -36,9 +36,7 @@ std::string LocalPathOf(const std::string& hostPath) {
     // Wine maps the host's root to drive Z:.
     std::string local = "Z:" + hostPath;
     for (char& c : local) {
-        if (c == '/') {
-            c = '\\';
-        }
+        if (c == '/') c = '\\';
     }
     return local;
 #else
@@ -76,17 +74,11 @@ int32_t RunHostScript(const std::string& scratch, const char* name, const std::s
     // The status file appears whole (renamed into place), only once the script has ended.
     const std::string wrapped = "(\n" + script + "\n)\necho $? > '" + base + ".part'\nmv '" + base + ".part' '" +
                                 base + ".status'\n";
-    if (!StartHostScript(scratch, name, wrapped)) {
-        return -1;
-    }
+    if (!StartHostScript(scratch, name, wrapped)) return -1;
     for (uint32_t waited = 0; !HostFileExists(base + ".status"); waited += STATUS_POLL_MS) {
-        if (waited >= timeoutMs) {
-            return -1;
-        }
+        if (waited >= timeoutMs) return -1;
         std::this_thread::sleep_for(std::chrono::milliseconds(STATUS_POLL_MS));
     }
-    if (output != nullptr) {
-        *output = ReadHostFile(base + ".out");
-    }
+    if (output != nullptr) *output = ReadHostFile(base + ".out");
     return std::atoi(ReadHostFile(base + ".status").c_str());
 }

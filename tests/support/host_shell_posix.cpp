@@ -12,9 +12,7 @@ bool LaunchHostShell(const std::string& scriptHostPath) {
     // The intermediate shell puts the script in the background and ends at once.
     const char* argv[] = {"/bin/sh", "-c", "/bin/sh \"$0\" &", scriptHostPath.c_str(), nullptr};
     pid_t child = 0;
-    if (posix_spawn(&child, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) {
-        return false;
-    }
+    if (posix_spawn(&child, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) return false;
     int status = 0;
     return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }

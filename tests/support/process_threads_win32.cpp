@@ -6,9 +6,7 @@
 
 size_t CountProcessThreads() {
     const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    if (snapshot == INVALID_HANDLE_VALUE) {
-        return 0;
-    }
+    if (snapshot == INVALID_HANDLE_VALUE) return 0;
     const DWORD self = GetCurrentProcessId();
     size_t count = 0;
     THREADENTRY32 entry;

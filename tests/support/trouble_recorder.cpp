@@ -13,9 +13,7 @@ std::vector<SeenTrouble> seen;
 
 int32_t CodeOfText(const char16_t* text) {
     for (int32_t code = SNTP_SOCKET_ERROR; code < SNTP_RESULT_COUNT; ++code) {
-        if (std::u16string(text) == SntpTroubleTable[code].defaultText) {
-            return code;
-        }
+        if (std::u16string(text) == SntpTroubleTable[code].defaultText) return code;
     }
     return -1;
 }

@@ -34,35 +34,26 @@ uint64_t VirtualPreciseTick() {
     return (static_cast<uint64_t>(startTick) + elapsedMs.load()) * 1000u;
 }
 
-void VirtualSleep(uint32_t milliseconds) {
+void RunSleepHook(uint32_t milliseconds) {
     std::function<void(uint32_t)> hook;
     {
         std::lock_guard<std::mutex> hold(stateMutex);
         hook = sleepHook;
     }
-    if (hook) {
-        hook(milliseconds);
-    }
+    if (hook) hook(milliseconds);
+}
+
+void VirtualSleep(uint32_t milliseconds) {
+    RunSleepHook(milliseconds);
     elapsedMs.fetch_add(milliseconds);
 }
 
 // Woken before or during the (hooked) sleep: no virtual time passes, as a signalled event returns
 // at once; otherwise the whole sleep passes.
 int32_t VirtualSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
-    if (WakeupSignalled(wakeup) != 0) {
-        return 1;
-    }
-    std::function<void(uint32_t)> hook;
-    {
-        std::lock_guard<std::mutex> hold(stateMutex);
-        hook = sleepHook;
-    }
-    if (hook) {
-        hook(milliseconds);
-    }
-    if (WakeupSignalled(wakeup) != 0) {
-        return 1;
-    }
+    if (WakeupSignalled(wakeup) != 0) return 1;
+    RunSleepHook(milliseconds);
+    if (WakeupSignalled(wakeup) != 0) return 1;
     elapsedMs.fetch_add(milliseconds);
     return 0;
 }
@@ -90,9 +81,7 @@ void VirtualSeedRandom(uint32_t seed) {
 
 int32_t VirtualNextRandom() {
     std::lock_guard<std::mutex> hold(stateMutex);
-    if (randomValues.empty()) {
-        return 0;
-    }
+    if (randomValues.empty()) return 0;
     const int32_t value = randomValues.front();
     randomValues.pop_front();
     return value;
