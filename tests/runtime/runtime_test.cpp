@@ -32,7 +32,7 @@ int32_t ExpiredAfter(TickTimer* timer, uint32_t advanceMs) {
 std::atomic<uint64_t> deliveredArgument{0};
 }  // namespace
 
-TEST(TickTimer, StartRestartAndExpiryInVirtualTimeAcrossTheWrap) {
+TEST(VirtualTime, TimersStartRestartAndExpireAcrossTheWrapAndTheDriverCarriesClocksAndRandom) {
     InstallVirtualTime(VIRTUAL_START_FILETIME, 0u - 30000u);  // wraps half-way through
     TickTimer timer = {0, 0, 0, 0};
     EXPECT_EQ(0, TimerExpired(&timer));  // unarmed: never fires
@@ -53,25 +53,7 @@ TEST(TickTimer, StartRestartAndExpiryInVirtualTimeAcrossTheWrap) {
                            StartTimer(nullptr, 5), RestartTimer(nullptr), TimerExpired(nullptr), ReleaseTimer(nullptr)}) {
         EXPECT_EQ(1, status);
     }
-    RemoveVirtualTime();
-}
 
-TEST(ThreadsDeathTest, StartDeliversTheWholeArgumentAndAnEscapingExceptionExitsWithOne) {
-    EXPECT_EQ(0, StartThread(nullptr, 1));
-    const ThreadFunction record = [](uint64_t argument) -> uint32_t { return (deliveredArgument = argument) != 0; };
-    ASSERT_EQ(1, StartThread(record, 0x8123456789ABCDEFULL));
-    for (int i = 0; i < 500 && deliveredArgument.load() == 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_EQ(0x8123456789ABCDEFULL, deliveredArgument.load());
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const ThreadFunction throwing = [](uint64_t) -> uint32_t { throw 42; };
-    EXPECT_EXIT((StartThread(throwing, 0), std::this_thread::sleep_for(std::chrono::seconds(10)), std::exit(0)),
-                testing::ExitedWithCode(1), "");
-}
-
-TEST(Driver, SleepsClocksAndRandomGoThroughTheInstalledDriver) {
-    InstallVirtualTime();
     const uint32_t tick = ReadTickCount();
     const int64_t wall = ReadWallClock(nullptr);
     EXPECT_EQ(0, SleepFor(86400u * 1000u));  // a day, at once
@@ -95,4 +77,18 @@ TEST(Driver, SleepsClocksAndRandomGoThroughTheInstalledDriver) {
     for (const int32_t expected : {41, 18467, 6334, 26500, 19169, 15724, 11478, 29358}) {
         EXPECT_EQ(expected, systemDriver.nextRandom());
     }
+}
+
+TEST(ThreadsDeathTest, StartDeliversTheWholeArgumentAndAnEscapingExceptionExitsWithOne) {
+    EXPECT_EQ(0, StartThread(nullptr, 1));
+    const ThreadFunction record = [](uint64_t argument) -> uint32_t { return (deliveredArgument = argument) != 0; };
+    ASSERT_EQ(1, StartThread(record, 0x8123456789ABCDEFULL));
+    for (int i = 0; i < 500 && deliveredArgument.load() == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(0x8123456789ABCDEFULL, deliveredArgument.load());
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const ThreadFunction throwing = [](uint64_t) -> uint32_t { throw 42; };
+    EXPECT_EXIT((StartThread(throwing, 0), std::this_thread::sleep_for(std::chrono::seconds(10)), std::exit(0)),
+                testing::ExitedWithCode(1), "");
 }

@@ -1,6 +1,6 @@
 // The trouble path: PtrList (ordered insertion, find, removal, cursors that survive removals), the
 // trouble queue (order, bounded texts, no sink, producers on other threads) and the 860-byte
-// workstation report pinned to the byte. Delivery through the real mailslot is the end-to-end tests' part.
+// workstation report pinned to the byte. The end-to-end tests deliver it through the real mailslot.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -107,7 +107,7 @@ TEST(PtrList, RefusesWhatItCannotHoldAndCursorsSurviveRemovals) {
     DestroyPtrList(list);
 }
 
-TEST(TroubleQueue, DeliversInQueueOrderWithTextsCutTo255UnitsAndDiscardsWithoutASink) {
+TEST(TroubleQueue, DeliversInQueueOrderWithTextsCutTo255UnitsDiscardsWithoutASinkAndLosesNothingToRaces) {
     CreateTroubleQueue();
     SetReportCallback(RecordReport);
     const std::u16string longSource(300, u's'), longText(300, u't');
@@ -131,12 +131,9 @@ TEST(TroubleQueue, DeliversInQueueOrderWithTextsCutTo255UnitsAndDiscardsWithoutA
     DrainTroubles();
     EXPECT_EQ(reports.size(), 3u);
     EXPECT_EQ(QueueTrouble(nullptr), 1);
-}
 
-TEST(TroubleQueue, ProducersPushingWhileTheSinkRunsLoseAndDuplicateNothing) {
+    // Producers on other threads push while the sink runs: nothing is lost or duplicated.
     const uint32_t PRODUCERS = 4, RECORDS_EACH = 400;
-    CreateTroubleQueue();
-    SetReportCallback(RecordReport);
     reports.clear();
     std::vector<std::thread> producers;
     for (uint32_t producer = 0; producer < PRODUCERS; ++producer) {
