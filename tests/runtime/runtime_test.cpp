@@ -49,8 +49,10 @@ TEST(VirtualTime, TimersStartRestartAndExpireAcrossTheWrapAndTheDriverCarriesClo
     EXPECT_EQ(1, TimerExpired(&timer));  // interval 0 fires on the first test
     EXPECT_EQ(0, ReleaseTimer(&timer));
     // Null is refused; a missing timer also reads as expired.
-    for (int32_t status : {InitLock(nullptr), DeleteLock(nullptr), EnterLock(nullptr), LeaveLock(nullptr),
-                           StartTimer(nullptr, 5), RestartTimer(nullptr), TimerExpired(nullptr), ReleaseTimer(nullptr)}) {
+    const int32_t statuses[] = {InitLock(nullptr),     DeleteLock(nullptr),    EnterLock(nullptr),
+                                LeaveLock(nullptr),    StartTimer(nullptr, 5), RestartTimer(nullptr),
+                                TimerExpired(nullptr), ReleaseTimer(nullptr)};
+    for (int32_t status : statuses) {
         EXPECT_EQ(1, status);
     }
 

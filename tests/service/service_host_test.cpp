@@ -95,9 +95,10 @@ TEST(ServiceHost, RestartsOnlyWhenTheMinutesRecheckFindsTheRoleChanged) {
 TEST(CommandLine, TheFirstWordDecidesAndAnythingElseRunsTheDispatcher) {
     struct Case { std::vector<const char*> argv; CommandAction action; };
     const Case cases[] = {  // the program's own name comes first
-        {{"x", "install"}, COMMAND_INSTALL}, {{"x", "uninstall"}, COMMAND_UNINSTALL}, {{"x", "stopWTS"}, COMMAND_STOP_WTS},
+        {{"x", "install"}, COMMAND_INSTALL},     {{"x", "install", "now"}, COMMAND_INSTALL},
+        {{"x", "uninstall"}, COMMAND_UNINSTALL}, {{"x", "stopWTS"}, COMMAND_STOP_WTS},
         {{"x", "command", "130"}, COMMAND_SEND_CONTROL}, {{"x", "command"}, COMMAND_DISPATCH},  // without its number
-        {{"x"}, COMMAND_DISPATCH}, {{"x", "installs"}, COMMAND_DISPATCH}, {{"x", "install", "now"}, COMMAND_INSTALL},
+        {{"x"}, COMMAND_DISPATCH}, {{"x", "installs"}, COMMAND_DISPATCH},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(c.action, ChooseCommand(static_cast<int>(c.argv.size()), c.argv.data(), std::strcmp))
