@@ -57,7 +57,7 @@ TEST(ServiceHost, RunsReportedFirstDrainsEveryStepAndAnswersControlsWithTheState
         "drain",       "drain",      "drain",      "status 4/5",      "drain",        "drain",      "drain", "drain",
         "drain",       "status 3/5", "close stop", "stop sntp",       "status 1/0"}));
     events.clear();
-    for (uint32_t control : {HOST_CONTROL_STOP, HOST_CONTROL_SHUTDOWN, 2u, 4u, 129u}) {
+    for (uint32_t control : {1u, 5u, 2u, 4u, 129u}) {  // stop, shutdown, and three that only report
         HandleServiceControl(&CALLS, control);
     }
     EXPECT_EQ(events, std::vector<std::string>({"status 3/0", "signal stop", "status 3/0", "signal stop",
@@ -66,7 +66,7 @@ TEST(ServiceHost, RunsReportedFirstDrainsEveryStepAndAnswersControlsWithTheState
     // Control 128 waits for whoever holds the control lock, restarts, then answers the manager.
     events.clear();
     EnterLock(&controlLock);
-    std::thread handler([] { HandleServiceControl(&CALLS, CONTROL_FORCE_RESTART); });
+    std::thread handler([] { HandleServiceControl(&CALLS, 128); });
     for (int i = 0; i < 50; ++i) {
         std::this_thread::yield();
     }

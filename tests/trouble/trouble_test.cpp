@@ -83,11 +83,11 @@ TEST(PtrList, RefusesWhatItCannotHoldAndCursorsSurviveRemovals) {
         ASSERT_EQ(PushPtrList(list, &entry), 0);
     }
     // Eleven cursors: the last is not registered (and, standing on a, is never read again).
-    PtrListCursor cursors[PTR_LIST_MAX_CURSORS + 1];
+    PtrListCursor cursors[11];
     for (PtrListCursor& cursor : cursors) {
         OpenPtrListCursor(list, &cursor);
     }
-    EXPECT_EQ(list->cursorCount, PTR_LIST_MAX_CURSORS);
+    EXPECT_EQ(list->cursorCount, 10u);
     // A cursor on a removed node moves to its successor, which is still to be returned.
     EXPECT_EQ(PopFrontPtrList(list), &entries[0]);
     EXPECT_EQ(NextPtrListItem(&cursors[0]), &entries[1]);
@@ -162,7 +162,7 @@ TEST(TroubleQueue, DeliversInQueueOrderWithTextsCutTo255UnitsDiscardsWithoutASin
 }
 
 TEST(WorkstationReport, LayoutIsPinnedToTheByteAndFieldsAreCut) {
-    uint8_t report[WORKSTATION_REPORT_SIZE];
+    uint8_t report[860];  // a larger report would overflow it
     std::memset(report, 0xEE, sizeof report);
     // Every byte of each 32-bit word in its place, and a text unit above 255.
     BuildWorkstationReport(report, u"SNTP", 0x04030201, 0x08070605, 0xFFFEFDFC, u"Time \u20AC.");
@@ -172,7 +172,7 @@ TEST(WorkstationReport, LayoutIsPinnedToTheByteAndFieldsAreCut) {
     EXPECT_EQ(0, std::memcmp(head, report, sizeof head));
     EXPECT_EQ(0, std::memcmp(words, report + 520, sizeof words));
     EXPECT_EQ(0, std::memcmp(text, report + 696, sizeof text));
-    for (uint32_t i = 16; i < WORKSTATION_REPORT_SIZE; ++i) {
+    for (uint32_t i = 16; i < 860; ++i) {
         if ((i < 520 || i >= 532) && (i < 696 || i >= 696 + 14)) {
             ASSERT_EQ(0, report[i]) << i;  // zero wherever nothing is written
         }
