@@ -40,7 +40,6 @@ TEST(VirtualTime, TimersStartRestartAndExpireAcrossTheWrapAndTheDriverCarriesClo
     EXPECT_EQ(0, ExpiredAfter(&timer, 0));  // not in the millisecond it started
     EXPECT_EQ(0, ExpiredAfter(&timer, 60000));  // across the wrap: fires a millisecond late
     EXPECT_EQ(1, ExpiredAfter(&timer, 1));
-    EXPECT_EQ(1, ExpiredAfter(&timer, 100000));  // never disarms itself
     TickTimer unarmed = {0, 60000, 0, 0};
     ASSERT_EQ(0, RestartTimer(&unarmed));  // arms it, with its interval, from now
     EXPECT_EQ(0, ExpiredAfter(&unarmed, 59999));
