@@ -1,14 +1,13 @@
 // The service host's rules in virtual time: what the manager is told and in which order, the
-// 100 ms delivery, the minute's re-check, control 128 under the control lock, the stop order.
+// 100 ms delivery, the minute's re-check, control 128 under the control lock, the stop order;
+// and the command line's decisions: which command word runs, which control numbers may be sent.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "runtime/runtime.h"
 #include "runtime/text.h"
 #include "service/service.h"
 #include "service/service_host.h"
@@ -18,121 +17,95 @@ namespace {
 std::vector<std::string> events;
 std::vector<uint64_t> restartTimes;
 uint64_t stopAtMs = 0;
-const char* setting = "";
-uint8_t role = 0;
+const char* setting = "127.0.0.1";
+uint8_t role = 1;
 
 void Note(const std::string& event) { events.push_back(event); }
-void ReportStatus(uint32_t state, uint32_t accepted) {
-    Note("status " + std::to_string(state) + "/" + std::to_string(accepted));
-}
-void CreateStop() { Note("create stop"); }
-void SignalStop() { Note("signal stop"); }
-int32_t WaitForStop(uint32_t timeoutMs) {
-    AdvanceVirtualTime(timeoutMs);
-    return VirtualElapsedMs() >= stopAtMs ? 1 : 0;
-}
-void CloseStop() { Note("close stop"); }
-void TakeOver() { Note("take over clock"); }
-void Sink() { Note("trouble sink"); }
-void Drain() { Note("drain"); }
-void ReadSetting(char* destination, uint32_t capacity) { CopyText(destination, setting, capacity); }
-uint8_t Role() { return role; }
-int32_t Start() { Note("start sntp"); return 0; }
-int32_t Restart() {
-    Note("restart sntp");
-    restartTimes.push_back(VirtualElapsedMs());
-    return 0;
-}
-int32_t Stop() { Note("stop sntp"); return 0; }
-
-const ServiceHostCalls CALLS = {ReportStatus, CreateStop, SignalStop, WaitForStop, CloseStop, TakeOver,
-                                Sink, Drain, ReadSetting, Role, Start, Restart, Stop};
-
-class ServiceHost : public testing::Test {
-protected:
-    void SetUp() override {
-        InstallVirtualTime();
-        events.clear();
-        restartTimes.clear();
-    }
-    void TearDown() override { RemoveVirtualTime(); }
-    void Run(uint64_t stopAfterMs) {
-        stopAtMs = stopAfterMs;
-        RunServiceHost(&CALLS);
-    }
-};
-
-TEST_F(ServiceHost, RunsReportedFirstDrainsEveryStepAndNeverDrainsTheClearsOfTheStop) {
-    setting = "127.0.0.1";
-    role = 1;
-    Run(1000);
-    const std::vector<std::string> start = {"create stop", "status 2/0", "status 4/5", "take over clock",
-                                            "trouble sink", "start sntp", "drain"};
-    ASSERT_GE(events.size(), start.size() + 4);
-    EXPECT_EQ(std::vector<std::string>(events.begin(), events.begin() + start.size()), start);
-    const std::vector<std::string> end = {"drain", "status 3/5", "close stop", "stop sntp", "status 1/0"};
-    EXPECT_EQ(std::vector<std::string>(events.end() - end.size(), events.end()), end);
-    // One delivery per 100 ms step: ten in a second, and nothing else while the role holds.
-    EXPECT_EQ(std::count(events.begin(), events.end(), "drain"), 10);
-    EXPECT_EQ(events.size(), start.size() + 9 + 4);
-}
-
-TEST_F(ServiceHost, RestartsOnlyWhenTheMinutesRecheckFindsTheRoleChanged) {
-    struct Case {
-        const char* setting;
-        uint8_t role;
-        size_t restarts;  // in 3 minutes 50 s
-    };
-    const Case cases[] = {
-        {"127.0.0.1", 1, 0},        // names this host, runs as the server
-        {"127.0.0.1", 0, 3},        // names this host, runs as a client
-        {"127.0.0.2", 0, 0},        // another node, runs as its client
-        {"127.0.0.2", 1, 3},
-        {"", 1, 3},                 // nothing parses: 0.0.0.0 is never this host's
-        {"not an address", 0, 0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.setting);
-        SetUp();
-        setting = c.setting;
-        role = c.role;
-        Run(230000);
-        ASSERT_EQ(restartTimes.size(), c.restarts);
-        for (size_t i = 0; i < restartTimes.size(); ++i) {
-            EXPECT_EQ(restartTimes[i], (i + 1) * RECHECK_INTERVAL_MS);
+const ServiceHostCalls CALLS = {
+    [](uint32_t state, uint32_t accepted) { Note("status " + std::to_string(state) + "/" + std::to_string(accepted)); },
+    [] { Note("create stop"); }, [] { Note("signal stop"); },
+    [](uint32_t timeoutMs) -> int32_t {
+        AdvanceVirtualTime(timeoutMs);
+        if (VirtualElapsedMs() == 500) {
+            HandleServiceControl(&CALLS, 4);  // an interrogation
         }
-    }
-}
+        return VirtualElapsedMs() >= stopAtMs ? 1 : 0;
+    },
+    [] { Note("close stop"); }, [] { Note("take over clock"); }, [] { Note("trouble sink"); }, [] { Note("drain"); },
+    [](char* destination, uint32_t capacity) { CopyText(destination, setting, capacity); },
+    []() -> uint8_t { return role; },
+    []() -> int32_t { Note("start sntp"); return 0; },
+    []() -> int32_t { Note("restart sntp"); restartTimes.push_back(VirtualElapsedMs()); return 0; },
+    []() -> int32_t { Note("stop sntp"); return 0; }};
 
-TEST_F(ServiceHost, ControlsStopRestartUnderTheControlLockOrOnlyReport) {
-    setting = "127.0.0.1";
-    role = 1;
-    Run(200);  // running, then stopped: the handler answers with the state in force
+void RunHost(uint64_t stopAfterMs) {
+    InstallVirtualTime();
     events.clear();
-    HandleServiceControl(&CALLS, HOST_CONTROL_STOP);
-    HandleServiceControl(&CALLS, HOST_CONTROL_SHUTDOWN);
-    for (uint32_t control : {2u, 3u, 4u, 129u, 255u}) {
+    restartTimes.clear();
+    stopAtMs = stopAfterMs;
+    RunServiceHost(&CALLS);
+    RemoveVirtualTime();
+}
+}  // namespace
+
+TEST(ServiceHost, RunsReportedFirstDrainsEveryStepAndAnswersControlsWithTheStateInForce) {
+    RunHost(1000);
+    // One delivery per 100 ms step, nothing else while the role holds, the interrogation at 500 ms
+    // answered with the state in force, and the clears of the stop never drained.
+    EXPECT_EQ(events, std::vector<std::string>({
+        "create stop", "status 2/0", "status 4/5", "take over clock", "trouble sink", "start sntp", "drain", "drain",
+        "drain",       "drain",      "drain",      "status 4/5",      "drain",        "drain",      "drain", "drain",
+        "drain",       "status 3/5", "close stop", "stop sntp",       "status 1/0"}));
+    events.clear();
+    for (uint32_t control : {1u, 5u, 2u, 4u, 129u}) {  // stop, shutdown, and three that only report
         HandleServiceControl(&CALLS, control);
     }
     EXPECT_EQ(events, std::vector<std::string>({"status 3/0", "signal stop", "status 3/0", "signal stop",
-                                                "status 3/0", "status 3/0", "status 3/0", "status 3/0",
-                                                "status 3/0"}));
+                                                "status 3/0", "status 3/0", "status 3/0"}));
 
     // Control 128 waits for whoever holds the control lock, restarts, then answers the manager.
     events.clear();
-    std::atomic<int> done{0};
     EnterLock(&controlLock);
-    std::thread handler([&] {
-        HandleServiceControl(&CALLS, CONTROL_FORCE_RESTART);
-        done = 1;
-    });
-    for (int i = 0; i < 50 && done == 0; ++i) {
+    std::thread handler([] { HandleServiceControl(&CALLS, 128); });
+    for (int i = 0; i < 50; ++i) {
         std::this_thread::yield();
     }
-    EXPECT_EQ(done.load(), 0);
     EXPECT_TRUE(events.empty());
     LeaveLock(&controlLock);
     handler.join();
     EXPECT_EQ(events, std::vector<std::string>({"restart sntp", "status 3/0"}));
 }
-}  // namespace
+
+TEST(ServiceHost, RestartsOnlyWhenTheMinutesRecheckFindsTheRoleChanged) {
+    struct Case { const char* setting; uint8_t role; bool restarts; };  // at every re-check, or never
+    const Case cases[] = {
+        {"127.0.0.1", 1, false}, {"127.0.0.1", 0, true},  // names this host: the server stays
+        {"127.0.0.2", 0, false}, {"127.0.0.2", 1, true},  // another node: its client stays
+        {"", 1, true},                                    // nothing parses: 0.0.0.0 is never this host's
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.setting);
+        setting = c.setting;
+        role = c.role;
+        RunHost(230000);  // 3 minutes 50 s
+        EXPECT_EQ(restartTimes, c.restarts ? std::vector<uint64_t>({60000, 120000, 180000}) : std::vector<uint64_t>());
+    }
+}
+
+TEST(CommandLine, TheFirstWordDecidesAndAnythingElseRunsTheDispatcher) {
+    struct Case { std::vector<const char*> argv; CommandAction action; };
+    const Case cases[] = {  // the program's own name comes first
+        {{"x", "install"}, COMMAND_INSTALL},     {{"x", "install", "now"}, COMMAND_INSTALL},
+        {{"x", "uninstall"}, COMMAND_UNINSTALL}, {{"x", "stopWTS"}, COMMAND_STOP_WTS},
+        {{"x", "command", "130"}, COMMAND_SEND_CONTROL}, {{"x", "command"}, COMMAND_DISPATCH},  // without its number
+        {{"x"}, COMMAND_DISPATCH}, {{"x", "installs"}, COMMAND_DISPATCH},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.action, ChooseCommand(static_cast<int>(c.argv.size()), c.argv.data(), std::strcmp))
+            << c.argv.back() << " " << c.argv.size();
+    }
+    // Only user controls may be sent.
+    for (int32_t number : {127, 128, 255, 256, 0, -1, INT32_MIN}) {
+        EXPECT_EQ(number >= 128 && number <= 255 ? 1 : 0, ControlNumberAllowed(number)) << number;
+    }
+}

@@ -5,23 +5,16 @@
 
 #include "service/service.h"
 
-namespace {
-BOOL SystemTimePrivilegeEnabled() {
-    HANDLE token = nullptr;
-    EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
-    PRIVILEGE_SET set = {};
-    set.PrivilegeCount = 1;
-    set.Control = PRIVILEGE_SET_ALL_NECESSARY;
-    EXPECT_TRUE(LookupPrivilegeValueA(nullptr, "SeSystemtimePrivilege", &set.Privilege[0].Luid));
-    BOOL enabled = FALSE;
-    EXPECT_TRUE(PrivilegeCheck(token, &set, &enabled));
-    CloseHandle(token);
-    return enabled;
-}
-
 TEST(TimePrivilege, IsEnabledInTheProcessToken) {
-    EXPECT_FALSE(SystemTimePrivilegeEnabled());
-    EnableSystemTimePrivilege();
-    EXPECT_TRUE(SystemTimePrivilegeEnabled());
+    HANDLE token = nullptr;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
+    PRIVILEGE_SET set = {1, PRIVILEGE_SET_ALL_NECESSARY, {}};
+    ASSERT_TRUE(LookupPrivilegeValueA(nullptr, "SeSystemtimePrivilege", &set.Privilege[0].Luid));
+    for (BOOL expected : {FALSE, TRUE}) {
+        BOOL enabled = !expected;
+        EXPECT_TRUE(PrivilegeCheck(token, &set, &enabled));
+        EXPECT_EQ(expected, enabled);
+        EnableSystemTimePrivilege();
+    }
+    CloseHandle(token);
 }
-}  // namespace
