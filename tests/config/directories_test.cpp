@@ -16,14 +16,11 @@ TEST(InstallRoot, IsTheDriveAndItsFirstDirectoryNarrowedAndBounded) {
         const char16_t* modulePath;
         std::string root;
     } cases[] = {
-        {u"C:\\Plant\\Applications\\Time\\service.exe", "C:\\Plant"},
-        {u"D:\\A\\B\\C\\x.exe", "D:\\A"},
+        {u"C:\\Plant\\Applications\\Time\\service.exe", "C:\\Plant"}, {u"D:\\A\\B\\C\\x.exe", "D:\\A"},
         {u"D:\\x.exe", "D:\\x.exe"},  // no backslash past "D:\": the whole path is kept
         {u"C:\\Pl|nt\\x.exe", "C:\\Pl!nt"},
         {u"C:\\\u0141\u00E9\\x.exe", "C:\\A\xE9"},  // the low byte of each unit
-        {u"C:", "C:"},
-        {u"", ""},
-        {nullptr, ""},
+        {u"C:", "C:"}, {u"", ""}, {nullptr, ""},
         {longPath.c_str(), "C:" + std::string(PATH_CAPACITY - 3, 'x')},
     };
     for (const auto& test : cases) {
