@@ -69,21 +69,18 @@ TEST_F(ConfigFileTest, LoadAppliesTheLineFormatAndItsLimits) {
                                         "K " + std::string(4144, 'x') + "Y 2\n" +  // split after 4146 characters
                                         key60 + " long\n" + std::string(49, 'L') + " 49\nV " + std::string(4100, 'v') + "\n");
     OpenStore store(PathOf("format.dat"));
-    const char* const expected[][2] = {
+    const std::pair<std::string, std::string> expected[] = {
         {"a", "2"} /* the last occurrence wins */, {"key", ""}, {"note", DEFAULT_TEXT}, {"my key", "x y"},
         {"QUOTED", "say \"hi\""}, {"key2", "value"}, {"tight", "value"}, {"open", "runs to the end"},
-        {"hash", "a#b\"c"}, {"LOWER_CASE", "v"}};
-    for (const auto& entry : expected) {
-        EXPECT_EQ(store.Get(entry[0]), entry[1]) << entry[0];
+        {"hash", "a#b\"c"}, {"LOWER_CASE", "v"},
+        // Lines are read in pieces of 4146 characters, values cut to 4095, keys kept with 55
+        // characters and looked up or set with 49.
+        {"K", std::string(4095, 'x')}, {"Y", "2"}, {"V", std::string(4095, 'v')}, {std::string(60, 'l'), "49"},
+        {key60, DEFAULT_TEXT}};
+    for (const auto& [key, value] : expected) {
+        EXPECT_EQ(store.Get(key), value) << key;
     }
     EXPECT_EQ(store.file.entries->count, 16u);  // nothing from comments, NOTE or the empty key
-    // Lines are read in pieces of 4146 characters, values cut to 4095, keys to 55 and to 49 when
-    // looked up or set.
-    EXPECT_EQ(store.Get("K"), std::string(4095, 'x'));
-    EXPECT_EQ(store.Get("Y"), "2");
-    EXPECT_EQ(store.Get("V"), std::string(4095, 'v'));
-    EXPECT_EQ(store.Get(std::string(60, 'l')), "49");
-    EXPECT_EQ(store.Get(key60), DEFAULT_TEXT);
     EXPECT_NE(FindPtrList(store.file.entries, std::string(55, 'K').c_str()), nullptr);
     EXPECT_EQ(SetConfigString(&store.file, "W", std::string(5000, 'w').c_str()), 0);
     EXPECT_EQ(store.Get("W"), std::string(4095, 'w'));
