@@ -91,13 +91,16 @@ TEST(SntpClient, TheStartDelayComesFromTheSecondRandomValueAndAStoredOneCutsIt) 
     // Countdowns of 60 and 119 mean 59 and 118 one-second sleeps; the first value is discarded.
     const struct {
         std::vector<int32_t> randoms;
-        uint64_t askAt, firstAt;  // syncCountdown set to 1 in the sleep that begins at askAt
-    } cases[] = {{{32767, 0}, UINT64_MAX, 59 * S}, {{0, 32767}, UINT64_MAX, 118 * S}, {{0, 32767}, 10 * S, 11 * S}};
+        uint64_t askAt;  // syncCountdown set to stored in the sleep that begins then
+        int32_t stored;
+        uint64_t firstAt;
+    } cases[] = {{{32767, 0}, UINT64_MAX, 1, 59 * S}, {{0, 32767}, UINT64_MAX, 1, 118 * S},
+                 {{0, 32767}, 10 * S, 1, 11 * S}, {{0, 32767}, 10 * S, 0, 12 * S}};  // 0 counts as 1
     for (const auto& c : cases) {
         SCOPED_TRACE(c.firstAt);
         onSleep = [&c] {
             if (VirtualElapsedMs() == c.askAt) {
-                syncCountdown = 1;
+                syncCountdown = c.stored;
             }
         };
         RunClient({SNTP_OK}, 1, c.randoms);
