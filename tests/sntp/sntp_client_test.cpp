@@ -3,8 +3,8 @@
 // Each test runs the thread until its first countdown sleep after a given number of exchanges.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <algorithm>
+#include <chrono>
 #include <functional>
 #include <thread>
 
@@ -123,7 +123,8 @@ TEST(SntpClient, ASilentServerGetsFiveAttemptsThenTroubleTwoAndANewLadderLater) 
     EXPECT_EQ((std::vector<int32_t>{5000, 60000, 120000, 240000, 480000, 5000, 60000, 120000, 240000, 480000}),
               callTimeout);
     EXPECT_EQ((std::vector<uint32_t>{0, 0, 0, 0, 0, 4, 4, 4, 4, 4}), callMask) << "trouble 2 after five silences";
-    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_NO_RESPONSE, TROUBLE_SET}, {SNTP_NO_RESPONSE, TROUBLE_SET}}), TakeTroubles());
+    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_NO_RESPONSE, TROUBLE_SET}, {SNTP_NO_RESPONSE, TROUBLE_SET}}),
+              TakeTroubles());
     EXPECT_EQ(SNTP_NO_RESPONSE, lastResult.load());
     EXPECT_EQ(0, synchronised.load());
     EXPECT_TRUE(RecordedClockSettings().empty());
@@ -138,8 +139,11 @@ TEST(SntpClient, FailuresRetryEveryTwentyMinutesAndASuccessWaitsADay) {
     EXPECT_EQ((std::vector<uint64_t>{59000, 59000 + 1199000, third, third + 86399000}), callAt);
     EXPECT_EQ((std::vector<int32_t>{5000, 5000, 5000, 5000}), callTimeout);
     // Each success clears trouble 2, reported because trouble 6 is active; trouble 6 stays.
-    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, {SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET},
-                                        {SNTP_NO_RESPONSE, TROUBLE_CLEARED}, {SNTP_NO_RESPONSE, TROUBLE_CLEARED}}), TakeTroubles());
+    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET},
+                                        {SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET},
+                                        {SNTP_NO_RESPONSE, TROUBLE_CLEARED},
+                                        {SNTP_NO_RESPONSE, TROUBLE_CLEARED}}),
+              TakeTroubles());
     EXPECT_EQ(1u << SNTP_INCONSISTENT_ADDRESS, troubleMask.load());
     EXPECT_EQ(SNTP_OK, lastResult.load());
     EXPECT_EQ(1, synchronised.load());
