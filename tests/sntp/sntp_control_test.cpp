@@ -204,6 +204,7 @@ TEST_F(SntpController, AThousandRestartsLeaveOneClientAndNoTrouble) {
             std::this_thread::sleep_for(std::chrono::microseconds(50));  // the grace, the sync-now poll
         }
     });
+    syncCountdown = 0;  // not an earlier client's start delay
     ASSERT_EQ(0, StartSntp());
     for (int32_t restart = 0; restart < RESTARTS; ++restart) {
         SCOPED_TRACE(restart);
