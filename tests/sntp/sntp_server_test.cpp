@@ -54,7 +54,9 @@ struct Client {
 class SntpServerTest : public testing::Test {
 protected:
     void SetUp() override { NtpInitEpoch(), StartTroubleRecorder(), sntpServerPort = TEST_PORT, stopRequested = 0; }
-    void TearDown() override { StopServer(), sntpServerPort = SNTP_PORT, SetSntpServerClock(nullptr), StopTroubleRecorder(); }
+    void TearDown() override {
+        StopServer(), sntpServerPort = SNTP_PORT, SetSntpServerClock(nullptr), StopTroubleRecorder();
+    }
     // Starts the server thread on clock (null: the system clock) and waits until it answers.
     void StartServer(SntpServerClock clock = CountingClock) {
         SetSntpServerClock(clock);
@@ -91,11 +93,7 @@ TEST(SntpServerAnswer, EachModeNamesItsReferenceAndOnlyVersionThreeRequestsOf48B
     const uint64_t syncTime = 0xE1E2E3E4E5E6E7E8ULL;
     lastSyncTime = syncTime, upstreamStratum = 0x103;  // only the stratum's low byte counts
     upstreamAddress = 0x0302010A;                       // 10.1.2.3 as stored, network order
-    const struct {
-        int32_t mode, synchronised;
-        uint8_t header, answerHeader, stratum;
-        const char* id;
-    } cases[] = {
+    const struct { int32_t mode, synchronised; uint8_t header, answerHeader, stratum; const char* id; } cases[] = {
         {0, 0, 0x1B, 0x1C, 1, "LOCL"}, {0, 1, 0x19, 0x1A, 1, "LOCL"},
         {1, 0, 0x19, 0xDA, 0, "INIT"}, {2, 0, 0x1B, 0xDC, 0, "INIT"},  // alarm until upstream is reached
         {1, 1, 0x19, 0x1A, 4, "\x0A\x01\x02\x03"}, {2, 1, 0x1B, 0x1C, 1, "TOP "},
@@ -176,7 +174,8 @@ TEST_F(SntpServerTest, ChronyAskingWithVersionThreeAcceptsTheTime) {
     StartServer(nullptr);
     double offset = 0.0;
     std::string output;
-    const bool measured = QueryWithChrony("127.0.0.1 port " + std::to_string(TEST_PORT) + " iburst version 3", &offset, &output);
+    const std::string line = "127.0.0.1 port " + std::to_string(TEST_PORT) + " iburst version 3";
+    const bool measured = QueryWithChrony(line, &offset, &output);
     if (!measured && output.find("Fatal") != std::string::npos) GTEST_SKIP() << "chronyd could not run:\n" << output;
     ASSERT_TRUE(measured) << output;
     // Served from the very clock chrony compares it with: stamp resolution and, under Wine on a
@@ -207,17 +206,15 @@ void RunServerUntilPauses(size_t count) {
 }
 }  // namespace
 
-TEST_F(SntpServerTest, APortAlreadyTakenRaisesTroubleEightOnceAndIdlesWithItsSocketGivenBack) {
+TEST_F(SntpServerTest, ATakenPortRaisesTroubleEightOnceAndAFailingWaitTroubleOneEachSecond) {
     LoopbackUdp holder{~0ULL};
     ASSERT_EQ(0, OpenLoopbackUdp(&holder, "127.0.0.1", TEST_PORT, false));
     RunServerUntilPauses(3);
     CloseLoopbackUdp(&holder);
     EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_SERVER_NOT_STARTED, TROUBLE_SET}}), TakeTroubles());
     EXPECT_EQ(std::vector<uint32_t>(3, 1000), pauses);
-    EXPECT_EQ(0u, libraryUsersWhilePausing);  // restarted every minute, it would pile up sockets
-}
+    EXPECT_EQ(0u, libraryUsersWhilePausing);  // given back: restarted every minute, it would pile up sockets
 
-TEST_F(SntpServerTest, AFailingWaitRaisesTroubleOneOncePerSecond) {
     failNetSocketWaits = 1;
     RunServerUntilPauses(5);
     failNetSocketWaits = 0;
