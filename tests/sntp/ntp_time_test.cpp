@@ -73,6 +73,7 @@ TEST_F(NtpTime, TheClockAndTheTickStampThroughTheDriver) {
     // One millisecond before the 32-bit count wraps, then two later: 1 ms past the wrap.
     InstallVirtualTime(VIRTUAL_START_FILETIME, 0xFFFFFFFFu);
     const uint64_t before = ReadStampTick();
+    EXPECT_EQ(0u, StampTicksSince(before));
     AdvanceVirtualTime(2);
     EXPECT_EQ(2000u, StampTicksSince(before));
     NtpTickStamp(stamp);
