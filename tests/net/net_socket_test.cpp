@@ -1,6 +1,5 @@
-// NetSocket over real UDP sockets on loopback: implicit opens, close and reopen, handle
-// ownership, platform errors, and the datagrams the peer registry drops (its limit and its
-// ageing are tested on the registry itself).
+// NetSocket over real UDP sockets on loopback: implicit opens, close and reopen, handle ownership,
+// platform errors, and the datagrams the peer registry drops (its rules are tested on it alone).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -22,18 +21,9 @@ struct Socket : NetSocket {
     int32_t created = CreateNetSocket(this, NET_SOCKET_DATAGRAM);
     NetSocketHold hold{created == 0 ? this : nullptr};
 };
-
-// A receive that waits at most two seconds for its datagram: -2 when none came.
-int32_t ReceiveWithin(NetSocket* socket, uint8_t* buffer, uint16_t* port) {
-    uint32_t address = 0;
-    const bool readable = WaitNetSocketReadable(socket, 2000) == 1;
-    return readable ? ReceiveNetSocket(socket, buffer, 64, &address, port, socket->peerLimit) : -2;
-}
 }  // namespace
 
-// An open on a busy port reports the platform's error. A fresh socket's receive binds the port
-// it holds and blocks; its send opens an ephemeral port, and again after a close. A destroy after
-// the close leaves the handle number alone: the platform has handed it to a later socket.
+// The destroy after a close must leave the handle number alone: the platform has handed it on.
 TEST(NetSocket, OpenReportsErrorsAndSendAndReceiveOpenAFreshOrClosedSocket) {
     int32_t error = 0;
     const uint64_t holder = OpenPlatformSocket(&error);  // on every interface, without address reuse
@@ -43,11 +33,9 @@ TEST(NetSocket, OpenReportsErrorsAndSendAndReceiveOpenAFreshOrClosedSocket) {
     const uint16_t freePort = HostPort(held.port);
     NetSocket early;
     ASSERT_EQ(0, CreateNetSocket(&early, NET_SOCKET_DATAGRAM));
-    const int32_t busy = OpenNetSocket(&early, freePort, SERVER_LIMIT);
-    if (busy != 0) {  // 0 where address reuse may share a port held without it
-        EXPECT_NE(1, busy);  // a platform code, not the null-object status
-        EXPECT_EQ(NET_STATE_FAILED, early.state);
-    }
+    const int32_t busy = OpenNetSocket(&early, freePort, SERVER_LIMIT);  // Linux and Wine both refuse it
+    EXPECT_TRUE(busy != 0 && busy != 1) << busy;  // the platform's code, not the null-object status
+    EXPECT_EQ(NET_STATE_FAILED, early.state);
     ClosePlatformSocket(holder);
     EXPECT_EQ(0, CloseNetSocket(&early));
 
@@ -70,11 +58,7 @@ TEST(NetSocket, OpenReportsErrorsAndSendAndReceiveOpenAFreshOrClosedSocket) {
     EXPECT_STREQ("first", reinterpret_cast<const char*>(buffer));
     EXPECT_EQ(TO, address);
     EXPECT_EQ(sender.localPort, port);
-    EXPECT_EQ(NET_STATE_BOUND, receiver.state);
     EXPECT_EQ(freePort, receiver.localPort);
-    EXPECT_EQ(SERVER_LIMIT, receiver.peerLimit);
-    EXPECT_EQ(NET_STATE_BOUND, sender.state);
-    EXPECT_EQ(1u, sender.peerLimit);
 
     EXPECT_EQ(0, DestroyNetSocket(&early));
     EXPECT_NE(-1, WaitNetSocketReadable(&sender, 0));  // still open
@@ -82,15 +66,15 @@ TEST(NetSocket, OpenReportsErrorsAndSendAndReceiveOpenAFreshOrClosedSocket) {
     EXPECT_EQ(7, SendNetSocket(&sender, "second", 7, &TO, freePort, 1));
     EXPECT_EQ(NET_STATE_BOUND, sender.state);
     int32_t received = 0;
-    for (int datagram = 0; datagram < 4 && received != 7; ++datagram) {
-        received = ReceiveWithin(&receiver, buffer, &port);  // past any first datagrams still queued
+    for (int datagram = 0; datagram < 4 && received != 7; ++datagram) {  // past any queued "first"
+        ASSERT_EQ(1, WaitNetSocketReadable(&receiver, 2000));
+        received = ReceiveNetSocket(&receiver, buffer, sizeof(buffer), &address, &port, SERVER_LIMIT);
     }
     EXPECT_EQ(7, received);
     EXPECT_EQ(sender.localPort, port);
 }
 
-// A new sender past a full peer table, or one blocked for the socket's own port, is dropped: 0,
-// and the first 8 bytes of the buffer zeroed.
+// Callers read a zeroed start as "nothing usable arrived".
 TEST(NetSocket, FullOrBlockedPeerTablesDropTheDatagramAndZeroItsStart) {
     Socket full;
     Socket blocking;
@@ -101,11 +85,12 @@ TEST(NetSocket, FullOrBlockedPeerTablesDropTheDatagramAndZeroItsStart) {
     ASSERT_EQ(1, AdmitPeer(&full, 127u | 99u << 24));
     BlockPeer(TO, blocking.localPort);
     uint8_t buffer[64] = {};
+    uint32_t address = 0;
     uint16_t port = 0;
     for (NetSocket* dropping : {static_cast<NetSocket*>(&full), static_cast<NetSocket*>(&blocking)}) {
         ASSERT_EQ(12, SendNetSocket(&server, "0123456789AB", 12, &TO, dropping->localPort, SERVER_LIMIT));
-        EXPECT_EQ(0, ReceiveWithin(dropping, buffer, &port));
+        ASSERT_EQ(1, WaitNetSocketReadable(dropping, 2000));
+        EXPECT_EQ(0, ReceiveNetSocket(dropping, buffer, sizeof(buffer), &address, &port, 1));
         EXPECT_EQ(0, memcmp(buffer, "\0\0\0\0\0\0\0\0" "89AB", 12));
-        EXPECT_EQ(NET_STATE_BOUND, dropping->state);
     }
 }
