@@ -25,14 +25,14 @@ struct Socket : NetSocket {
 
 // The destroy after a close must leave the handle number alone: the platform has handed it on.
 TEST(NetSocket, OpenReportsErrorsAndSendAndReceiveOpenAFreshOrClosedSocket) {
+    NetSocket early;
+    ASSERT_EQ(0, CreateNetSocket(&early, NET_SOCKET_DATAGRAM));  // starts the socket library
     int32_t error = 0;
     const uint64_t holder = OpenPlatformSocket(&error);  // on every interface, without address reuse
     NetAddress held = {NET_FAMILY_INET, 0, 0, {}};
     ASSERT_EQ(0, BindPlatformSocket(holder, &held, &error));
     ASSERT_EQ(0, ReadPlatformSocketName(holder, &held));
     const uint16_t freePort = HostPort(held.port);
-    NetSocket early;
-    ASSERT_EQ(0, CreateNetSocket(&early, NET_SOCKET_DATAGRAM));
     const int32_t busy = OpenNetSocket(&early, freePort, SERVER_LIMIT);  // Linux and Wine both refuse it
     EXPECT_TRUE(busy != 0 && busy != 1) << busy;  // the platform's code, not the null-object status
     EXPECT_EQ(NET_STATE_FAILED, early.state);
@@ -42,6 +42,7 @@ TEST(NetSocket, OpenReportsErrorsAndSendAndReceiveOpenAFreshOrClosedSocket) {
     Socket receiver;
     Socket sender;
     receiver.localPort = freePort;
+    ASSERT_EQ(6, SendNetSocket(&sender, "first", 6, &TO, freePort, 1));  // opens the sender; lost, as nothing is bound
     std::atomic<bool> done{false};
     std::thread sending([&] {  // datagrams sent before the receive has bound are lost: repeat
         for (int attempt = 0; attempt < 250 && !done; ++attempt) {
