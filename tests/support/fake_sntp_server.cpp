@@ -13,10 +13,9 @@ const uint32_t BIND_PATIENCE_MS = 5000;     // another test's peer may hold the 
 const int32_t REQUEST_CAPACITY = 512;
 const uint8_t GOOD_HEADER = 0x1C;           // leap 0, version 3, mode 4
 const uint8_t VERSION_4_HEADER = 0x24;      // leap 0, version 4, mode 4
-const uint8_t LEAP_ALARM_HEADER = 0xDC;     // leap 3, version 3, mode 4
 const char REFERENCE_ID[4] = {'F', 'A', 'K', 'E'};
-}  // namespace
 
+// The fake's GOOD answer to request: originate echoed, stratum 2, the fixed server time.
 std::vector<uint8_t> MakeGoodSntpAnswer(const uint8_t* request) {
     std::vector<uint8_t> answer(NTP_PACKET_SIZE, 0);
     answer[0] = GOOD_HEADER;
@@ -30,6 +29,7 @@ std::vector<uint8_t> MakeGoodSntpAnswer(const uint8_t* request) {
     StoreBigEndian64(&answer[NTP_TRANSMIT_OFFSET], FAKE_SERVER_TIME);
     return answer;
 }
+}  // namespace
 
 uint64_t HostClockNtp() {
     const int64_t micros = std::chrono::duration_cast<std::chrono::microseconds>(
@@ -106,12 +106,9 @@ void FakeSntpServer::Answer(const uint8_t* request, uint32_t client, uint16_t cl
     switch (answer_.load()) {
         case FakeAnswer::SILENT: return;
         case FakeAnswer::VERSION_4: answer[0] = VERSION_4_HEADER; break;
-        case FakeAnswer::LEAP_ALARM: answer[0] = LEAP_ALARM_HEADER; break;
-        case FakeAnswer::STRATUM_0: answer[1] = 0; break;
         case FakeAnswer::WRONG_ORIGINATE: answer[NTP_ORIGINATE_OFFSET + 7] ^= 0x01; break;
         case FakeAnswer::SHORT_47: answer.pop_back(); break;
         case FakeAnswer::LONG_49: answer.push_back(0); break;
-        case FakeAnswer::ZERO_TRANSMIT: std::memset(&answer[NTP_TRANSMIT_OFFSET], 0, 8); break;
         default: break;  // GOOD, OTHER_PORT
     }
     const int32_t length = static_cast<int32_t>(answer.size());

@@ -16,13 +16,10 @@ enum class FakeAnswer {
     GOOD,             // 0x1C, stratum 2, originate echoed, receive = transmit = serverTime
     SILENT,           // records the request, answers nothing
     VERSION_4,        // 0x24: everything else valid
-    LEAP_ALARM,       // 0xDC
-    STRATUM_0,
     WRONG_ORIGINATE,  // one bit of the echoed stamp flipped
     OTHER_PORT,       // the good answer, sent from another port of the same address
     SHORT_47,         // the good answer's first 47 bytes
     LONG_49,          // the good answer and one byte more
-    ZERO_TRANSMIT,
 };
 
 const uint16_t FAKE_SNTP_PORT = 123;
@@ -68,7 +65,5 @@ private:
     std::thread thread_;
 };
 
-// A 48-byte answer built as the fake's GOOD answer to request (originate echoed, stratum 2).
-std::vector<uint8_t> MakeGoodSntpAnswer(const uint8_t* request);
 // This host's clock as an NTP stamp, to the microsecond (not through the platform driver).
 uint64_t HostClockNtp();

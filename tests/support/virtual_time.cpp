@@ -19,7 +19,6 @@ std::vector<int64_t> clockSettings;
 std::deque<int32_t> randomValues;
 uint32_t randomSeed = 0;
 std::function<void(uint32_t)> sleepHook;
-std::atomic<uint32_t> guardedWrites{0};
 
 int64_t CurrentFileTime() {
     std::lock_guard<std::mutex> hold(stateMutex);
@@ -92,7 +91,7 @@ const PlatformDriver virtualDriver = {
     VirtualSeedRandom, VirtualNextRandom, VirtualSleepUnlessWoken,
 };
 
-void GuardWriteClock(int64_t) { guardedWrites.fetch_add(1); }
+void GuardWriteClock(int64_t) {}
 
 const PlatformDriver guardDriver = {
     systemDriver.tickCount, systemDriver.preciseTickUs, systemDriver.sleep, systemDriver.wallClock, systemDriver.readSystemClock,
@@ -125,7 +124,6 @@ void AdvanceVirtualTime(uint64_t milliseconds) { elapsedMs.fetch_add(millisecond
 
 uint64_t VirtualElapsedMs() { return elapsedMs.load(); }
 
-int64_t VirtualSystemFileTime() { return CurrentFileTime(); }
 
 std::vector<int64_t> RecordedClockSettings() {
     std::lock_guard<std::mutex> hold(stateMutex);
@@ -147,6 +145,5 @@ void SetSleepHook(std::function<void(uint32_t)> hook) {
     sleepHook = std::move(hook);
 }
 
-uint32_t GuardedClockWrites() { return guardedWrites.load(); }
 
 void InstallGuardDriver() { InstallPlatformDriver(&guardDriver); }

@@ -17,7 +17,6 @@ void RemoveVirtualTime();
 
 void AdvanceVirtualTime(uint64_t milliseconds);
 uint64_t VirtualElapsedMs();
-int64_t VirtualSystemFileTime();
 
 // Every value handed to the clock writer, in order.
 std::vector<int64_t> RecordedClockSettings();
@@ -30,7 +29,5 @@ uint32_t RecordedRandomSeed();
 // may block to hold that thread at a point the test chooses. An empty function removes it.
 void SetSleepHook(std::function<void(uint32_t)> hook);
 
-// Clock writes that reached the guard driver (the default in every test binary).
-uint32_t GuardedClockWrites();
-// Reinstalls the guard driver: the operating system's clocks, a clock writer that only counts.
+// Reinstalls the guard driver: the operating system's clocks, a clock writer that does nothing.
 void InstallGuardDriver();
