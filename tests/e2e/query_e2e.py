@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""SntpQuery.exe under Wine as a monitoring check against chrony (OK), a server 2 s ahead (WARNING
-or CRITICAL by the thresholds) and a silent address (UNKNOWN): exchange lines, summary, status
-line, exit code; and what it and the trouble monitor refuse. Peers on 127.0.0.5 to 127.0.0.9."""
+"""SntpQuery.exe under Wine as a monitoring check against chrony (OK), a server 2 s ahead (WARNING or
+CRITICAL by the thresholds) and a silent address (UNKNOWN); what it and the trouble monitor refuse."""
 
 import os
 import re
+import shutil
 import subprocess
 import tempfile
 import unittest
@@ -25,24 +25,18 @@ class QueryTest(unittest.TestCase):
         build = winerig.RigTestCase.build
         cls.rig = winerig.Rig(build, os.path.join(build, "query-prefix"))
         cls.rig.boot(programs=())
+        cls.addClassCleanup(cls.rig.shutdown)
         cls.query = winerig.find_file(build, "SntpQuery.exe")
-        cls.scratch = tempfile.TemporaryDirectory(prefix="norvik-query-")
-        config = os.path.join(cls.scratch.name, "chrony.conf")
-        with open(config, "w") as file:  # chronyd -x never touches the clock
-            file.write(f"bindaddress {CHRONY}\nport 123\nallow 127.0.0.0/8\nlocal stratum 1\n"
-                       f"pidfile {cls.scratch.name}/chronyd.pid\ncmdport 0\n")
-        cls.chrony = subprocess.Popen(["timeout", "300", "chronyd", "-x", "-d", "-u", "root", "-f", config],
-                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        scratch = tempfile.mkdtemp(prefix="norvik-query-")
+        cls.addClassCleanup(shutil.rmtree, scratch, ignore_errors=True)
+        # chronyd -x never touches the clock; directives on its command line replace its configuration.
+        chrony = subprocess.Popen(["timeout", "300", "chronyd", "-x", "-d", "-u", "root", f"bindaddress {CHRONY}",
+                                   "port 123", "allow 127.0.0.0/8", "local stratum 1", f"pidfile {scratch}/chronyd.pid",
+                                   "cmdport 0"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        cls.addClassCleanup(chrony.wait, timeout=10)
+        cls.addClassCleanup(chrony.terminate)
         winerig.wait_for_server(CHRONY, 10)
-        cls.ahead = winerig.FakeSntpServer(AHEAD, ahead=2)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.chrony.terminate()
-        cls.chrony.wait(timeout=10)
-        cls.scratch.cleanup()
-        cls.ahead.close()
-        cls.rig.shutdown()
+        cls.addClassCleanup(winerig.FakeSntpServer(AHEAD, ahead=2).close)
 
     def run_query(self, *args, program=None):
         result = self.rig.wine(program or self.query, *args, timeout=60)
@@ -76,9 +70,10 @@ class QueryTest(unittest.TestCase):
 
     def test_a_command_line_it_cannot_read_is_unknown(self):
         monitor = winerig.find_file(winerig.RigTestCase.build, "TroubleMonitor.exe")
-        for program, args, code in [(None, ["--count", "0", CHRONY], 3), (None, [CHRONY, "--warn-ms", "5", "--crit-ms", "1"], 3),
-                                    (None, [], 3), (monitor, ["--count", "abc"], 2), (monitor, ["--seconds", "-1"], 2),
-                                    (monitor, ["--count", "5x"], 2), (monitor, ["--verbose"], 2)]:
+        for program, args, code in [
+                (None, ["--count", "0", CHRONY], 3), (None, [CHRONY, "--warn-ms", "5", "--crit-ms", "1"], 3),
+                (None, [], 3), (monitor, ["--count", "abc"], 2), (monitor, ["--seconds", "-1"], 2),
+                (monitor, ["--count", "5x"], 2), (monitor, ["--verbose"], 2)]:
             with self.subTest(program=program, args=args):
                 status, _, result = self.run_query(*args, program=program)
                 self.assertEqual(code, status)

@@ -1,9 +1,8 @@
 #!/usr/bin/env python3
-"""Restarts at any moment under load, in the default installation (the server, also restarted by
-the minute's re-check): "command 128" right after running is reported, in the middle of another
-restart, and anywhere else. After each the server answers again within seconds; in the end the
-threads are back at rest, handles flat, no trouble raised, and the stop completes.
-RESTART_MINUTES (default 3) sets how long; scripts/restarts.sh runs an hour."""
+"""Restarts at any moment under load in the default installation (the server, also restarted by the
+minute's re-check): "command 128" right after start, amid another restart, anywhere. The server
+answers again within seconds; threads come back to rest, handles stay flat, no trouble is raised,
+the stop completes. RESTART_MINUTES (default 3) sets how long; scripts/restarts.sh runs an hour."""
 
 import os
 import random

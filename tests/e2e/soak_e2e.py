@@ -1,11 +1,9 @@
 #!/usr/bin/env python3
-"""A soak of NorvikTime.exe as the server under Wine: 20 loopback clients' steady load, SntpQuery
-every 10 s, and a second installation (its own prefix) as its client on the real schedule, through
-a relay on 127.0.0.99 that records its exchanges. Both services' memory, threads and descriptors
-are sampled every 30 s; none may grow, every query must succeed, the client must make exactly its
-first exchange and have it answered, and neither may report a trouble.
-Usage: soak_e2e.py --build <dir> [--minutes M] (scripts/soak.sh: 30; the test run 1.5, lengthened
-to take in the client's first exchange)."""
+"""A soak of the server under Wine: 20 loopback clients' steady load, SntpQuery every 10 s, and a
+second installation as its client on the real schedule, through a relay on 127.0.0.99. Both
+services' memory, threads and descriptors are sampled every 30 s and may not grow; every query
+succeeds, the client makes exactly its first exchange and is answered, and no trouble is reported.
+Usage: soak_e2e.py --build <dir> [--minutes M]   (the test run: 1.5, or up to the client's exchange)"""
 
 import os
 import struct
@@ -21,12 +19,6 @@ FIRST_EXCHANGE = (59 - 1, 118 + 6)  # 59..118 s after the client's thread starts
 
 class ServiceSoak(winerig.RigTestCase):
     prefix_name = "soak-prefix"
-
-    def assert_flat(self, name, samples, end):
-        start = samples[0]
-        self.assertLess(end["rss_kb"] - start["rss_kb"], 4096, f"{name}: {samples}")  # Wine maps lazily
-        self.assertLessEqual(end["threads"], start["threads"], f"{name}: {samples}")
-        self.assertLessEqual(end["fds"], start["fds"] + 4, f"{name}: {samples}")
 
     def test_steady_load_leaves_memory_threads_and_handles_flat(self):
         rig = self.rig
@@ -78,8 +70,9 @@ class ServiceSoak(winerig.RigTestCase):
         self.assertEqual([RUNNING, RUNNING], [rig.state(), client.state()])
         self.assertEqual([], failed)
         self.assertGreater(load.answered, 0.99 * load.sent)
-        for name in pids:
-            self.assert_flat(name, samples[name], end[name])
+        for name, (start, *_) in samples.items():  # memory: Wine maps pages lazily, so a margin
+            self.assertTrue(end[name]["rss_kb"] - start["rss_kb"] < 4096 and end[name]["threads"] <= start["threads"]
+                            and end[name]["fds"] <= start["fds"] + 4, f"{name}: {samples[name]} -> {end[name]}")
         self.assertEqual([[], []], [monitor.snapshot(), client_monitor.snapshot()])
         # The client keeps its schedule (one exchange, the next a day later) and is satisfied.
         self.assertEqual(1, len(exchanges), exchanges)

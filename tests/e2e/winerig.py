@@ -37,7 +37,7 @@ def find_file(build, name):
 def shipped_texts(language):
     """{message id: text} from config/res<language>.rc, the source of the library."""
     text = Path(SOURCE, "config", f"res{language}.rc").read_text(encoding="utf-8")
-    return {int(m.group(1)): m.group(2).replace('""', '"') for m in re.finditer(r'^\s*(\d+),\s*L?"(.*)"\s*$', text, re.M)}
+    return {int(number): value.replace('""', '"') for number, value in re.findall(r'^\s*(\d+),\s*L?"(.*)"\s*$', text, re.M)}
 
 
 def report_text(code, language=1033):
@@ -61,6 +61,7 @@ class Rig:
         self.build, self.prefix = os.path.abspath(build), os.path.abspath(prefix)
         self.env = dict(os.environ, WINEPREFIX=self.prefix, WINEDEBUG="-all", WINEDLLOVERRIDES="mscoree,mshtml=")
         self.persistent = None
+        self.setting = self.host_path("C:\\Norvik\\Data\\System\\Vantor.dat")
 
     def host_path(self, windows_path):
         return os.path.join(self.prefix, "drive_c", *windows_path[3:].split("\\"))
@@ -95,7 +96,7 @@ class Rig:
             os.makedirs(self.host_path(folder), exist_ok=True)
             for name in names:
                 shutil.copy(find_file(self.build, name), self.host_path(f"{folder}\\{name}"))
-        os.makedirs(os.path.dirname(self.setting_path()), exist_ok=True)
+        os.makedirs(os.path.dirname(self.setting), exist_ok=True)
         self.write_setting(None)
 
     def clock_settings(self):
@@ -147,15 +148,12 @@ class Rig:
             self.sc("delete", name)
             self.wait_state(NOT_INSTALLED, name)
 
-    def setting_path(self):
-        return self.host_path("C:\\Norvik\\Data\\System\\Vantor.dat")
-
     def write_setting(self, value):
         """Vantor.dat with SNTP_IP = value; None removes the file."""
         if value is None:
-            Path(self.setting_path()).unlink(missing_ok=True)
+            Path(self.setting).unlink(missing_ok=True)
         else:
-            Path(self.setting_path()).write_text(f"# Norvik platform settings\nSNTP_IP {value}\n")
+            Path(self.setting).write_text(f"# Norvik platform settings\nSNTP_IP {value}\n")
 
     def registry_dword(self, key, value):
         match = re.search(r"REG_DWORD\s+0x([0-9a-fA-F]+)", self.wine("reg", "query", key, "/v", value).stdout)
@@ -166,25 +164,20 @@ class Rig:
 
 
 class Monitor:
-    """TroubleMonitor.exe --json in the rig's prefix; collects every report it prints."""
+    """TroubleMonitor.exe --json in the rig's prefix, printing to a file that snapshot() reads."""
 
     def __init__(self, rig):
-        self.process = subprocess.Popen([WINE, MONITOR, "--json"], env=rig.env, stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT, text=True)
-        self.reports, self.ready = [], threading.Event()
-        threading.Thread(target=self._read, daemon=True).start()
-        if not self.ready.wait(30):
-            raise AssertionError("the trouble monitor did not start")
+        self.output = tempfile.TemporaryFile("w+")
+        self.process = subprocess.Popen([WINE, MONITOR, "--json"], env=rig.env, stdin=subprocess.DEVNULL,
+                                        stdout=self.output, stderr=subprocess.STDOUT)
+        wait_until(lambda: any("listening" in line for line in self.lines()), 30, "the trouble monitor listening")
 
-    def _read(self):
-        for line in self.process.stdout:
-            if line.startswith("{"):
-                self.reports.append(json.loads(line))
-            elif "listening" in line:
-                self.ready.set()
+    def lines(self):
+        self.output.seek(0)
+        return [line for line in self.output.read().splitlines(keepends=True) if line.endswith("\n")]
 
     def snapshot(self):
-        return list(self.reports)
+        return [json.loads(line) for line in self.lines() if line.startswith("{")]
 
     def wait_for(self, predicate, timeout):
         """The reports, once predicate(reports) holds."""
@@ -194,7 +187,7 @@ class Monitor:
     def stop(self):
         self.process.kill()
         self.process.wait()
-        self.process.stdout.close()
+        self.output.close()
 
 
 def ntp_now(ahead=0.0, at=None):
@@ -323,7 +316,8 @@ def service_pid(rig):
 def linux_figures(pid):
     """Resident memory, tasks and descriptors (Wine's host side of its handles) of a process."""
     rss = re.search(r"^VmRSS:\s*(\d+)", Path(f"/proc/{pid}/status").read_text(), re.M).group(1)
-    return {"rss_kb": int(rss), "threads": len(os.listdir(f"/proc/{pid}/task")), "fds": len(os.listdir(f"/proc/{pid}/fd"))}
+    tasks, fds = (len(os.listdir(f"/proc/{pid}/{folder}")) for folder in ("task", "fd"))
+    return {"rss_kb": int(rss), "threads": tasks, "fds": fds}
 
 
 class SteadyLoad(threading.Thread):
@@ -368,11 +362,7 @@ class RigTestCase(unittest.TestCase):
     def setUpClass(cls):
         cls.rig = Rig(cls.build, os.path.join(cls.build, cls.prefix_name))
         cls.rig.boot()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.rig.remove_service()
-        cls.rig.shutdown()
+        cls.addClassCleanup(cls.rig.shutdown)
 
     def setUp(self):
         self.rig.remove_service()

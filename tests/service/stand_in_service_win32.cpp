@@ -12,11 +12,14 @@ char* serviceName = nullptr;
 bool refuseStop = false;
 
 void WINAPI Handler(DWORD control) {
-    if (control == SERVICE_CONTROL_STOP || control == SERVICE_CONTROL_SHUTDOWN) {
+    const bool stop = control == SERVICE_CONTROL_STOP || control == SERVICE_CONTROL_SHUTDOWN;
+    if (stop) {
         status.dwCurrentState = SERVICE_STOP_PENDING;
-        SetEvent(stopEvent);
     }
     SetServiceStatus(statusHandle, &status);
+    if (stop) {  // only now: the service thread then reports stopped, which must come last
+        SetEvent(stopEvent);
+    }
 }
 
 void WINAPI StandInMain(DWORD, LPSTR*) {

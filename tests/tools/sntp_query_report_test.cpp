@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -44,10 +45,8 @@ TEST(SntpQueryOptions, AcceptsLongAndShortFormsAndDefaults) {
         QueryOptions options;
         ASSERT_EQ(0, Parse(row.words, &options)) << row.words.size();
         EXPECT_STREQ("ntp1", options.server);
-        EXPECT_EQ((std::vector<double>{double(row.count), double(row.intervalS), double(row.timeoutMs), row.warnMs,
-                                       row.critMs}),
-                  (std::vector<double>{double(options.count), double(options.intervalS), double(options.timeoutMs),
-                                       options.warnMs, options.critMs}));
+        EXPECT_EQ(std::make_tuple(row.count, row.intervalS, row.timeoutMs, row.warnMs, row.critMs),
+                  std::make_tuple(options.count, options.intervalS, options.timeoutMs, options.warnMs, options.critMs));
     }
 }
 

@@ -7,6 +7,7 @@ Usage: version_resources_test.py --build <dir> --version x.y.z"""
 
 import argparse
 import os
+import re
 import struct
 import sys
 import unittest
@@ -69,7 +70,7 @@ class VersionResourceTest(unittest.TestCase):
 
     def test_every_resource_library_carries_its_version_and_stays_code_free(self):
         folder = os.path.join(BUILD, "config")
-        names = sorted(n for n in os.listdir(folder) if n.startswith("res") and n.endswith(".dll") and n[3:-4].isdigit())
+        names = sorted(n for n in os.listdir(folder) if re.fullmatch(r"res\d+\.dll", n))
         self.assertIn("res1033.dll", names)
         for name in names:
             with self.subTest(name=name):
