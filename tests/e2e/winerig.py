@@ -36,8 +36,8 @@ def find_file(build, name):
 
 def shipped_texts(language):
     """{message id: text} from config/res<language>.rc, the source of the library."""
-    text = Path(SOURCE, "config", f"res{language}.rc").read_text(encoding="utf-8")
-    return {int(number): value.replace('""', '"') for number, value in re.findall(r'^\s*(\d+),\s*L?"(.*)"\s*$', text, re.M)}
+    lines = re.findall(r'^\s*(\d+),\s*L?"(.*)"\s*$', Path(SOURCE, "config", f"res{language}.rc").read_text("utf-8"), re.M)
+    return {int(number): text.replace('""', '"') for number, text in lines}
 
 
 def report_text(code, language=1033):
@@ -265,10 +265,9 @@ class FakeSntpServer(Peer):
 
 
 class SntpRelay(Peer):
-    """Passes requests from address:123 to upstream:123 and the answers back, recording each
-    (monotonic time, request, answer or None). A server-role service listens on every address and
-    answers from 127.0.0.1; a client on this host names the relay's address, which is not this
-    host's and so keeps it a client."""
+    """Passes requests from address:123 to upstream:123 and back, recording (monotonic time, request,
+    answer or None). A client here must name an address not this host's, and the server answers
+    from 127.0.0.1 whatever address it was asked at."""
 
     def __init__(self, address, upstream):
         self.upstream, self.exchanges = upstream, []
