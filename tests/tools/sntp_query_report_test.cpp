@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <tuple>
 #include <vector>
 
@@ -60,11 +59,7 @@ TEST(SntpQueryOptions, RefusesWhatItCannotRead) {
     };
     for (const auto& words : lines) {
         QueryOptions options;
-        std::string line;
-        for (const char* word : words) {
-            line += std::string(word) + " ";
-        }
-        EXPECT_EQ(1, Parse(words, &options)) << line;
+        EXPECT_EQ(1, Parse(words, &options)) << ::testing::PrintToString(words);
     }
     EXPECT_EQ(1, ParseQueryOptions(1, nullptr, nullptr));
 }
