@@ -1,40 +1,25 @@
 #!/bin/bash
-# Runs the tests of the long-running threads (the client exchange, the server, the controller)
-# under valgrind's memcheck, in a build without sanitizers (preset memcheck, build/memcheck,
-# RelWithDebInfo). It finds what the sanitized native build does not: reads of uninitialised
-# memory, and leaks in code that ends without returning to a leak check.
-# Usage: scripts/memcheck.sh [test binary...]   (default: all three)
-# Fails when valgrind reports an error or a definite leak, or a test fails or overruns.
+# The tests of the long-running threads (client exchange, server, controller) under valgrind's
+# memcheck, in a build without sanitizers (preset memcheck): reads of uninitialised memory, and
+# leaks in code that never returns to a leak check. Fails on a valgrind error, a definite leak, or
+# a test that fails or overruns.   Usage: scripts/memcheck.sh [test binary...]   (default: all three)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-jobs=${NORVIK_JOBS:-2}
-limit=${NORVIK_MEMCHECK_TIMEOUT:-900}  # seconds per test binary
-
 tests=("$@")
-if [ ${#tests[@]} -eq 0 ]; then
-  tests=(sntp_exchange_tests sntp_server_tests sntp_control_tests)
-fi
-
-# A gtest filter per binary, for tests too slow for valgrind's pace; none is needed so far.
-declare -A filters=()
-
+[ ${#tests[@]} -gt 0 ] || tests=(sntp_exchange_tests sntp_server_tests sntp_control_tests)
 cmake --preset memcheck >/dev/null
-cmake --build --preset memcheck -j "$jobs" --target "${tests[@]}"
-
+cmake --build --preset memcheck -j "${NORVIK_JOBS:-2}" --target "${tests[@]}"
 logs=build/memcheck/valgrind
 mkdir -p "$logs"
 status=0
 for test in "${tests[@]}"; do
   binary=$(find build/memcheck/tests -type f -name "$test" -perm -u+x | head -n 1)
-  if [ -z "$binary" ]; then
-    echo "memcheck: no binary $test"; status=1; continue
-  fi
+  [ -n "$binary" ] || { echo "memcheck: no binary $test"; status=1; continue; }
   echo "=== memcheck $test"
   started=$SECONDS
-  # Detached time threads may still be sleeping at exit: their stacks are "possibly lost",
-  # which is no fault, so only definite leaks count.
-  if timeout "$limit" valgrind --leak-check=full --error-exitcode=1 --errors-for-leak-kinds=definite \
-       --log-file="$logs/$test.log" "$binary" --gtest_filter="${filters[$test]:-*}" >"$logs/$test.out" 2>&1; then
+  # Detached time threads may still sleep at exit ("possibly lost", no fault): only definite leaks count.
+  if timeout "${NORVIK_MEMCHECK_TIMEOUT:-900}" valgrind --leak-check=full --error-exitcode=1 \
+       --errors-for-leak-kinds=definite --log-file="$logs/$test.log" "$binary" >"$logs/$test.out" 2>&1; then
     result=passed
   else
     result="FAILED (exit $?)"; status=1

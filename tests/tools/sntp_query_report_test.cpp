@@ -4,16 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
 int32_t Parse(std::vector<const char*> words, QueryOptions* options) {
-    std::vector<char*> argv{const_cast<char*>("SntpQuery")};
-    for (const char* word : words) {
-        argv.push_back(const_cast<char*>(word));
-    }
-    return ParseQueryOptions(static_cast<int>(argv.size()), argv.data(), options);
+    words.insert(words.begin(), "SntpQuery");
+    return ParseQueryOptions(static_cast<int>(words.size()), const_cast<char**>(words.data()), options);
 }
 
 QueryOptions Thresholds(double warnMs, double critMs) {
@@ -23,15 +20,19 @@ QueryOptions Thresholds(double warnMs, double critMs) {
 QuerySummary Answered(long answered, long asked, double offsetMs, double delayMs) {
     return QuerySummary{asked, answered, offsetMs, offsetMs, offsetMs, delayMs, delayMs, delayMs};
 }
+
+std::vector<double> Figures(const QuerySummary& s) {
+    return {static_cast<double>(s.asked), static_cast<double>(s.answered), s.offsetMinMs, s.offsetMedianMs,
+            s.offsetMaxMs, s.delayMinMs, s.delayMedianMs, s.delayMaxMs};
+}
 }  // namespace
 
 TEST(SntpQueryOptions, AcceptsLongAndShortFormsAndDefaults) {
-    struct Row {
+    const struct {
         std::vector<const char*> words;
         long count, intervalS, timeoutMs;
         double warnMs, critMs;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {{"ntp1"}, 1, 1, 5000, -1, -1},
         {{"--count", "5", "--interval", "0", "--timeout", "900", "ntp1"}, 5, 0, 900, -1, -1},
         {{"ntp1", "-n", "100000", "-i", "86400", "-t", "0"}, 100000, 86400, 0, -1, -1},
@@ -39,98 +40,66 @@ TEST(SntpQueryOptions, AcceptsLongAndShortFormsAndDefaults) {
         {{"--warn-ms", "3", "--crit-ms", "3", "ntp1"}, 1, 1, 5000, 3, 3},
         {{"ntp1", "--crit-ms", "10"}, 1, 1, 5000, -1, 10},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         QueryOptions options;
         ASSERT_EQ(0, Parse(row.words, &options)) << row.words.size();
         EXPECT_STREQ("ntp1", options.server);
-        EXPECT_EQ(row.count, options.count);
-        EXPECT_EQ(row.intervalS, options.intervalS);
-        EXPECT_EQ(row.timeoutMs, options.timeoutMs);
-        EXPECT_DOUBLE_EQ(row.warnMs, options.warnMs);
-        EXPECT_DOUBLE_EQ(row.critMs, options.critMs);
+        EXPECT_EQ(std::make_tuple(row.count, row.intervalS, row.timeoutMs, row.warnMs, row.critMs),
+                  std::make_tuple(options.count, options.intervalS, options.timeoutMs, options.warnMs, options.critMs));
     }
 }
 
 TEST(SntpQueryOptions, RefusesWhatItCannotRead) {
     const std::vector<std::vector<const char*>> lines = {
-        {},
-        {"--count", "3"},
-        {"ntp1", "ntp2"},
-        {"ntp1", "--count"},
-        {"ntp1", "--count", "0"},
-        {"ntp1", "-n", "100001"},
-        {"ntp1", "-n", "5x"},
-        {"ntp1", "-i", "-1"},
-        {"ntp1", "-i", "86401"},
-        {"ntp1", "-t", "600001"},
-        {"ntp1", "--warn-ms", "-1"},
-        {"ntp1", "--warn-ms", "1e3"},
-        {"ntp1", "--warn-ms", "nan"},
-        {"ntp1", "--warn-ms", "1.2.3"},
-        {"ntp1", "--crit-ms", ""},
-        {"ntp1", "--crit-ms", "86400001"},
-        {"ntp1", "--warn-ms", "5", "--crit-ms", "4"},
-        {"ntp1", "--verbose"},
+        {}, {"--count", "3"}, {"ntp1", "ntp2"}, {"ntp1", "--count"}, {"ntp1", "--count", "0"},
+        {"ntp1", "-n", "100001"}, {"ntp1", "-n", "5x"}, {"ntp1", "-i", "-1"}, {"ntp1", "-i", "86401"},
+        {"ntp1", "-t", "600001"}, {"ntp1", "--warn-ms", "-1"}, {"ntp1", "--warn-ms", "1e3"},
+        {"ntp1", "--warn-ms", "nan"}, {"ntp1", "--warn-ms", "1.2.3"}, {"ntp1", "--crit-ms", ""},
+        {"ntp1", "--crit-ms", "86400001"}, {"ntp1", "--warn-ms", "5", "--crit-ms", "4"}, {"ntp1", "--verbose"},
     };
     for (const auto& words : lines) {
         QueryOptions options;
-        std::string line;
-        for (const char* word : words) {
-            line += std::string(word) + " ";
-        }
-        EXPECT_EQ(1, Parse(words, &options)) << line;
+        EXPECT_EQ(1, Parse(words, &options)) << ::testing::PrintToString(words);
     }
     EXPECT_EQ(1, ParseQueryOptions(1, nullptr, nullptr));
 }
 
 TEST(SntpQuerySummary, TakesMinMedianAndMaxOfTheAnswersOnly) {
     const QuerySample odd[] = {{1, 3.0, 0.5}, {0, 99.0, 99.0}, {1, -1.0, 2.0}, {1, 0.25, 1.0}};
+    const QuerySample even[] = {{1, 4.0, 1.0}, {1, 1.0, 3.0}, {1, 2.0, 0.0}, {1, 10.0, 2.0}};
+    const QuerySample silent[] = {{0, 5.0, 5.0}, {0, 6.0, 6.0}};
     QuerySummary summary;
     ASSERT_EQ(0, SummariseQuery(odd, 4, &summary));
-    EXPECT_EQ(4, summary.asked);
-    EXPECT_EQ(3, summary.answered);
-    EXPECT_DOUBLE_EQ(-1.0, summary.offsetMinMs);
-    EXPECT_DOUBLE_EQ(0.25, summary.offsetMedianMs);
-    EXPECT_DOUBLE_EQ(3.0, summary.offsetMaxMs);
-    EXPECT_DOUBLE_EQ(0.5, summary.delayMinMs);
-    EXPECT_DOUBLE_EQ(1.0, summary.delayMedianMs);
-    EXPECT_DOUBLE_EQ(2.0, summary.delayMaxMs);
-
-    const QuerySample even[] = {{1, 4.0, 1.0}, {1, 1.0, 3.0}, {1, 2.0, 0.0}, {1, 10.0, 2.0}};
+    EXPECT_EQ((std::vector<double>{4, 3, -1.0, 0.25, 3.0, 0.5, 1.0, 2.0}), Figures(summary));
     ASSERT_EQ(0, SummariseQuery(even, 4, &summary));
-    EXPECT_DOUBLE_EQ(3.0, summary.offsetMedianMs);
-    EXPECT_DOUBLE_EQ(1.5, summary.delayMedianMs);
-
-    const QuerySample silent[] = {{0, 5.0, 5.0}, {0, 6.0, 6.0}};
+    EXPECT_EQ((std::vector<double>{4, 4, 1.0, 3.0, 10.0, 0.0, 1.5, 3.0}), Figures(summary));
     ASSERT_EQ(0, SummariseQuery(silent, 2, &summary));
     EXPECT_EQ(2, summary.asked);
     EXPECT_EQ(0, summary.answered);
-
     EXPECT_EQ(1, SummariseQuery(nullptr, 1, &summary));
     EXPECT_EQ(1, SummariseQuery(odd, -1, &summary));
     EXPECT_EQ(1, SummariseQuery(odd, QUERY_MAX_COUNT + 1, &summary));
 }
 
 TEST(SntpQueryStatus, JudgesTheMedianOffsetAgainstTheThresholds) {
-    struct Row {
+    const struct {
         long answered;
         double offsetMs, warnMs, critMs;
         int32_t status;
-    };
-    const Row rows[] = {
-        {0, 0.0, 1, 2, MONITOR_UNKNOWN},    // nothing answered: no verdict on the offset
+    } rows[] = {
+        {0, 0.0, 1, 2, MONITOR_UNKNOWN},  // nothing answered: no verdict on the offset
         {1, 0.9, 1, 2, MONITOR_OK},
-        {1, 1.0, 1, 2, MONITOR_OK},         // at the threshold is not beyond it
+        {1, 1.0, 1, 2, MONITOR_OK},  // at the threshold is not beyond it
         {1, 1.5, 1, 2, MONITOR_WARNING},
-        {1, -1.5, 1, 2, MONITOR_WARNING},   // the size of the offset counts, not its sign
+        {1, -1.5, 1, 2, MONITOR_WARNING},  // the size of the offset counts, not its sign
         {1, 2.5, 1, 2, MONITOR_CRITICAL},
         {1, -2.5, 1, 2, MONITOR_CRITICAL},
-        {1, 1e6, -1, -1, MONITOR_OK},       // no thresholds: an answer is enough
+        {1, 1e6, -1, -1, MONITOR_OK},  // no thresholds: an answer is enough
         {1, 5.0, -1, 4, MONITOR_CRITICAL},
         {1, 5.0, 4, -1, MONITOR_WARNING},
         {1, 0.1, 0, 0, MONITOR_CRITICAL},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         EXPECT_EQ(row.status, DecideQueryStatus(Answered(row.answered, 3, row.offsetMs, 0.0),
                                                 Thresholds(row.warnMs, row.critMs)))
             << row.offsetMs << " " << row.warnMs << " " << row.critMs;
@@ -138,13 +107,12 @@ TEST(SntpQueryStatus, JudgesTheMedianOffsetAgainstTheThresholds) {
 }
 
 TEST(SntpQueryStatus, StatusLineHasThePluginShape) {
-    struct Row {
+    const struct {
         QuerySummary summary;
         QueryOptions options;
         int32_t status;
         const char* line;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {Answered(3, 3, 0.412, 0.25), Thresholds(100, 500), MONITOR_OK,
          "SNTP OK - offset 0.412 ms, delay 0.250 ms, 3 of 3 answered | offset=0.000412s;0.1;0.5 delay=0.000250s"},
         {Answered(1, 2, -150.0, 1.0), Thresholds(100, 500), MONITOR_WARNING,
@@ -155,15 +123,13 @@ TEST(SntpQueryStatus, StatusLineHasThePluginShape) {
         {Answered(0, 4, 0.0, 0.0), Thresholds(100, 500), MONITOR_UNKNOWN,
          "SNTP UNKNOWN - no answer from 127.0.0.5, 0 of 4 answered: The time server did not respond."},
     };
-    for (const Row& row : rows) {
-        char line[512];
+    char line[512];
+    for (const auto& row : rows) {
         ASSERT_EQ(0, FormatQueryStatusLine(row.summary, row.options, row.status, "The time server did not respond.",
                                            line, sizeof line));
         EXPECT_STREQ(row.line, line);
     }
-    char small[8];
-    ASSERT_EQ(0, FormatQueryStatusLine(Answered(1, 1, 0, 0), Thresholds(1, 2), MONITOR_OK, nullptr, small,
-                                       sizeof small));
-    EXPECT_STREQ("SNTP OK", small);
+    ASSERT_EQ(0, FormatQueryStatusLine(Answered(1, 1, 0, 0), Thresholds(1, 2), MONITOR_OK, nullptr, line, 8));
+    EXPECT_STREQ("SNTP OK", line);
     EXPECT_EQ(1, FormatQueryStatusLine(Answered(1, 1, 0, 0), Thresholds(1, 2), MONITOR_OK, nullptr, nullptr, 8));
 }
