@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "net/ipv4.h"
 #include "net/ipv4_platform.h"
@@ -29,14 +26,11 @@ struct Script {
     std::string hostName = "workstation";  // empty: gethostname fails
     std::vector<uint32_t> hostEntry = {};  // empty: no entry
     std::vector<AdapterSetting> adapters = {};
-    int32_t tryAgains = 0;
-    int32_t lookupResult = 0;
-    int32_t lookups = 0;
+    int32_t tryAgains = 0, lookupResult = 0, lookups = 0;
 } script;
 
 const Ipv4Platform scriptedPlatform = {
-    [] { return script.startResult; },
-    systemIpv4Platform.parseText,
+    [] { return script.startResult; }, systemIpv4Platform.parseText,
     [](const char*, uint32_t* address) {
         *address = Address(10, 0, 0, 9);
         return script.lookups++ < script.tryAgains ? RESOLVE_TRY_AGAIN : script.lookupResult;
@@ -46,40 +40,25 @@ const Ipv4Platform scriptedPlatform = {
         return script.hostName.empty() || script.hostName.size() >= size ? 1 : 0;
     },
     [](const char*, uint32_t* addresses, size_t capacity, size_t* count) {
-        *count = std::min(capacity, script.hostEntry.size());
-        std::copy_n(script.hostEntry.begin(), *count, addresses);
+        std::copy_n(script.hostEntry.begin(), *count = std::min(capacity, script.hostEntry.size()), addresses);
         return script.hostEntry.empty() ? 1 : 0;
     },
     [](AdapterSetting** adapters, size_t* count) {
-        *count = script.adapters.size();
-        *adapters = static_cast<AdapterSetting*>(calloc(*count + 1, sizeof(AdapterSetting)));
+        *adapters = static_cast<AdapterSetting*>(calloc((*count = script.adapters.size()) + 1, sizeof(AdapterSetting)));
         std::copy(script.adapters.begin(), script.adapters.end(), *adapters);
         return 0;
     },
 };
 
-class ScriptedIpv4 : public testing::Test {
-protected:
-    void SetUp() override {
-        script = Script();
-        InstallIpv4Platform(&scriptedPlatform);  // its start-up call is made: no NetSocket runs here
-        ForgetAdapterCache();
-        InstallVirtualTime();
-    }
-    void TearDown() override {
-        RemoveVirtualTime();
-        InstallIpv4Platform(nullptr);
-    }
-};
+// An answer list as getaddrinfo hands it over; the field names are all the selection reads.
+struct Answer { int ai_family; size_t ai_addrlen; const uint8_t* ai_addr; const Answer* ai_next; };
 }  // namespace
 
-TEST(Ipv4Parse, FollowsInetAddrAndRefusesAllOnes) {
+// The system platform, in virtual time so that a "try again" costs no real seconds.
+TEST(Ipv4, ParsesAllOnesAsAFailureAndResolvesToTheFirstIpv4AnswerPastIpv6OnesAndShortOnes) {
     const struct { const char* text; int32_t result; uint32_t address; } cases[] = {
-        {"10.0.0.1", 0, 0x0100000Au},  // first octet in the lowest byte
-        {"127.1", 0, Address(127, 0, 0, 1)},  // short forms are accepted
-        {"0.0.0.0", 0, 0}, {"255.255.255.255", 1, UNTOUCHED},  // all ones: inet_addr's failure
-        {"256.1.1.1", 1, UNTOUCHED}, {"1.2.3.4.5", 1, UNTOUCHED}, {"ntp.example", 1, UNTOUCHED}, {"", 1, UNTOUCHED},
-        {nullptr, 1, UNTOUCHED},
+        {"10.0.0.1", 0, 0x0100000Au}, {"255.255.255.255", 1, UNTOUCHED},  // all ones: inet_addr's failure
+        {"ntp.example", 1, UNTOUCHED}, {nullptr, 1, UNTOUCHED},
     };
     for (const auto& c : cases) {
         uint32_t address = UNTOUCHED;
@@ -87,19 +66,43 @@ TEST(Ipv4Parse, FollowsInetAddrAndRefusesAllOnes) {
         EXPECT_EQ(c.address, address) << (c.text != nullptr ? c.text : "null");
     }
     EXPECT_EQ(1, ParseIPv4("10.0.0.1", nullptr));
+    // Family (AF_INET 2, AF_INET6 10) and port, then the address: one offset in both layouts.
+    const uint8_t ipv6Loopback[28] = {10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    const uint8_t ipv4Loopback[8] = {2, 0, 0, 0, 127, 0, 0, 2};
+    const Answer ipv4 = {2, sizeof(ipv4Loopback), ipv4Loopback, nullptr};  // just long enough
+    const Answer truncated = {2, 7, ipv4Loopback, &ipv4};
+    const Answer empty = {2, sizeof(ipv4Loopback), nullptr, &truncated};
+    const Answer ipv6 = {10, sizeof(ipv6Loopback), ipv6Loopback, &empty};
+    uint32_t address = UNTOUCHED;
+    EXPECT_EQ(1, FirstIpv4Answer(&empty, 10, &address));  // none of the family asked for
+    InstallVirtualTime();
+    EXPECT_EQ(1, ResolveHost("::1", &address));
+    EXPECT_EQ(1, ResolveHost("no-such-host.invalid", &address));
+    EXPECT_EQ(0, ResolveHost("localhost", &address));
+    EXPECT_EQ(0, ResolveHost("127.0.0.1", &address));
+    RemoveVirtualTime();
+    EXPECT_EQ(Address(127, 0, 0, 1), address);
+    EXPECT_EQ(0, FirstIpv4Answer(&ipv6, 2, &address));
+    EXPECT_EQ(Address(127, 0, 0, 2), address);
 }
 
-// Each row starts on the failure flag the row above left.
-TEST_F(ScriptedIpv4, ResolveRetriesOnlyTryAgainThreeTimesOneSecondApart) {
-    const struct { const char* name; Script script; int32_t result, lookups, elapsedMs, failure; } cases[] = {
+// Resolution retries only "try again", three times one second apart; each row starts on the
+// failure flag the row above left. 127.0.0.1 is local without a lookup; GetLocalAddress reads
+// the host name into 40 characters. The adapter rows run in order: the cache the later rows fall
+// back on is filled by the earlier ones.
+TEST(Ipv4, ResolvesFindsLocalAddressesAndSearchesAdaptersStaticFirstOnAScriptedPlatform) {
+    InstallIpv4Platform(&scriptedPlatform);  // its start-up call is made: no NetSocket runs here
+    ForgetAdapterCache();
+    InstallVirtualTime();
+    const struct { const char* name; Script script; int32_t result, lookups, elapsedMs, failure; } resolves[] = {
         {"ntp.example", {0, "", {}, {}, 99}, 1, 4, 3000, 1},
         {"ntp.example", {0, "", {}, {}, 2}, 0, 3, 2000, 0},
         {"ntp.example", {1}, 1, 0, 0, 0},  // the socket library would not start
         {"no.such.host", {0, "", {}, {}, 0, 11001}, 1, 1, 0, 1},  // host not found: no retry
         {nullptr, {}, 1, 0, 0, 1},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "row " << (&c - cases));
+    for (const auto& c : resolves) {
+        SCOPED_TRACE(testing::Message() << "resolve row " << (&c - resolves));
         script = c.script;
         const uint64_t start = VirtualElapsedMs();
         uint32_t address = UNTOUCHED;
@@ -109,13 +112,10 @@ TEST_F(ScriptedIpv4, ResolveRetriesOnlyTryAgainThreeTimesOneSecondApart) {
         EXPECT_EQ(c.failure, GetResolveFailure());
         EXPECT_EQ(c.result == 0 ? Address(10, 0, 0, 9) : UNTOUCHED, address);
     }
-}
 
-// 127.0.0.1 is local without a lookup; GetLocalAddress reads the host name into 40 characters.
-TEST_F(ScriptedIpv4, LocalAddressesComeFromTheAdapterOrTheHostName) {
     const uint32_t LISTED = Address(127, 0, 0, 2);
     const std::vector<uint32_t> entry = {Address(10, 0, 0, 5), LISTED};
-    const struct { Script script; uint32_t probe; int32_t local, result; uint32_t address; } cases[] = {
+    const struct { Script script; uint32_t probe; int32_t local, result; uint32_t address; } locals[] = {
         {{0, "workstation"}, Address(127, 0, 0, 1), 1, 1, UNTOUCHED},
         {{0, "workstation", entry}, LISTED, 1, 0, Address(10, 0, 0, 5)},
         {{0, "workstation", entry}, Address(127, 0, 0, 3), 0, 0, Address(10, 0, 0, 5)},
@@ -128,8 +128,8 @@ TEST_F(ScriptedIpv4, LocalAddressesComeFromTheAdapterOrTheHostName) {
         {{0, std::string(255, 'w'), entry}, LISTED, 1, 1, UNTOUCHED},
         {{0, std::string(256, 'w'), entry}, LISTED, 0, 1, UNTOUCHED},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "row " << (&c - cases));
+    for (const auto& c : locals) {
+        SCOPED_TRACE(testing::Message() << "local row " << (&c - locals));
         ForgetAdapterCache();
         script = c.script;
         uint32_t address = UNTOUCHED;
@@ -138,12 +138,10 @@ TEST_F(ScriptedIpv4, LocalAddressesComeFromTheAdapterOrTheHostName) {
         EXPECT_EQ(c.address, address);
     }
     EXPECT_EQ(1, IsLocalAddress(nullptr));
-}
 
-// Rows in order: the cache the later rows fall back on is filled by the earlier ones.
-TEST_F(ScriptedIpv4, AdapterSearchTakesStaticBeforeDhcpThenItsCacheThenLoopback) {
+    ForgetAdapterCache();
     const uint32_t LAST = Address(192, 168, 0, 10);
-    const struct { std::vector<AdapterSetting> adapters; int32_t result; uint32_t address, mask; } cases[] = {
+    const struct { std::vector<AdapterSetting> adapters; int32_t result; uint32_t address, mask; } searches[] = {
         {{{1, "0.0.0.0", ""}, {0, "", "255.0.0.0"}}, 1, Address(127, 0, 0, 1), Address(255, 255, 255, 0)},
         {{{1, "10.1.1.5", "255.0.0.0"}, {0, "192.168.0.10", "255.255.255.0"}, {0, "192.168.1.10", "255.255.0.0"}}, 0,
          LAST, Address(255, 255, 255, 0)},
@@ -153,11 +151,10 @@ TEST_F(ScriptedIpv4, AdapterSearchTakesStaticBeforeDhcpThenItsCacheThenLoopback)
         {{{1, "10.1.1.5", "255.0.0.0"}, {0, "192.168.0.10", "255.255.255.255"}}, 0, LAST, Address(255, 0, 0, 0)},
         {{}, 0, LAST, Address(255, 0, 0, 0)},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "row " << (&c - cases));
+    for (const auto& c : searches) {
+        SCOPED_TRACE(testing::Message() << "adapter row " << (&c - searches));
         script.adapters = c.adapters;
-        uint32_t address = UNTOUCHED;
-        uint32_t mask = UNTOUCHED;
+        uint32_t address = UNTOUCHED, mask = UNTOUCHED;
         EXPECT_EQ(c.result, GetAdapterAddress(&address, &mask));
         EXPECT_EQ(c.address, address);
         EXPECT_EQ(c.mask, mask);
@@ -168,30 +165,8 @@ TEST_F(ScriptedIpv4, AdapterSearchTakesStaticBeforeDhcpThenItsCacheThenLoopback)
     AdapterSetting unterminated;
     memset(&unterminated, '1', sizeof(unterminated));  // no NUL anywhere: still bounded
     EXPECT_EQ(1, SelectAdapterAddress(&unterminated, 1, &address, &address));
-}
-
-// An answer list as getaddrinfo hands it over; the field names are all the selection reads.
-struct Answer { int ai_family; size_t ai_addrlen; const uint8_t* ai_addr; const Answer* ai_next; };
-
-TEST(FirstIpv4Answer, SkipsIpv6AndShortAnswersAndTakesTheFirstIpv4One) {
-    // Family (AF_INET 2, AF_INET6 10) and port, then the address: one offset in both layouts.
-    const uint8_t ipv6Loopback[28] = {10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-    const uint8_t ipv4Loopback[8] = {2, 0, 0, 0, 127, 0, 0, 2};
-    const Answer ipv4 = {2, sizeof(ipv4Loopback), ipv4Loopback, nullptr};  // just long enough
-    const Answer truncated = {2, 7, ipv4Loopback, &ipv4};
-    const Answer empty = {2, sizeof(ipv4Loopback), nullptr, &truncated};
-    const Answer ipv6 = {10, sizeof(ipv6Loopback), ipv6Loopback, &empty};
-    uint32_t address = UNTOUCHED;
-    EXPECT_EQ(1, FirstIpv4Answer(&empty, 10, &address));  // none of the family asked for
-    InstallVirtualTime();  // the system's own lists; a "try again" costs no real seconds
-    EXPECT_EQ(1, ResolveHost("::1", &address));
-    EXPECT_EQ(1, ResolveHost("no-such-host.invalid", &address));
-    EXPECT_EQ(0, ResolveHost("localhost", &address));
-    EXPECT_EQ(0, ResolveHost("127.0.0.1", &address));
     RemoveVirtualTime();
-    EXPECT_EQ(Address(127, 0, 0, 1), address);
-    EXPECT_EQ(0, FirstIpv4Answer(&ipv6, 2, &address));
-    EXPECT_EQ(Address(127, 0, 0, 2), address);
+    InstallIpv4Platform(nullptr);
 }
 
 #ifdef _WIN32
@@ -201,9 +176,7 @@ TEST(RegistryValues, ReadersWantTheirTypeAndNarrowWithBarsAsBangs) {
     HKEY key = nullptr;
     ASSERT_EQ(0, RegCreateKeyExA(HKEY_LOCAL_MACHINE, KEY, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
     std::wstring many;
-    for (int index = 0; index < 150; ++index) {
-        many += std::wstring(L"abcdefghi|\0", 11);  // 1650 units: more than the 1024-byte buffer
-    }
+    for (int index = 0; index < 150; ++index) many += std::wstring(L"abcdefghi|\0", 11);  // 1650 units: > 1024 bytes
     const struct { const wchar_t* name; DWORD type; std::wstring data; } values[] = {
         {L"Odd!Name", REG_SZ, L"a|b!c\x0141"}, {L"Number", REG_DWORD, L"\x0001"}, {L"Many", REG_MULTI_SZ, many},
         {L"List", REG_MULTI_SZ, std::wstring(L"192.168.0.10\0" L"10.0.0.1\0", 22)},
