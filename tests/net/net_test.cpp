@@ -1,13 +1,21 @@
-// IPv4 routines against a scripted platform table (resolution retries in virtual time), the first
-// IPv4 answer of a list, and on Windows the registry readers on values the test writes itself.
+// The network layer: the IPv4 routines against a scripted platform table (resolution retries in
+// virtual time) and the first IPv4 answer of a list; the peer registry, its ageing thread held at
+// each sleep; NetSocket over real UDP sockets on loopback; on Windows the registry readers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <functional>
+#include <thread>
 
 #include "net/ipv4.h"
 #include "net/ipv4_platform.h"
+#include "net/net_socket.h"
 #include "net/net_test_seams.h"
+#include "net/peer_registry.h"
+#include "net/socket_platform.h"
 #include "tests/support/virtual_time.h"
 
 #ifdef _WIN32
@@ -52,20 +60,42 @@ const Ipv4Platform scriptedPlatform = {
 
 // An answer list as getaddrinfo hands it over; the field names are all the selection reads.
 struct Answer { int ai_family; size_t ai_addrlen; const uint8_t* ai_addr; const Answer* ai_next; };
+
+const int64_t T = 1767225600;  // 2026-01-01 00:00:00 UTC, where virtual time starts
+
+// A registry-only socket: never created or opened, just a table owner. Addresses are opaque here.
+struct TableOwner : NetSocket {
+    explicit TableOwner(uint64_t limit) : NetSocket{0, 0, 0, {}, 0, 0, nullptr, limit, nullptr} { RegisterPeerSocket(this); }
+    ~TableOwner() { UnregisterPeerSocket(this); }
+};
+
+bool WaitUntil(const std::function<bool()>& reached) {
+    for (int tick = 0; tick < 10000 && !reached(); ++tick) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return reached();
+}
+
+const uint64_t SERVER_LIMIT = 201;
+const uint32_t TO = Address(127, 0, 0, 1);
+
+// A created datagram NetSocket, closed and destroyed at the end of its scope.
+struct Socket : NetSocket {
+    int32_t created = CreateNetSocket(this, NET_SOCKET_DATAGRAM);
+    NetSocketHold hold{created == 0 ? this : nullptr};
+};
 }  // namespace
 
-// The system platform, in virtual time so that a "try again" costs no real seconds.
-TEST(Ipv4, ParsesAllOnesAsAFailureAndResolvesToTheFirstIpv4AnswerPastIpv6OnesAndShortOnes) {
-    const struct { const char* text; int32_t result; uint32_t address; } cases[] = {
-        {"10.0.0.1", 0, 0x0100000Au}, {"255.255.255.255", 1, UNTOUCHED},  // all ones: inet_addr's failure
-        {"ntp.example", 1, UNTOUCHED}, {nullptr, 1, UNTOUCHED},
-    };
-    for (const auto& c : cases) {
-        uint32_t address = UNTOUCHED;
-        EXPECT_EQ(c.result, ParseIPv4(c.text, &address)) << (c.text != nullptr ? c.text : "null");
-        EXPECT_EQ(c.address, address) << (c.text != nullptr ? c.text : "null");
-    }
+// In virtual time: a "try again" costs no real seconds. On the scripted platform each resolve row
+// starts on the failure flag, and each adapter row on the cache, that the rows above left (the last
+// local row leaves none); GetLocalAddress reads the host name into 40 characters, IsLocalAddress 255.
+TEST(Ipv4, ParsesResolvesFindsLocalAddressesSearchesAdaptersStaticFirstAndTakesTheFirstIpv4Answer) {
+    InstallVirtualTime();
+    uint32_t got = UNTOUCHED;
+    EXPECT_EQ(1, ParseIPv4(nullptr, &got));
     EXPECT_EQ(1, ParseIPv4("10.0.0.1", nullptr));
+    EXPECT_EQ(1, ParseIPv4("255.255.255.255", &got));  // all ones: inet_addr's failure
+    EXPECT_EQ(UNTOUCHED, got);
+    EXPECT_EQ(0, ParseIPv4("10.0.0.1", &got));
+    EXPECT_EQ(0x0100000Au, got);  // first octet in the lowest byte
     // Family (AF_INET 2, AF_INET6 10) and port, then the address: one offset in both layouts.
     const uint8_t ipv6Loopback[28] = {10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     const uint8_t ipv4Loopback[8] = {2, 0, 0, 0, 127, 0, 0, 2};
@@ -73,27 +103,13 @@ TEST(Ipv4, ParsesAllOnesAsAFailureAndResolvesToTheFirstIpv4AnswerPastIpv6OnesAnd
     const Answer truncated = {2, 7, ipv4Loopback, &ipv4};
     const Answer empty = {2, sizeof(ipv4Loopback), nullptr, &truncated};
     const Answer ipv6 = {10, sizeof(ipv6Loopback), ipv6Loopback, &empty};
-    uint32_t address = UNTOUCHED;
-    EXPECT_EQ(1, FirstIpv4Answer(&empty, 10, &address));  // none of the family asked for
-    InstallVirtualTime();
-    EXPECT_EQ(1, ResolveHost("::1", &address));
-    EXPECT_EQ(1, ResolveHost("no-such-host.invalid", &address));
-    EXPECT_EQ(0, ResolveHost("localhost", &address));
-    EXPECT_EQ(0, ResolveHost("127.0.0.1", &address));
-    RemoveVirtualTime();
-    EXPECT_EQ(Address(127, 0, 0, 1), address);
-    EXPECT_EQ(0, FirstIpv4Answer(&ipv6, 2, &address));
-    EXPECT_EQ(Address(127, 0, 0, 2), address);
-}
+    EXPECT_EQ(1, FirstIpv4Answer(&empty, 10, &got));  // none of the family asked for
+    EXPECT_EQ(0, ResolveHost("localhost", &got));  // the system's own list, which may name ::1 first
+    EXPECT_EQ(Address(127, 0, 0, 1), got);
+    EXPECT_EQ(0, FirstIpv4Answer(&ipv6, 2, &got));
+    EXPECT_EQ(Address(127, 0, 0, 2), got);
 
-// Resolution retries only "try again", three times one second apart; each row starts on the
-// failure flag the row above left. 127.0.0.1 is local without a lookup; GetLocalAddress reads
-// the host name into 40 characters. The adapter rows run in order: the cache the later rows fall
-// back on is filled by the earlier ones.
-TEST(Ipv4, ResolvesFindsLocalAddressesAndSearchesAdaptersStaticFirstOnAScriptedPlatform) {
     InstallIpv4Platform(&scriptedPlatform);  // its start-up call is made: no NetSocket runs here
-    ForgetAdapterCache();
-    InstallVirtualTime();
     const struct { const char* name; Script script; int32_t result, lookups, elapsedMs, failure; } resolves[] = {
         {"ntp.example", {0, "", {}, {}, 99}, 1, 4, 3000, 1},
         {"ntp.example", {0, "", {}, {}, 2}, 0, 3, 2000, 0},
@@ -139,7 +155,6 @@ TEST(Ipv4, ResolvesFindsLocalAddressesAndSearchesAdaptersStaticFirstOnAScriptedP
     }
     EXPECT_EQ(1, IsLocalAddress(nullptr));
 
-    ForgetAdapterCache();
     const uint32_t LAST = Address(192, 168, 0, 10);
     const struct { std::vector<AdapterSetting> adapters; int32_t result; uint32_t address, mask; } searches[] = {
         {{{1, "0.0.0.0", ""}, {0, "", "255.0.0.0"}}, 1, Address(127, 0, 0, 1), Address(255, 255, 255, 0)},
@@ -159,14 +174,132 @@ TEST(Ipv4, ResolvesFindsLocalAddressesAndSearchesAdaptersStaticFirstOnAScriptedP
         EXPECT_EQ(c.address, address);
         EXPECT_EQ(c.mask, mask);
     }
-    uint32_t address = UNTOUCHED;
-    EXPECT_EQ(1, GetAdapterAddress(nullptr, &address));
-    EXPECT_EQ(0, SelectAdapterAddress(nullptr, 2, &address, &address));
+    EXPECT_EQ(1, GetAdapterAddress(nullptr, &got));
+    EXPECT_EQ(0, SelectAdapterAddress(nullptr, 2, &got, &got));
     AdapterSetting unterminated;
     memset(&unterminated, '1', sizeof(unterminated));  // no NUL anywhere: still bounded
-    EXPECT_EQ(1, SelectAdapterAddress(&unterminated, 1, &address, &address));
+    EXPECT_EQ(1, SelectAdapterAddress(&unterminated, 1, &got, &got));
     RemoveVirtualTime();
     InstallIpv4Platform(nullptr);
+}
+
+// The last destroy must not return while the thread is still inside its sleep (held by the hook).
+TEST(PeerRegistry, AdmitsUpToTheLimitAgesPeersAndBlockedPairsAndItsThreadSweepsEachSecondUntilJoined) {
+    InstallVirtualTime();
+    BlockPeer(1, 123);  // at T
+    EXPECT_EQ(1, IsPeerBlocked(1, 123));
+    EXPECT_EQ(0, IsPeerBlocked(1, 124));
+    EXPECT_EQ(0, IsPeerBlocked(2, 123));
+    TableOwner server(2);
+    EXPECT_EQ(1, AdmitPeerAt(&server, 1, T));
+    EXPECT_EQ(1, AdmitPeerAt(&server, 2, T));
+    EXPECT_EQ(0, AdmitPeerAt(&server, 3, T));      // full: a new sender is refused
+    EXPECT_EQ(1, AdmitPeerAt(&server, 1, T + 4));  // known: admitted and refreshed
+    SweepPeerRegistry(T + 5);
+    EXPECT_EQ(2u, CountPeers(&server));
+    SweepPeerRegistry(T + 6);
+    EXPECT_EQ(1u, CountPeers(&server));  // 2 goes at six seconds, the refreshed 1 stays
+    EXPECT_EQ(1, AdmitPeerAt(&server, 3, T + 6));  // room again
+    SweepPeerRegistry(INT64_MIN);  // a clock gone backwards forgets nothing
+    EXPECT_EQ(2u, CountPeers(&server));
+    SweepPeerRegistry(T + 30);
+    EXPECT_EQ(1, IsPeerBlocked(1, 123));
+    SweepPeerRegistry(T + 31);
+    EXPECT_EQ(0u, CountBlockedPeers());
+
+    static std::atomic<int> entered{0}, permits{0};  // static: the hook may outlive a failed test
+    SetSleepHook([](uint32_t) {
+        entered.fetch_add(1);
+        WaitUntil([] { return permits.load() > 0; });
+        permits.fetch_sub(1);
+    });
+    NetSocket library;  // starts the library and its thread; never opened
+    ASSERT_EQ(0, CreateNetSocket(&library, NET_SOCKET_DATAGRAM));
+    EXPECT_TRUE(WaitUntil([] { return entered.load() == 1; }));  // first sweep done at T, now asleep
+    TableOwner client(1);
+    EXPECT_EQ(1, AdmitPeer(&client, 1));
+    for (int second = 1; second <= 6; ++second) {
+        permits.fetch_add(1);
+        EXPECT_TRUE(WaitUntil([second] { return entered.load() == second + 1; }));
+        EXPECT_EQ(second < 6 ? 1u : 0u, CountPeers(&client)) << "sweep at T + " << second;
+    }
+    std::atomic<bool> destroyed{false};
+    std::thread destroyer([&] { destroyed = DestroyNetSocket(&library) == 0; });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(destroyed.load()) << "the stop must wait for the thread to end";
+    permits.fetch_add(1);
+    destroyer.join();
+    EXPECT_EQ(0, PeerThreadRunning());
+    EXPECT_EQ(0u, CountAgeingThreads());
+    EXPECT_EQ(7, entered.load());
+    SetSleepHook({});
+    RemoveVirtualTime();
+}
+
+
+// The destroy after a close must leave the handle number alone: the platform has handed it on.
+// A full or blocking peer table drops a datagram and zeroes its start ("nothing usable arrived").
+TEST(NetSocket, OpenReportsErrorsSendAndReceiveOpenAFreshOrClosedSocketAndPeerTablesDropDatagrams) {
+    NetSocket early;
+    ASSERT_EQ(0, CreateNetSocket(&early, NET_SOCKET_DATAGRAM));  // starts the socket library
+    int32_t error = 0;
+    const uint64_t holder = OpenPlatformSocket(&error);  // on every interface, without address reuse
+    NetAddress held = {NET_FAMILY_INET, 0, 0, {}};
+    ASSERT_EQ(0, BindPlatformSocket(holder, &held, &error));
+    ASSERT_EQ(0, ReadPlatformSocketName(holder, &held));
+    const uint16_t freePort = HostPort(held.port);
+    const int32_t busy = OpenNetSocket(&early, freePort, SERVER_LIMIT);  // Linux and Wine both refuse it
+    EXPECT_TRUE(busy != 0 && busy != 1) << busy;  // the platform's code, not the null-object status
+    EXPECT_EQ(NET_STATE_FAILED, early.state);
+    ClosePlatformSocket(holder);
+    EXPECT_EQ(0, CloseNetSocket(&early));
+
+    Socket receiver;
+    Socket sender;
+    receiver.localPort = freePort;
+    ASSERT_EQ(6, SendNetSocket(&sender, "first", 6, &TO, freePort, 1));  // opens the sender; lost, as nothing is bound
+    std::atomic<bool> done{false};
+    std::thread sending([&] {  // datagrams sent before the receive has bound are lost: repeat
+        for (int attempt = 0; attempt < 250 && !done; ++attempt) {
+            SendNetSocket(&sender, "first", 6, &TO, freePort, 1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    uint8_t buffer[64] = {};
+    uint32_t address = 0;
+    uint16_t port = 0;
+    EXPECT_EQ(6, ReceiveNetSocket(&receiver, buffer, sizeof(buffer), &address, &port, SERVER_LIMIT));
+    done = true;
+    sending.join();
+    EXPECT_STREQ("first", reinterpret_cast<const char*>(buffer));
+    EXPECT_EQ(TO, address);
+    EXPECT_EQ(sender.localPort, port);
+    EXPECT_EQ(freePort, receiver.localPort);
+
+    EXPECT_EQ(0, DestroyNetSocket(&early));
+    EXPECT_NE(-1, WaitNetSocketReadable(&sender, 0));  // still open
+    EXPECT_EQ(0, CloseNetSocket(&sender));
+    EXPECT_EQ(7, SendNetSocket(&sender, "second", 7, &TO, freePort, 1));
+    EXPECT_EQ(NET_STATE_BOUND, sender.state);
+    int32_t received = 0;
+    for (int datagram = 0; datagram < 4 && received != 7; ++datagram) {  // past any queued "first"
+        ASSERT_EQ(1, WaitNetSocketReadable(&receiver, 2000));
+        received = ReceiveNetSocket(&receiver, buffer, sizeof(buffer), &address, &port, SERVER_LIMIT);
+    }
+    EXPECT_EQ(7, received);
+    EXPECT_EQ(sender.localPort, port);
+
+    Socket full;
+    ASSERT_EQ(0, OpenNetSocket(&full, 0, 1));
+    RegisterPeerSocket(&full);
+    ASSERT_EQ(1, AdmitPeer(&full, Address(127, 0, 0, 99)));
+    BlockPeer(TO, receiver.localPort);  // the receiver already knows the sender: blocking comes first
+    for (NetSocket* dropping : {static_cast<NetSocket*>(&full), static_cast<NetSocket*>(&receiver)}) {
+        ASSERT_EQ(12, SendNetSocket(&sender, "0123456789AB", 12, &TO, dropping->localPort, SERVER_LIMIT));
+        ASSERT_EQ(1, WaitNetSocketReadable(dropping, 2000));
+        EXPECT_EQ(0, ReceiveNetSocket(dropping, buffer, sizeof(buffer), &address, &port, 1));
+        EXPECT_EQ(0, memcmp(buffer, "\0\0\0\0\0\0\0\0" "89AB", 12));
+    }
 }
 
 #ifdef _WIN32
