@@ -1,6 +1,5 @@
-// The service host's rules in virtual time: what the manager is told and in which order, the
-// 100 ms delivery, the minute's re-check, control 128 under the control lock, the stop order;
-// and the command line's decisions: which command word runs, which control numbers may be sent.
+// The service host's rules in virtual time: start order, 100 ms delivery, the minute's re-check,
+// control 128 under the control lock, stop order; and the command line's decisions.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -26,15 +25,12 @@ const ServiceHostCalls CALLS = {
     [] { Note("create stop"); }, [] { Note("signal stop"); },
     [](uint32_t timeoutMs) -> int32_t {
         AdvanceVirtualTime(timeoutMs);
-        if (VirtualElapsedMs() == 500) {
-            HandleServiceControl(&CALLS, 4);  // an interrogation
-        }
+        if (VirtualElapsedMs() == 500) HandleServiceControl(&CALLS, 4);  // an interrogation
         return VirtualElapsedMs() >= stopAtMs ? 1 : 0;
     },
     [] { Note("close stop"); }, [] { Note("take over clock"); }, [] { Note("trouble sink"); }, [] { Note("drain"); },
     [](char* destination, uint32_t capacity) { CopyText(destination, setting, capacity); },
-    []() -> uint8_t { return role; },
-    []() -> int32_t { Note("start sntp"); return 0; },
+    []() -> uint8_t { return role; }, []() -> int32_t { Note("start sntp"); return 0; },
     []() -> int32_t { Note("restart sntp"); restartTimes.push_back(VirtualElapsedMs()); return 0; },
     []() -> int32_t { Note("stop sntp"); return 0; }};
 
@@ -57,9 +53,7 @@ TEST(ServiceHost, RunsReportedFirstDrainsEveryStepAndAnswersControlsWithTheState
         "drain",       "drain",      "drain",      "status 4/5",      "drain",        "drain",      "drain", "drain",
         "drain",       "status 3/5", "close stop", "stop sntp",       "status 1/0"}));
     events.clear();
-    for (uint32_t control : {1u, 5u, 2u, 4u, 129u}) {  // stop, shutdown, and three that only report
-        HandleServiceControl(&CALLS, control);
-    }
+    for (uint32_t control : {1u, 5u, 2u, 4u, 129u}) HandleServiceControl(&CALLS, control);  // 2, 4, 129 only report
     EXPECT_EQ(events, std::vector<std::string>({"status 3/0", "signal stop", "status 3/0", "signal stop",
                                                 "status 3/0", "status 3/0", "status 3/0"}));
 
@@ -67,45 +61,36 @@ TEST(ServiceHost, RunsReportedFirstDrainsEveryStepAndAnswersControlsWithTheState
     events.clear();
     EnterLock(&controlLock);
     std::thread handler([] { HandleServiceControl(&CALLS, 128); });
-    for (int i = 0; i < 50; ++i) {
-        std::this_thread::yield();
-    }
+    for (int i = 0; i < 50; ++i) std::this_thread::yield();
     EXPECT_TRUE(events.empty());
     LeaveLock(&controlLock);
     handler.join();
     EXPECT_EQ(events, std::vector<std::string>({"restart sntp", "status 3/0"}));
 }
 
-TEST(ServiceHost, RestartsOnlyWhenTheMinutesRecheckFindsTheRoleChanged) {
-    struct Case { const char* setting; uint8_t role; bool restarts; };  // at every re-check, or never
-    const Case cases[] = {
+// The minute's re-check restarts at every minute when the role no longer fits, or never. The first
+// word after the program's name decides ("command" wants its number); only user controls are sent.
+TEST(ServiceHost, RestartsOnlyWhenTheMinutesRecheckFindsTheRoleChangedAndTheCommandLineDecides) {
+    const struct { const char* setting; uint8_t role; bool restarts; } cases[] = {
         {"127.0.0.1", 1, false}, {"127.0.0.1", 0, true},  // names this host: the server stays
         {"127.0.0.2", 0, false}, {"127.0.0.2", 1, true},  // another node: its client stays
         {"", 1, true},                                    // nothing parses: 0.0.0.0 is never this host's
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.setting);
         setting = c.setting;
         role = c.role;
         RunHost(230000);  // 3 minutes 50 s
         EXPECT_EQ(restartTimes, c.restarts ? std::vector<uint64_t>({60000, 120000, 180000}) : std::vector<uint64_t>());
     }
-}
-
-TEST(CommandLine, TheFirstWordDecidesAndAnythingElseRunsTheDispatcher) {
-    struct Case { std::vector<const char*> argv; CommandAction action; };
-    const Case cases[] = {  // the program's own name comes first
-        {{"x", "install"}, COMMAND_INSTALL},     {{"x", "install", "now"}, COMMAND_INSTALL},
-        {{"x", "uninstall"}, COMMAND_UNINSTALL}, {{"x", "stopWTS"}, COMMAND_STOP_WTS},
-        {{"x", "command", "130"}, COMMAND_SEND_CONTROL}, {{"x", "command"}, COMMAND_DISPATCH},  // without its number
-        {{"x"}, COMMAND_DISPATCH}, {{"x", "installs"}, COMMAND_DISPATCH},
+    const struct { std::vector<const char*> argv; CommandAction action; } commands[] = {
+        {{"x", "install"}, COMMAND_INSTALL},     {{"x", "uninstall"}, COMMAND_UNINSTALL},
+        {{"x", "stopWTS"}, COMMAND_STOP_WTS},    {{"x", "command", "130"}, COMMAND_SEND_CONTROL},
+        {{"x", "command"}, COMMAND_DISPATCH},    {{"x"}, COMMAND_DISPATCH},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(c.action, ChooseCommand(static_cast<int>(c.argv.size()), c.argv.data(), std::strcmp))
-            << c.argv.back() << " " << c.argv.size();
+    for (const auto& c : commands) {
+        EXPECT_EQ(c.action, ChooseCommand(static_cast<int>(c.argv.size()), c.argv.data(), strcmp)) << c.argv.back();
     }
-    // Only user controls may be sent.
-    for (int32_t number : {127, 128, 255, 256, 0, -1, INT32_MIN}) {
-        EXPECT_EQ(number >= 128 && number <= 255 ? 1 : 0, ControlNumberAllowed(number)) << number;
-    }
+    for (int32_t number : {127, 256, 0, -1, INT32_MIN}) EXPECT_EQ(0, ControlNumberAllowed(number)) << number;
+    for (int32_t number : {128, 255}) EXPECT_EQ(1, ControlNumberAllowed(number)) << number;
 }
