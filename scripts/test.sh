@@ -1,12 +1,9 @@
 #!/bin/bash
-# Sets everything up on a fresh Debian machine, builds both builds and runs every test:
-# the native build (GCC, AddressSanitizer and UBSan), the concurrency tests again under
-# ThreadSanitizer, and the Windows build (MinGW-w64, tests under Wine), then each fuzz target for
-# a bounded time (FUZZ_SECONDS, default 60; 0 skips fuzzing).
-# The Windows tests spend most of their time waiting on the service's own timers, so the native,
-# ThreadSanitizer and fuzz runs go beside them, in a network namespace of their own (their peers
-# bind loopback port 123 too) and at the lowest CPU priority, so that they never delay the service
-# whose clock setting the Windows tests measure.
+# Sets everything up on a fresh Debian machine, builds and runs every test: the native build
+# (ASan, UBSan), the concurrency tests under ThreadSanitizer, the Windows build under Wine, then each
+# fuzz target for FUZZ_SECONDS (default 60; 0 skips). The Windows tests mostly wait on the service's
+# timers, so the rest runs beside them, in a network namespace of its own and at the lowest CPU
+# priority, never delaying the service whose clock setting they measure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
