@@ -32,15 +32,11 @@ std::atomic<int64_t> listenedTime{0};
 SntpResult FakeExchange(const char* server, int32_t timeoutMs, NtpTimestamp* time, NtpTimestamp* delay,
                         uint32_t* stratum) {
     EXPECT_STREQ("10.1.2.3", server);
-    callAt.push_back(VirtualElapsedMs());
-    callTimeout.push_back(timeoutMs);
-    callMask.push_back(troubleMask.load());
+    callAt.push_back(VirtualElapsedMs()), callTimeout.push_back(timeoutMs), callMask.push_back(troubleMask.load());
     onExchange();
     const SntpResult result = script[std::min(callAt.size(), script.size()) - 1];
     if (result == SNTP_OK) {
-        *time = SERVER_TIME;
-        *delay = SERVER_DELAY;
-        *stratum = 3;
+        *time = SERVER_TIME, *delay = SERVER_DELAY, *stratum = 3;
     } else if (result == SNTP_NO_RESPONSE) {
         AdvanceVirtualTime(static_cast<uint64_t>(timeoutMs / 500 + 1) * 500);  // waits of 500 ms
     }
@@ -49,41 +45,24 @@ SntpResult FakeExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
 
 // Polls for up to ten seconds of real time.
 bool WaitFor(const std::function<bool()>& condition) {
-    for (int waited = 0; waited < 10000 && !condition(); ++waited) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    for (int ms = 0; ms < 10000 && !condition(); ++ms) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return condition();
 }
 
 // Runs the client thread in fresh virtual time until its first countdown sleep after count
 // exchanges (or after three virtual days), where it is stopped; then resets the hooks.
 void RunClient(std::vector<SntpResult> results, size_t count, std::vector<int32_t> randoms = {0, 0}) {
-    NtpInitEpoch();
-    InstallVirtualTime();
-    QueueRandomValues(randoms);
-    StartTroubleRecorder();
-    SetSntpExchanger(FakeExchange);
-    script = results;
-    callAt.clear();
-    callTimeout.clear();
-    callMask.clear();
-    synchronised = 1;  // stale values that the thread must replace
-    lastResult = -1;
-    lastSyncTime = lastDelay = upstreamStratum = 0;
+    NtpInitEpoch(), InstallVirtualTime(), QueueRandomValues(randoms), StartTroubleRecorder();
+    SetSntpExchanger(FakeExchange), script = results, callAt.clear(), callTimeout.clear(), callMask.clear();
+    synchronised = 1, lastResult = -1, lastSyncTime = lastDelay = upstreamStratum = 0;  // stale: to be replaced
     SetSleepHook([count](uint32_t ms) {
-        if (ms != 1000) {
-            std::this_thread::sleep_for(std::chrono::microseconds(100));  // SntpSyncNow's pauses
-            return;
-        }
+        if (ms != 1000) return std::this_thread::sleep_for(std::chrono::microseconds(100));  // SntpSyncNow's pauses
         onSleep();
         stopRequested = callAt.size() >= count || VirtualElapsedMs() > 3 * 86400 * S ? 1 : 0;
     });
     std::thread([] { SntpClientThread(reinterpret_cast<uintptr_t>("10.1.2.3")); }).join();
     EXPECT_EQ(0, clientRunning.load());
-    stopRequested = 0;
-    RemoveVirtualTime();
-    SetTimeSetListener(nullptr);
-    onExchange = onSleep = [] {};
+    stopRequested = 0, RemoveVirtualTime(), SetTimeSetListener(nullptr), onExchange = onSleep = [] {};
 }
 }  // namespace
 
@@ -98,11 +77,7 @@ TEST(SntpClient, TheStartDelayComesFromTheSecondRandomValueAndAStoredOneCutsIt) 
                  {{0, 32767}, 10 * S, 1, 11 * S}, {{0, 32767}, 10 * S, 0, 12 * S}};  // 0 counts as 1
     for (const auto& c : cases) {
         SCOPED_TRACE(c.firstAt);
-        onSleep = [&c] {
-            if (VirtualElapsedMs() == c.askAt) {
-                syncCountdown = c.stored;
-            }
-        };
+        onSleep = [&c] { syncCountdown = VirtualElapsedMs() == c.askAt ? c.stored : syncCountdown.load(); };
         RunClient({SNTP_OK}, 1, c.randoms);
         EXPECT_EQ(std::vector<uint64_t>{c.firstAt}, callAt);
         EXPECT_EQ(std::vector<int32_t>{5000}, callTimeout);

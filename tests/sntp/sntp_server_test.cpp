@@ -1,6 +1,6 @@
 // The server: its answer in every mode (on the builder itself), then the thread on a test port of
 // the loopback: a batch answered in order, each datagram stamped and admitted on its own, drops,
-// trouble cleared per answer, chrony accepting its time, and the idle of a taken port or failed wait.
+// trouble cleared per answer, and the idle of a taken port or failed wait.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,7 +15,6 @@
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_server.h"
 #include "sntp/sntp_test_seams.h"
-#include "tests/support/chrony_peer.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"
 #include "tools/loopback_udp.h"
@@ -31,10 +30,8 @@ std::atomic<bool> holdNextRead{false}, released{false};
 // until the test has queued the rest, so that they are read in that same batch.
 void CountingClock(uint8_t* out) {
     const uint64_t read = clockReads.fetch_add(1) + 1;
-    if (holdNextRead.exchange(false)) {
-        while (!released.load()) std::this_thread::yield();
-    }
-    StoreBigEndian64(out, read);
+    while (holdNextRead.load() && !released.load()) std::this_thread::yield();
+    holdNextRead = false, StoreBigEndian64(out, read);
 }
 
 struct Client {
@@ -141,7 +138,6 @@ TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsAndEachAnswerC
     ASSERT_EQ(static_cast<int32_t>(NTP_PACKET_SIZE), first.Answer(WAIT_MS));
     NtpNow(after);
     EXPECT_LE(LoadBigEndian64(before), first.Stamp(NTP_RECEIVE_OFFSET));
-    EXPECT_LE(first.Stamp(NTP_RECEIVE_OFFSET), first.Stamp(NTP_TRANSMIT_OFFSET));
     EXPECT_LE(first.Stamp(NTP_TRANSMIT_OFFSET), LoadBigEndian64(after));
     StopServer();  // the clear follows the send; after the join it has surely been queued
     std::vector<SeenTrouble> expected(8, SeenTrouble{SNTP_NO_RESPONSE, TROUBLE_CLEARED});
@@ -169,55 +165,33 @@ TEST_F(SntpServerTest, TheLimitOfPeersHoldsForDatagramsLateInABatch) {
     EXPECT_EQ(0, refused.Answer(SILENCE_MS));
 }
 
-TEST_F(SntpServerTest, ChronyAskingWithVersionThreeAcceptsTheTime) {
-    if (!ChronyInstalled()) GTEST_SKIP() << CHRONYD_PATH << " is not installed";
-    StartServer(nullptr);
-    double offset = 0.0;
-    std::string output;
-    const std::string line = "127.0.0.1 port " + std::to_string(TEST_PORT) + " iburst version 3";
-    const bool measured = QueryWithChrony(line, &offset, &output);
-    if (!measured && output.find("Fatal") != std::string::npos) GTEST_SKIP() << "chronyd could not run:\n" << output;
-    ASSERT_TRUE(measured) << output;
-    // Served from the very clock chrony compares it with: stamp resolution and, under Wine on a
-    // loaded machine, tens of milliseconds of socket delay apart; a wrong era or second is far beyond.
-    EXPECT_LT(std::abs(offset), 0.25) << output;
-}
-
 namespace {
 thread_local bool onServerThread = false;  // the socket library's ageing thread sleeps too
 std::vector<uint32_t> pauses;
 uint32_t libraryUsersWhilePausing = 0;
 
-// Runs the server thread in virtual time until it has paused count times, then stops it there:
-// a thread that never paused would never stop.
+// Runs the server thread in virtual time until it has paused count times, and stops it there.
 void RunServerUntilPauses(size_t count) {
-    pauses.clear();
-    InstallVirtualTime();
+    pauses.clear(), InstallVirtualTime();
     SetSleepHook([count](uint32_t milliseconds) {
-        if (onServerThread) {
-            pauses.push_back(milliseconds);
-            libraryUsersWhilePausing = NetLibraryUsers();
-            stopRequested = pauses.size() == count ? 1 : 0;
-        }
+        if (!onServerThread) return;
+        pauses.push_back(milliseconds), libraryUsersWhilePausing = NetLibraryUsers();
+        stopRequested = pauses.size() == count ? 1 : 0;
     });
     std::thread([] { onServerThread = true, SntpServerThread(0); }).join();
-    stopRequested = 0;
-    RemoveVirtualTime();
+    stopRequested = 0, RemoveVirtualTime();
 }
 }  // namespace
 
 TEST_F(SntpServerTest, ATakenPortRaisesTroubleEightOnceAndAFailingWaitTroubleOneEachSecond) {
     LoopbackUdp holder{~0ULL};
     ASSERT_EQ(0, OpenLoopbackUdp(&holder, "127.0.0.1", TEST_PORT, false));
-    RunServerUntilPauses(3);
-    CloseLoopbackUdp(&holder);
+    RunServerUntilPauses(3), CloseLoopbackUdp(&holder);
     EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_SERVER_NOT_STARTED, TROUBLE_SET}}), TakeTroubles());
     EXPECT_EQ(std::vector<uint32_t>(3, 1000), pauses);
     EXPECT_EQ(0u, libraryUsersWhilePausing);  // given back: restarted every minute, it would pile up sockets
 
-    failNetSocketWaits = 1;
-    RunServerUntilPauses(5);
-    failNetSocketWaits = 0;
+    failNetSocketWaits = 1, RunServerUntilPauses(5), failNetSocketWaits = 0;
     EXPECT_EQ(std::vector<uint32_t>(5, 1000), pauses);
     EXPECT_EQ(std::vector<SeenTrouble>(5, SeenTrouble{SNTP_SOCKET_ERROR, TROUBLE_SET}), TakeTroubles());
     EXPECT_EQ(1u, libraryUsersWhilePausing);  // the socket stays open through the failures
