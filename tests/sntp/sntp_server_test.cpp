@@ -51,13 +51,10 @@ struct Client {
 class SntpServerTest : public testing::Test {
 protected:
     void SetUp() override { NtpInitEpoch(), StartTroubleRecorder(), sntpServerPort = TEST_PORT, stopRequested = 0; }
-    void TearDown() override {
-        StopServer(), sntpServerPort = SNTP_PORT, SetSntpServerClock(nullptr), StopTroubleRecorder();
-    }
-    // Starts the server thread on clock (null: the system clock) and waits until it answers.
-    void StartServer(SntpServerClock clock = CountingClock) {
-        SetSntpServerClock(clock);
-        server = std::thread([] { SntpServerThread(0); });
+    void TearDown() override { StopServer(), sntpServerPort = SNTP_PORT, StopTroubleRecorder(); }
+    // Starts the server thread on the counting clock and waits until it answers.
+    void StartServer() {
+        SetSntpServerClock(CountingClock), server = std::thread([] { SntpServerThread(0); });
         for (int probe = 0; probe < 30 && (first.Ask(1), first.Answer(SILENCE_MS)) <= 0; ++probe) {}
         while (first.Answer(SILENCE_MS) > 0) {}  // answers to the probes of a slow start
     }
@@ -88,8 +85,8 @@ TEST(SntpServerAnswer, EachModeNamesItsReferenceAndOnlyVersionThreeRequestsOf48B
         EXPECT_EQ(0, BuildSntpAnswer(request, d.second, receiveStamp, answer)) << int{d.first} << " " << d.second;
     }
     const uint64_t syncTime = 0xE1E2E3E4E5E6E7E8ULL;
-    lastSyncTime = syncTime, upstreamStratum = 0x103;  // only the stratum's low byte counts
-    upstreamAddress = 0x0302010A;                       // 10.1.2.3 as stored, network order
+    // Memory order for the stamp, on purpose; only the stratum's low byte counts; 10.1.2.3 as stored.
+    lastSyncTime = syncTime, upstreamStratum = 0x103, upstreamAddress = 0x0302010A;
     const struct { int32_t mode, synchronised; uint8_t header, answerHeader, stratum; const char* id; } cases[] = {
         {0, 0, 0x1B, 0x1C, 1, "LOCL"}, {0, 1, 0x19, 0x1A, 1, "LOCL"},
         {1, 0, 0x19, 0xDA, 0, "INIT"}, {2, 0, 0x1B, 0xDC, 0, "INIT"},  // alarm until upstream is reached
@@ -99,9 +96,7 @@ TEST(SntpServerAnswer, EachModeNamesItsReferenceAndOnlyVersionThreeRequestsOf48B
         serverMode = c.mode, synchronised = c.synchronised, request[0] = c.header;
         uint8_t expected[NTP_PACKET_SIZE] = {c.answerHeader, c.stratum, 0xEE, 0xFA};
         std::memcpy(expected + NTP_REFERENCE_ID_OFFSET, c.id, 4);
-        if (c.mode != 0 && c.synchronised != 0) {
-            std::memcpy(expected + NTP_REFERENCE_STAMP_OFFSET, &syncTime, 8);  // memory order, on purpose
-        }
+        if (c.mode != 0 && c.synchronised != 0) std::memcpy(expected + NTP_REFERENCE_STAMP_OFFSET, &syncTime, 8);
         std::memcpy(expected + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, 8);
         std::memcpy(expected + NTP_RECEIVE_OFFSET, receiveStamp, 8);
         EXPECT_EQ(1, BuildSntpAnswer(request, NTP_PACKET_SIZE, receiveStamp, answer)) << c.mode << c.synchronised;
@@ -110,7 +105,7 @@ TEST(SntpServerAnswer, EachModeNamesItsReferenceAndOnlyVersionThreeRequestsOf48B
     serverMode = 0, synchronised = 0, lastSyncTime = 0, upstreamStratum = 0, upstreamAddress = 0;
 }
 
-TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsAndEachAnswerClearsTroubleTwo) {
+TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubleTwoAndHoldingThePeerLimit) {
     StartServer();
     TakeTroubles();
     SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
@@ -143,10 +138,8 @@ TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsAndEachAnswerC
     std::vector<SeenTrouble> expected(8, SeenTrouble{SNTP_NO_RESPONSE, TROUBLE_CLEARED});
     expected[0] = {SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET};
     EXPECT_EQ(expected, TakeTroubles());
-}
 
-TEST_F(SntpServerTest, TheLimitOfPeersHoldsForDatagramsLateInABatch) {
-    StartServer();
+    StartServer();  // the limit of peers holds for datagrams late in a batch
     Client from("127.0.0.2"), to("127.0.0.3");
     uint32_t seen = 0;
     SendLoopbackUdp(&from.udp, "?", 1, LoopbackAddress("127.0.0.3"), LoopbackUdpPort(&to.udp));
@@ -155,8 +148,7 @@ TEST_F(SntpServerTest, TheLimitOfPeersHoldsForDatagramsLateInABatch) {
     std::vector<std::unique_ptr<Client>> fillers;  // with first, one short of the limit
     for (uint64_t peer = 0; peer + 2 < SNTP_SERVER_PEER_LIMIT; ++peer) {
         fillers.push_back(std::make_unique<Client>(("127.0.1." + std::to_string(2 + peer)).c_str()));
-        fillers.back()->Ask(1);
-        ASSERT_GT(fillers.back()->Answer(WAIT_MS), 0);
+        ASSERT_GT((fillers.back()->Ask(1), fillers.back()->Answer(WAIT_MS)), 0);
     }
     Client last("127.0.2.2"), refused("127.0.2.3");
     InOneBatch([&] { last.Ask(2), refused.Ask(3), first.Ask(4); });
