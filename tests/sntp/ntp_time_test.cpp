@@ -45,8 +45,7 @@ TEST_F(NtpTime, AnchorsAndTheRoundTripKeepTheMillisecondOrLandOneEarlier) {
         const int64_t fileTime = FILETIME_1900 + span(random) * FILETIME_TICKS_PER_MS;
         const NtpTimestamp stamp = FileTimeToNtp(fileTime);
         ASSERT_EQ(0u, stamp & 3u) << fileTime;
-        // Past 2^52 the quotient's double rounds: 4 ticks either side, so the clock keeps the
-        // millisecond or the one before, never a later one.
+        // Past 2^52 the double rounds, 4 ticks either side: the millisecond or the one before it.
         const int64_t back = NtpToFileTime(stamp);
         ASSERT_LE(std::llabs(back - fileTime), 4) << fileTime;
         earlier += back < fileTime;

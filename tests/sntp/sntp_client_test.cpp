@@ -54,7 +54,7 @@ bool WaitFor(const std::function<bool()>& condition) {
 void RunClient(std::vector<SntpResult> results, size_t count, std::vector<int32_t> randoms = {0, 0}) {
     NtpInitEpoch(), InstallVirtualTime(), QueueRandomValues(randoms), StartTroubleRecorder();
     SetSntpExchanger(FakeExchange), script = results, callAt.clear(), callTimeout.clear(), callMask.clear();
-    synchronised = 1, lastResult = -1, lastSyncTime = lastDelay = upstreamStratum = 0;  // stale: to be replaced
+    synchronised = 1, lastResult = -1, lastSyncTime = lastDelay = upstreamStratum = 0;  // the first two stale
     SetSleepHook([count](uint32_t ms) {
         if (ms != 1000) return std::this_thread::sleep_for(std::chrono::microseconds(100));  // SntpSyncNow's pauses
         onSleep();
@@ -68,22 +68,18 @@ void RunClient(std::vector<SntpResult> results, size_t count, std::vector<int32_
 
 TEST(SntpClient, TheStartDelayComesFromTheSecondRandomValueAndAStoredOneCutsIt) {
     // Countdowns of 60 and 119 mean 59 and 118 one-second sleeps; the first value is discarded.
-    const struct {
-        std::vector<int32_t> randoms;
-        uint64_t askAt;  // syncCountdown set to stored in the sleep that begins then
-        int32_t stored;
-        uint64_t firstAt;
-    } cases[] = {{{32767, 0}, UINT64_MAX, 1, 59 * S}, {{0, 32767}, UINT64_MAX, 1, 118 * S},
-                 {{0, 32767}, 10 * S, 1, 11 * S}, {{0, 32767}, 10 * S, 0, 12 * S}};  // 0 counts as 1
+    // syncCountdown is set to stored in the sleep that begins at askAt.
+    const struct { std::vector<int32_t> randoms; uint64_t askAt; int32_t stored; uint64_t firstAt; } cases[] = {
+        {{32767, 0}, UINT64_MAX, 1, 59 * S}, {{0, 32767}, UINT64_MAX, 1, 118 * S},
+        {{0, 32767}, 10 * S, 1, 11 * S}, {{0, 32767}, 10 * S, 0, 12 * S}};  // 0 counts as 1
     for (const auto& c : cases) {
         SCOPED_TRACE(c.firstAt);
         onSleep = [&c] { syncCountdown = VirtualElapsedMs() == c.askAt ? c.stored : syncCountdown.load(); };
         RunClient({SNTP_OK}, 1, c.randoms);
         EXPECT_EQ(std::vector<uint64_t>{c.firstAt}, callAt);
         EXPECT_EQ(std::vector<int32_t>{5000}, callTimeout);
-        // Seeded from the wall clock at start.
-        EXPECT_EQ(static_cast<uint32_t>((VIRTUAL_START_FILETIME - UNIX_EPOCH_FILETIME) / 10000000),
-                  RecordedRandomSeed());
+        const int64_t wallSeconds = (VIRTUAL_START_FILETIME - UNIX_EPOCH_FILETIME) / 10000000;
+        EXPECT_EQ(static_cast<uint32_t>(wallSeconds), RecordedRandomSeed()) << "seeded from the wall clock";
     }
 }
 
@@ -93,13 +89,11 @@ TEST(SntpClient, ASilentServerGetsFiveAttemptsThenTroubleTwoAndANewLadderLater) 
     RunClient({SNTP_NO_RESPONSE}, 10);
     const uint64_t next = 59000 + 907500 + 1199000;
     EXPECT_EQ((std::vector<uint64_t>{59000, 64500, 125000, 245500, 486000, next, next + 5500, next + 66000,
-                                     next + 186500, next + 427000}),
-              callAt);
+                                     next + 186500, next + 427000}), callAt);
     EXPECT_EQ((std::vector<int32_t>{5000, 60000, 120000, 240000, 480000, 5000, 60000, 120000, 240000, 480000}),
               callTimeout);
     EXPECT_EQ((std::vector<uint32_t>{0, 0, 0, 0, 0, 4, 4, 4, 4, 4}), callMask) << "trouble 2 after five silences";
-    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_NO_RESPONSE, TROUBLE_SET}, {SNTP_NO_RESPONSE, TROUBLE_SET}}),
-              TakeTroubles());
+    EXPECT_EQ(std::vector<SeenTrouble>(2, SeenTrouble{SNTP_NO_RESPONSE, TROUBLE_SET}), TakeTroubles());
     EXPECT_EQ(SNTP_NO_RESPONSE, lastResult.load());
     EXPECT_EQ(0, synchronised.load());
     EXPECT_TRUE(RecordedClockSettings().empty());
@@ -114,11 +108,8 @@ TEST(SntpClient, FailuresRetryEveryTwentyMinutesAndASuccessWaitsADay) {
     EXPECT_EQ((std::vector<uint64_t>{59000, 59000 + 1199000, third, third + 86399000}), callAt);
     EXPECT_EQ((std::vector<int32_t>{5000, 5000, 5000, 5000}), callTimeout);
     // Each success clears trouble 2, reported because trouble 6 is active; trouble 6 stays.
-    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET},
-                                        {SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET},
-                                        {SNTP_NO_RESPONSE, TROUBLE_CLEARED},
-                                        {SNTP_NO_RESPONSE, TROUBLE_CLEARED}}),
-              TakeTroubles());
+    const SeenTrouble raised{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared{SNTP_NO_RESPONSE, TROUBLE_CLEARED};
+    EXPECT_EQ((std::vector<SeenTrouble>{raised, raised, cleared, cleared}), TakeTroubles());
     EXPECT_EQ(1u << SNTP_INCONSISTENT_ADDRESS, troubleMask.load());
     EXPECT_EQ(SNTP_OK, lastResult.load());
     EXPECT_EQ(1, synchronised.load());
@@ -142,11 +133,7 @@ TEST(SntpClient, SyncNowReportsTheFirstSilenceWhileTheLadderGoesOn) {
             WaitFor([] { return syncCountdown.load() == 1; });
         }
     };
-    onExchange = [&] {
-        if (callAt.size() == 3) {
-            answeredFirst = WaitFor([&] { return result.load() != SYNC_NOW_PENDING; });
-        }
-    };
+    onExchange = [&] { answeredFirst |= callAt.size() == 3 && WaitFor([&] { return result != SYNC_NOW_PENDING; }); };
     RunClient({SNTP_OK, SNTP_NO_RESPONSE}, 6);
     asker.join();
     EXPECT_EQ(SNTP_NO_RESPONSE, result.load());

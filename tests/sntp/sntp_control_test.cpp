@@ -39,8 +39,7 @@ bool WaitUntil(const std::function<bool()>& condition) {
 }
 
 SntpResult ScriptedExchange(const char*, int32_t, NtpTimestamp* time, NtpTimestamp*, uint32_t*) {
-    *time = 3976214400ULL << 32;  // used on success only
-    return exchangeResult.load();
+    return *time = 3976214400ULL << 32, exchangeResult.load();  // the time is used on success only
 }
 
 // True when a version-3 request to the test port of 127.0.0.1 is answered within waitMs.
@@ -57,9 +56,7 @@ bool ServerAnswers(uint32_t waitMs) {
 // The troubles since the last call: " +code" for each set, " -code" for each clear.
 std::string Seen() {
     std::string seen;
-    for (const SeenTrouble& trouble : TakeTroubles()) {
-        seen += (trouble.state == TROUBLE_SET ? " +" : " -") + std::to_string(trouble.code);
-    }
+    for (const SeenTrouble& t : TakeTroubles()) seen += (t.state == TROUBLE_SET ? " +" : " -") + std::to_string(t.code);
     return seen;
 }
 

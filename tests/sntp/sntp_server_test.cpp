@@ -71,6 +71,22 @@ protected:
     Client first{"127.0.0.41"};
     std::thread server;
 };
+
+thread_local bool onServerThread = false;  // the socket library's ageing thread sleeps too
+std::vector<uint32_t> pauses;
+uint32_t libraryUsersWhilePausing = 0;
+
+// Runs the server thread in virtual time until it has paused count times, and stops it there.
+void RunServerUntilPauses(size_t count) {
+    pauses.clear(), InstallVirtualTime();
+    SetSleepHook([count](uint32_t milliseconds) {
+        if (!onServerThread) return;
+        pauses.push_back(milliseconds), libraryUsersWhilePausing = NetLibraryUsers();
+        stopRequested = pauses.size() == count ? 1 : 0;
+    });
+    std::thread([] { onServerThread = true, SntpServerThread(0); }).join();
+    stopRequested = 0, RemoveVirtualTime();
+}
 }  // namespace
 
 TEST(SntpServerAnswer, EachModeNamesItsReferenceAndOnlyVersionThreeRequestsOf48BytesGetOne) {
@@ -157,23 +173,6 @@ TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubl
     EXPECT_EQ(0, refused.Answer(SILENCE_MS));
 }
 
-namespace {
-thread_local bool onServerThread = false;  // the socket library's ageing thread sleeps too
-std::vector<uint32_t> pauses;
-uint32_t libraryUsersWhilePausing = 0;
-
-// Runs the server thread in virtual time until it has paused count times, and stops it there.
-void RunServerUntilPauses(size_t count) {
-    pauses.clear(), InstallVirtualTime();
-    SetSleepHook([count](uint32_t milliseconds) {
-        if (!onServerThread) return;
-        pauses.push_back(milliseconds), libraryUsersWhilePausing = NetLibraryUsers();
-        stopRequested = pauses.size() == count ? 1 : 0;
-    });
-    std::thread([] { onServerThread = true, SntpServerThread(0); }).join();
-    stopRequested = 0, RemoveVirtualTime();
-}
-}  // namespace
 
 TEST_F(SntpServerTest, ATakenPortRaisesTroubleEightOnceAndAFailingWaitTroubleOneEachSecond) {
     LoopbackUdp holder{~0ULL};
