@@ -1,6 +1,5 @@
-// Fuzzes the client's check of one answer and the time computed from an accepted one: any 48
-// bytes from any port give one of the exchange's result codes, and an accepted answer never a
-// negative round trip. Input: 48 bytes of answer, then optionally the source port's 2 bytes.
+// Fuzzes the client's check of an answer (48 bytes, then optionally the source port's 2): any input gives
+// one of the exchange's result codes, and an accepted answer never a negative round trip.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>

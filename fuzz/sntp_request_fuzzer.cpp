@@ -1,6 +1,5 @@
-// Fuzzes the server's handling of one received datagram: whatever arrives (any length up to the
-// 512-byte receive buffer), it is either dropped or answered, only when it is 48 bytes long, with
-// no byte written past the 48 of an answer and the request's transmit stamp echoed.
+// Fuzzes the server's answer to any datagram up to the 512-byte receive buffer: dropped, or answered
+// when 48 bytes long, never past the answer's 48 bytes, and always echoing the request's transmit stamp.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>

