@@ -161,7 +161,7 @@ TEST_F(SntpController, RacingStartsRestartsAndStopsLeaveOneThreadAndTheLastStopN
             std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
             const uint32_t choice = random() % 3;
             choice == 0 ? StartSntp() : choice == 1 ? RestartSntp() : StopSntp();
-            EXPECT_LE(CountProcessThreads(), threadsBefore + 2 + 2) << call;  // callers, time thread, library
+            EXPECT_LE(CountProcessThreads(), threadsBefore + 2 + 2) << seed;  // callers, time thread, library
         }
     };
     std::thread first(callRandomly, 0), second(callRandomly, 1);
