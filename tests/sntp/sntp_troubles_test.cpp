@@ -23,75 +23,48 @@ void RecordReport(const char16_t* source, uint32_t, uint32_t code, uint32_t stat
     seen += (state == TROUBLE_SET ? "+" : state == TROUBLE_CLEARED ? "-" : "?") + name + " ";
 }
 
-// Everything queued since the last call.
-std::string Drained() {
-    seen.clear();
-    DrainTroubles();
-    return seen;
-}
+std::string Drained() { return seen.clear(), DrainTroubles(), seen; }
 
-class SntpTroublesTest : public testing::Test {
-protected:
+struct SntpTroublesTest : testing::Test {
     void SetUp() override {
-        CreateTroubleQueue();
-        SetReportCallback(RecordReport);
-        troubleMask = 0;
-        stopRequested = 0;
-        Drained();
+        CreateTroubleQueue(), SetReportCallback(RecordReport), troubleMask = stopRequested = 0, Drained();
     }
 };
 }  // namespace
 
-TEST_F(SntpTroublesTest, ClearAllWalksFromOneToTheHighestActiveCode) {
-    SetSntpTrouble(SNTP_NOT_SYNCHRONISED);
-    SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
+TEST_F(SntpTroublesTest, RaisesAndClearsAreReportedWithTheirTextsWhileAnyTroubleIsActiveAndNotDuringAStop) {
+    SetSntpTrouble(SNTP_NOT_SYNCHRONISED), SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
     EXPECT_EQ((1u << 3) | (1u << 6), troubleMask.load());
     ClearAllSntpTroubles();
-    EXPECT_EQ(0u, troubleMask.load());
     EXPECT_EQ("+3 +6 -1 -2 -3 -4 -5 -6 ", Drained());
 
     // Code 11 lies past the table and past the walk: every clear goes out, then the mask is zeroed.
-    SetSntpTrouble(SNTP_RESULT_COUNT);
-    ClearAllSntpTroubles();
+    SetSntpTrouble(SNTP_RESULT_COUNT), ClearAllSntpTroubles();
     EXPECT_EQ(0u, troubleMask.load());
     EXPECT_EQ("+U -1 -2 -3 -4 -5 -6 -7 -8 -9 -10 ", Drained());
-}
 
-TEST_F(SntpTroublesTest, ClearsGoOutWhileAnyTroubleIsActiveAndAStopSilencesOnlyRaises) {
-    ClearSntpTrouble(SNTP_NO_RESPONSE);
-    ClearAllSntpTroubles();
-    SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
-    ClearSntpTrouble(SNTP_NO_RESPONSE);  // never raised, but trouble 5 is active
-    ClearSntpTrouble(SNTP_NO_RESPONSE);
+    // Clears go out while any trouble is active, also for codes never raised.
+    ClearSntpTrouble(SNTP_NO_RESPONSE), ClearAllSntpTroubles(), SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
+    ClearSntpTrouble(SNTP_NO_RESPONSE), ClearSntpTrouble(SNTP_NO_RESPONSE);  // never raised, but trouble 5 is active
     EXPECT_EQ(1u << 5, troubleMask.load());
-    ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
-    ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
+    ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION), ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
     EXPECT_EQ("+5 -2 -2 -5 ", Drained());
 
-    SetSntpTrouble(SNTP_CANNOT_RESOLVE);
-    stopRequested = 1;
-    SetSntpTrouble(SNTP_SOCKET_ERROR);
+    SetSntpTrouble(SNTP_CANNOT_RESOLVE), stopRequested = 1, SetSntpTrouble(SNTP_SOCKET_ERROR);
     EXPECT_EQ(1u << 10, troubleMask.load());
     ClearSntpTrouble(SNTP_CANNOT_RESOLVE);
     EXPECT_EQ(0u, troubleMask.load());
     EXPECT_EQ("+10 -10 ", Drained());
-}
 
-TEST_F(SntpTroublesTest, EveryRaiseIsReportedWithATextButOnlyToAnInstalledSink) {
-    SetSntpTrouble(SNTP_NO_RESPONSE);
-    SetSntpTrouble(SNTP_NO_RESPONSE);
+    stopRequested = 0, SetSntpTrouble(SNTP_NO_RESPONSE), SetSntpTrouble(SNTP_NO_RESPONSE);
     SetSntpTrouble(SNTP_CLIENT_NOT_STARTED);  // no message id of its own
     SetSntpTrouble(40);                       // outside the table; its bit is taken modulo 32
     EXPECT_EQ("+2 +2 +9 +U ", Drained());
     EXPECT_EQ((1u << 2) | (1u << 8) | (1u << 9), troubleMask.load());
 
-    SetReportCallback(nullptr);
-    SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
-    SetReportCallback(RecordReport);
+    SetReportCallback(nullptr), SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION), SetReportCallback(RecordReport);
     EXPECT_EQ("", Drained());
-}
 
-TEST(SntpResultText, NamesSuccessFailuresAndUnknownCodes) {
     EXPECT_EQ(std::u16string(u"Ok"), SntpResultText(SNTP_OK));
     EXPECT_EQ(std::u16string(SntpTroubleTable[1].defaultText), SntpResultText(SNTP_SOCKET_ERROR));
     EXPECT_EQ(std::u16string(u"Local SNTP Client: Cannot resolve host name"), SntpResultText(SNTP_CANNOT_RESOLVE));
