@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -15,6 +16,7 @@
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_server.h"
 #include "sntp/sntp_test_seams.h"
+#include "tests/support/chrony_peer.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"
 #include "tools/loopback_udp.h"
@@ -168,6 +170,18 @@ TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubl
     EXPECT_EQ(0, refused.Answer(SILENCE_MS));
 }
 
+TEST_F(SntpServerTest, ChronyAskingWithVersionThreeAcceptsTheTime) {
+    if (!ChronyInstalled()) GTEST_SKIP() << CHRONYD_PATH << " is not installed";
+    SetSntpServerClock(nullptr), server = std::thread([] { SntpServerThread(0); });
+    double offset = 0.0;
+    std::string output;
+    const bool measured = QueryWithChrony("127.0.0.1 port " + std::to_string(TEST_PORT) + " iburst version 3", &offset,
+                                          &output);
+    if (!measured && output.find("Fatal") != std::string::npos) GTEST_SKIP() << "chronyd could not run:\n" << output;
+    ASSERT_TRUE(measured) << output;
+    // Served from the clock chrony compares it with: a wrong era, second or scale is far beyond this.
+    EXPECT_LT(std::abs(offset), 0.25) << output;
+}
 
 TEST_F(SntpServerTest, ATakenPortRaisesTroubleEightOnceAndAFailingWaitTroubleOneEachSecond) {
     LoopbackUdp holder{~0ULL};
