@@ -1,12 +1,21 @@
-// Native twin of the host-script launcher: the script runs as a grandchild, so that it is
-// detached exactly as under Wine and leaves no child to reap.
+// Native twin of the host calls: threads from /proc, scripts as grandchildren, detached exactly as
+// under Wine, leaving no child to reap.
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/support/host_shell.h"
+#include <filesystem>
+
+#include "tests/support/host.h"
 
 extern char** environ;
+
+size_t CountProcessThreads() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+uint32_t CurrentProcessNumber() { return static_cast<uint32_t>(getpid()); }
 
 bool LaunchHostShell(const std::string& scriptHostPath) {
     // The intermediate shell puts the script in the background and ends at once.
@@ -16,5 +25,3 @@ bool LaunchHostShell(const std::string& scriptHostPath) {
     int status = 0;
     return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
-
-uint32_t CurrentProcessNumber() { return static_cast<uint32_t>(getpid()); }
