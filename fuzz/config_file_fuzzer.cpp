@@ -38,11 +38,11 @@ bool IsWellFormed(const std::string& text) {
     return true;
 }
 
-// The store's entries; *unique is false when a key occurs twice.
-std::map<std::string, std::string> Collect(const ConfigFile& file, bool* unique) {
+// Opens the store at path and collects its entries; *unique is false when a key occurs twice.
+std::map<std::string, std::string> OpenAndCollect(ConfigFile* file, const std::string& path, bool* unique) {
+    CHECK(OpenConfigFile(file, path.c_str()) == 0);
     std::map<std::string, std::string> entries;
-    *unique = true;
-    for (PtrListNode* node = file.entries->head; node != nullptr; node = node->next) {
+    for (PtrListNode* node = file->entries->head; node != nullptr; node = node->next) {
         const ConfigEntry* entry = static_cast<const ConfigEntry*>(node->item);
         *unique = entries.emplace(entry->key, entry->value).second && *unique;
     }
@@ -52,24 +52,20 @@ std::map<std::string, std::string> Collect(const ConfigFile& file, bool* unique)
 void SaveRound(const std::string& path, bool change) {
     const std::string before = ReadText(path);
     ConfigFile file;
-    bool unique;
-    CHECK(OpenConfigFile(&file, path.c_str()) == 0);
-    auto expected = Collect(file, &unique);
-    const bool checkable = unique && IsWellFormed(before);
+    bool checkable = IsWellFormed(before);
+    auto expected = OpenAndCollect(&file, path, &checkable);
     char value[4];
     GetConfigString(&file, expected.empty() ? "a" : expected.begin()->first.c_str(), value, sizeof value, nullptr);
     if (change) {
         CHECK(SetConfigString(&file, "FUZZ_KEY", "fuzz value \"q\"") == 0);
         expected["FUZZ_KEY"] = "fuzz value \"q\"";
     }
-    CHECK(SaveConfigFile(&file, nullptr) == 0);
-    CloseConfigFile(&file);
+    CHECK(SaveConfigFile(&file, nullptr) == 0 && CloseConfigFile(&file) == 0);
     const std::string after = ReadText(path);
     CHECK(after.empty() || after.back() == '\n');
     CHECK(!checkable || change || after == before);
     if (checkable && IsWellFormed(after)) {
-        CHECK(OpenConfigFile(&file, path.c_str()) == 0 && Collect(file, &unique) == expected);
-        CloseConfigFile(&file);
+        CHECK(OpenAndCollect(&file, path, &checkable) == expected && CloseConfigFile(&file) == 0);
     }
 }
 }  // namespace
