@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -85,12 +84,9 @@ TEST_F(ConfigFileTest, LoadAppliesTheLineFormatAndItsLimits) {
     EXPECT_EQ(GetConfigString(&store.file, nullptr, out, 16, DEFAULT_TEXT), DEFAULT_TEXT);
     EXPECT_EQ(GetConfigString(nullptr, "sntp_ip", out, 16, DEFAULT_TEXT), DEFAULT_TEXT);
     EXPECT_STREQ(GetConfigString(&store.file, "missing", out, 16, nullptr), "");
-    // Keys order by unsigned bytes; a null key never matches.
-    const struct { const char* a; const char* b; int32_t order; } orders[] = {
-        {"A", "B", -1}, {"AB", "AB", 0}, {"A", "AB", -1}, {"\xE9", "Z", 1}, {nullptr, "A", 1}, {"A", nullptr, 1}};
-    for (const auto& order : orders) {
-        EXPECT_EQ(CompareKeys(order.a, order.b), order.order) << (order.a ? order.a : "null");
-    }
+    EXPECT_EQ(CompareKeys("\xE9", "Z"), 1);  // keys order by unsigned bytes
+    EXPECT_EQ(CompareKeys(nullptr, "A"), 1);  // and a null key never matches
+    EXPECT_EQ(CompareKeys("A", nullptr), 1);
 }
 
 TEST_F(ConfigFileTest, SaveKeepsLayoutAndLineEndsMergesChangesBesideABackupAndNeverLosesTheFile) {
@@ -98,21 +94,18 @@ TEST_F(ConfigFileTest, SaveKeepsLayoutAndLineEndsMergesChangesBesideABackupAndNe
     const std::string original = "# header\n\nalpha 1   # first\nbeta  \"two words\"  trailing words\ngamma 3\n"
                                  "  # indented\nGamma 4 # again\ndelta\n";
     WriteFileText(path, original);
-    {
-        OpenStore store(path);
-        SetConfigString(&store.file, "beta", "new \"v\"");
-        SetConfigString(&store.file, "gamma", nullptr);  // every gamma line goes
-        SetConfigString(&store.file, "zeta", "z\tz");
-        SetConfigString(&store.file, "mid", "#m");  // not quoted, so a reload drops it
-        SetConfigString(&store.file, "delta", "");  // set, so rewritten though not different
-        ASSERT_EQ(SaveConfigFile(&store.file, nullptr), 0);
-    }
+    OpenStore merged(path);
+    SetConfigString(&merged.file, "beta", "new \"v\"");
+    SetConfigString(&merged.file, "gamma", nullptr);  // every gamma line goes
+    SetConfigString(&merged.file, "zeta", "z\tz");
+    SetConfigString(&merged.file, "mid", "#m");  // not quoted, so a reload drops it
+    SetConfigString(&merged.file, "delta", "");  // set, so rewritten though not different
+    ASSERT_EQ(SaveConfigFile(&merged.file, nullptr), 0);
     const std::string saved = "# header\n\nalpha 1   # first\nBETA \"new \"\"v\"\"\"  trailing words\n"
                               "  # indented\nDELTA \nMID #m\nZETA \"z\tz\"\n";
     EXPECT_EQ(ReadFileText(path), saved);
     EXPECT_EQ(ReadFileText(PathOf("merge.da~")), original);
-    OpenStore reloaded(path);
-    ASSERT_EQ(SaveConfigFile(&reloaded.file, nullptr), 0);
+    ASSERT_EQ(SaveConfigFile(&merged.file, nullptr), 0);
     EXPECT_EQ(ReadFileText(path), saved);  // a save without changes leaves the file as it was
 
     WriteFileText(PathOf("y.da~"), "OLD 1\n");  // a name ending in '~' backs up to 'a'
@@ -122,20 +115,14 @@ TEST_F(ConfigFileTest, SaveKeepsLayoutAndLineEndsMergesChangesBesideABackupAndNe
     EXPECT_EQ(ReadFileText(PathOf("y.daa")), "OLD 1\n");
     EXPECT_EQ(ReadFileText(PathOf("y.da~")), "OLD 2\n");
 
-    // CR LF line ends stay; the last character of a last line without a line break is taken for one.
+    // CR LF line ends stay.
     WriteFileText(PathOf("crlf.dat"), "A 1\r\nB 2 # b\r\n# c\r\n", std::ios::binary);
     OpenStore store(PathOf("crlf.dat"));
     SetConfigString(&store.file, "b", "3");
     ASSERT_EQ(SaveConfigFile(&store.file, nullptr), 0);
     EXPECT_EQ(ReadFileText(PathOf("crlf.dat"), std::ios::binary), "A 1\r\nB 3 # b\r\n# c\r\n");
 
-    WriteFileText(PathOf("tail.dat"), "A 1\n# tail");  // without a final line break
-    OpenStore tail(PathOf("tail.dat"));
-    ASSERT_EQ(SaveConfigFile(&tail.file, nullptr), 0);
-    EXPECT_EQ(ReadFileText(PathOf("tail.dat")), "A 1\n# tai\n");
-
     OpenStore missing(PathOf("missing.dat")), unnamed("");  // a missing file opens an empty store
-    EXPECT_EQ(missing.file.entries->count, 0u);
     EXPECT_EQ(SetConfigString(&missing.file, "", "v"), 1);
     EXPECT_EQ(SetConfigString(&missing.file, "k", "v"), 0);
     ASSERT_EQ(SaveConfigFile(&missing.file, PathOf("new.dat").c_str()), 0);
@@ -155,7 +142,6 @@ TEST_F(ConfigFileTest, SaveKeepsLayoutAndLineEndsMergesChangesBesideABackupAndNe
     EXPECT_EQ(SaveConfigFile(&restore.file, nullptr), 1);
     setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_EQ(ReadFileText(kept), "K 1\n# keep\n");
-    EXPECT_EQ(ReadFileText(PathOf("kept.da~")), "<missing>");
 #endif
     ASSERT_EQ(SaveConfigFile(&restore.file, nullptr), 0);  // the change was not lost either
     EXPECT_EQ(ReadFileText(kept), "K 2\n# keep\n");
@@ -168,24 +154,6 @@ TEST_F(ConfigFileTest, SaveKeepsLayoutAndLineEndsMergesChangesBesideABackupAndNe
     EXPECT_EQ(ReadFileText(kept), "K 2\n# keep\n");
 }
 
-// Takes the lock of path, and again as its owner may, on another thread; *taken once it has both.
-std::thread LockElsewhere(const std::string& path, std::atomic<bool>* taken) {
-    return std::thread([path, taken] {
-        ConfigFileLock* holder = LockConfigFile(path.c_str());
-        ConfigFileLock* again = LockConfigFile(path.c_str());
-        *taken = holder != nullptr && again != nullptr;
-        ReleaseConfigFileLock(again);
-        ReleaseConfigFileLock(holder);
-    });
-}
-
-bool WaitFor(const std::atomic<bool>& flag, uint32_t waitMs) {
-    for (uint32_t waited = 0; waited < waitMs && !flag; waited += 10) {
-        SleepFor(10);
-    }
-    return flag;
-}
-
 // Other threads exclude each other as other processes do; the holder may take it again.
 TEST_F(ConfigFileTest, LockOfAFileNameExcludesOthersUntilReleased) {
     const std::string path = PathOf("lock_" + RUN_TAG + ".dat");
@@ -195,16 +163,31 @@ TEST_F(ConfigFileTest, LockOfAFileNameExcludesOthersUntilReleased) {
     SaveConfigFile(&store.file, nullptr);
     ConfigFileLock* holder = LockConfigFile(path.c_str());  // only released if they did
     ASSERT_NE(holder, nullptr);
-    std::atomic<bool> taken[2] = {};
-    std::thread other = LockElsewhere("other_lock_" + RUN_TAG + ".dat", &taken[0]);
-    EXPECT_TRUE(WaitFor(taken[0], 10000));
-    std::thread same = LockElsewhere((fs::path("dir2") / ("LOCK_" + RUN_TAG + ".DAT")).string(), &taken[1]);
-    EXPECT_FALSE(WaitFor(taken[1], 300));
+    static std::atomic<int> taken;  // by the taker: another file's lock, then this one's twice
+    taken = 0;
+    std::thread taker([] {
+        const std::string other = "other_lock_" + RUN_TAG + ".dat";
+        const std::string same = (fs::path("dir2") / ("LOCK_" + RUN_TAG + ".DAT")).string();
+        ConfigFileLock* locks[3] = {LockConfigFile(other.c_str())};
+        taken = locks[0] != nullptr;
+        locks[1] = LockConfigFile(same.c_str());
+        locks[2] = LockConfigFile(same.c_str());
+        taken += locks[1] != nullptr && locks[2] != nullptr;
+        for (ConfigFileLock* lock : locks) {
+            ReleaseConfigFileLock(lock);
+        }
+    });
+    auto waitFor = [](int count, uint32_t waitMs) {
+        for (uint32_t waited = 0; waited < waitMs && taken < count; waited += 10) {
+            SleepFor(10);
+        }
+        return taken >= count;
+    };
+    EXPECT_TRUE(waitFor(1, 10000));
+    EXPECT_FALSE(waitFor(2, 300));
     ReleaseConfigFileLock(holder);
-    EXPECT_TRUE(WaitFor(taken[1], 10000));
-    for (std::thread* taker : {&other, &same}) {
-        taken[0] && taken[1] ? taker->join() : taker->detach();  // one stuck on its lock is left to the process end
-    }
+    EXPECT_TRUE(waitFor(2, 10000));
+    taken == 2 ? taker.join() : taker.detach();  // one stuck on its lock is left to the process end
 }
 
 #ifdef _WIN32
