@@ -1,8 +1,7 @@
-// Fuzzes the configuration file store end to end: the input becomes a file that is loaded,
-// saved unchanged, twice, then saved with one key set. For any input, beyond crashes,
-// leaks and undefined behaviour: every save succeeds and ends its lines with a line break; a
-// well-formed file with distinct keys comes back from an unchanged save as it was, and reloads
-// after any save with the entries the store held.
+// Fuzzes the configuration file store: the input becomes a file that is loaded and saved unchanged,
+// twice, then with one key set. For any input, beyond crashes, leaks and undefined behaviour: every
+// save succeeds and ends its lines with a line break; a well-formed file with distinct keys comes
+// back from an unchanged save as it was, and reloads after any save with the entries the store held.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

@@ -24,13 +24,13 @@ const char DEFAULT_TEXT[] = "<default>";
 // Names the scratch directories and lock files of this run apart from any other run's.
 const std::string RUN_TAG = std::to_string(std::random_device()());
 
-void WriteFileText(const std::string& path, const std::string& text, std::ios::openmode mode = {}) {
-    std::ofstream(path, mode) << text;
+void WriteFileText(const std::string& path, const std::string& text) {
+    std::ofstream(path) << text;
 }
 
-std::string ReadFileText(const std::string& path, std::ios::openmode mode = {}) {
-    std::ifstream file(path, mode);
-    return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "<missing>";
+std::string ReadFileText(const std::string& path) {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 // An open store that closes itself; "" opens one without a file.
@@ -84,12 +84,11 @@ TEST_F(ConfigFileTest, LoadAppliesTheLineFormatAndItsLimits) {
     EXPECT_EQ(GetConfigString(&store.file, nullptr, out, 16, DEFAULT_TEXT), DEFAULT_TEXT);
     EXPECT_EQ(GetConfigString(nullptr, "sntp_ip", out, 16, DEFAULT_TEXT), DEFAULT_TEXT);
     EXPECT_STREQ(GetConfigString(&store.file, "missing", out, 16, nullptr), "");
-    EXPECT_EQ(CompareKeys("\xE9", "Z"), 1);  // keys order by unsigned bytes
-    EXPECT_EQ(CompareKeys(nullptr, "A"), 1);  // and a null key never matches
+    EXPECT_EQ(CompareKeys(nullptr, "A"), 1);  // a null key never matches
     EXPECT_EQ(CompareKeys("A", nullptr), 1);
 }
 
-TEST_F(ConfigFileTest, SaveKeepsLayoutAndLineEndsMergesChangesBesideABackupAndNeverLosesTheFile) {
+TEST_F(ConfigFileTest, SaveKeepsLayoutMergesChangesBesideABackupAndNeverLosesTheFile) {
     const std::string path = PathOf("merge.dat");
     const std::string original = "# header\n\nalpha 1   # first\nbeta  \"two words\"  trailing words\ngamma 3\n"
                                  "  # indented\nGamma 4 # again\ndelta\n";
@@ -115,13 +114,6 @@ TEST_F(ConfigFileTest, SaveKeepsLayoutAndLineEndsMergesChangesBesideABackupAndNe
     EXPECT_EQ(ReadFileText(PathOf("y.daa")), "OLD 1\n");
     EXPECT_EQ(ReadFileText(PathOf("y.da~")), "OLD 2\n");
 
-    // CR LF line ends stay.
-    WriteFileText(PathOf("crlf.dat"), "A 1\r\nB 2 # b\r\n# c\r\n", std::ios::binary);
-    OpenStore store(PathOf("crlf.dat"));
-    SetConfigString(&store.file, "b", "3");
-    ASSERT_EQ(SaveConfigFile(&store.file, nullptr), 0);
-    EXPECT_EQ(ReadFileText(PathOf("crlf.dat"), std::ios::binary), "A 1\r\nB 3 # b\r\n# c\r\n");
-
     OpenStore missing(PathOf("missing.dat")), unnamed("");  // a missing file opens an empty store
     EXPECT_EQ(SetConfigString(&missing.file, "", "v"), 1);
     EXPECT_EQ(SetConfigString(&missing.file, "k", "v"), 0);
@@ -145,8 +137,7 @@ TEST_F(ConfigFileTest, SaveKeepsLayoutAndLineEndsMergesChangesBesideABackupAndNe
 #endif
     ASSERT_EQ(SaveConfigFile(&restore.file, nullptr), 0);  // the change was not lost either
     EXPECT_EQ(ReadFileText(kept), "K 2\n# keep\n");
-    // Without a backup (here its name is a directory's; on Windows, someone holds the file open)
-    // the save must leave the file alone rather than write over it.
+    // Without a backup (its name here is a directory's) the save leaves the file alone, not writes over it.
     fs::remove(PathOf("kept.da~"));
     fs::create_directories(PathOf("kept.da~/x"));
     SetConfigString(&restore.file, "K", "3");
@@ -188,20 +179,16 @@ TEST_F(ConfigFileTest, LockOfAFileNameExcludesOthersUntilReleased) {
     ReleaseConfigFileLock(holder);
     EXPECT_TRUE(waitFor(2, 10000));
     taken == 2 ? taker.join() : taker.detach();  // one stuck on its lock is left to the process end
-}
-
-#ifdef _WIN32
-TEST(ConfigFileLock, MutexIsNamedAfterTheUpperCasedFileName) {
-    const std::pair<const char*, const wchar_t*> names[] = {{"C:\\Norvik\\Data\\System\\Vantor.dat", L"VANTOR.DAT"},
-                                                            {"C:\\x\\caf\xE9|1.dat", L"CAF\xFFE9!1.DAT"}};
-    for (const auto& [path, name] : names) {
-        ConfigFileLock* holder = LockConfigFile(path);
-        HANDLE named = OpenMutexW(SYNCHRONIZE, FALSE, name);
-        EXPECT_NE(named, nullptr) << path;
-        CloseHandle(named);
-        ReleaseConfigFileLock(holder);
+#ifdef _WIN32  // the mutex is named after the upper-cased file name, as the platform's other programs expect
+    for (const auto& [file, name] : {std::make_pair("C:\\Norvik\\Data\\System\\Vantor.dat", L"VANTOR.DAT"),
+                                     std::make_pair("C:\\x\\caf\xE9|1.dat", L"CAF\xFFE9!1.DAT")}) {
+        ConfigFileLock* named = LockConfigFile(file);
+        HANDLE mutex = OpenMutexW(SYNCHRONIZE, FALSE, name);
+        EXPECT_NE(mutex, nullptr) << file;
+        CloseHandle(mutex);
+        ReleaseConfigFileLock(named);
     }
-}
 #endif
+}
 
 }  // namespace

@@ -28,8 +28,7 @@ TEST(InstallRoot, IsTheDriveAndItsFirstDirectoryNarrowedAndBounded) {
     }
 }
 
-// Copies never write past the capacity; once the override is gone, the root is computed again
-// from the running executable's own path.
+// Copies never write past the capacity; without the override the root comes from the executable.
 TEST(InstallRoot, CopiesOutWithinTheCallersCapacityAndComesFromTheExecutable) {
     auto copied = [](int32_t (*copy)(char*, uint32_t), uint32_t capacity) {  // buffer[0..capacity]
         char buffer[32];
