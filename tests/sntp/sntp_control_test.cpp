@@ -70,7 +70,7 @@ protected:
         graceMs = 0, exchangeResult = 0, sntpServerPort = TEST_SERVER_PORT;
     }
     void TearDown() override {
-        StopSntp(), done_ = true, poker_.join(), StopTroubleRecorder(), RemoveVirtualTime(), fs::remove(settingPath_);
+        StopSntp(), done_ = true, poker_.join(), StopTroubleRecorder(), RemoveVirtualTime(), fs::remove_all(root_);
     }
 
     void WriteSetting(const char* text) { std::ofstream(settingPath_, std::ios::binary) << "#\n" << text << "\n"; }

@@ -46,9 +46,7 @@ std::string MakeHostScratch(const char* tag) {
 }
 
 void RemoveHostScratch(const std::string& hostPath) {
-    if (hostPath.rfind("/tmp/norvik-", 0) != 0) {
-        return;  // only ever what MakeHostScratch made
-    }
+    if (hostPath.rfind("/tmp/norvik-", 0) != 0) return;  // only ever what MakeHostScratch made
     std::error_code error;
     std::filesystem::remove_all(LocalPathOf(hostPath), error);
 }
@@ -71,25 +69,21 @@ std::string ReadHostFile(const std::string& hostPath) {
     return contents.str();
 }
 
-bool StartHostScript(const std::string& scratch, const char* name, const std::string& script) {
-    const std::string base = scratch + "/" + name;
-    const std::string wrapped = "exec > '" + base + ".out' 2>&1 </dev/null\n" + script + "\n";
-    return WriteHostFile(base + ".sh", wrapped) && LaunchHostShell(base + ".sh");
-}
-
+// Runs `sh <scratch>/<name>.sh` detached, its output in <name>.out, and waits up to timeoutMs (0:
+// not at all) for its end: its exit status, 0 when not waited for, -1 when not started or not ended.
+// The status file appears whole (renamed into place), only once the script has ended.
 int32_t RunHostScript(const std::string& scratch, const char* name, const std::string& script, uint32_t timeoutMs,
-                      std::string* output) {
+                      std::string* output = nullptr) {
     const std::string base = scratch + "/" + name;
-    // The status file appears whole (renamed into place), only once the script has ended.
-    const std::string wrapped = "(\n" + script + "\n)\necho $? > '" + base + ".part'\nmv '" + base + ".part' '" +
-                                base + ".status'\n";
-    if (!StartHostScript(scratch, name, wrapped)) return -1;
-    for (uint32_t waited = 0; !HostFileExists(base + ".status"); waited += STATUS_POLL_MS) {
+    const std::string wrapped = "exec > '" + base + ".out' 2>&1 </dev/null\n(\n" + script + "\n)\necho $? > '" + base +
+                                ".part'\nmv '" + base + ".part' '" + base + ".status'\n";
+    if (!WriteHostFile(base + ".sh", wrapped) || !LaunchHostShell(base + ".sh")) return -1;
+    for (uint32_t waited = 0; timeoutMs > 0 && !HostFileExists(base + ".status"); waited += STATUS_POLL_MS) {
         if (waited >= timeoutMs) return -1;
         std::this_thread::sleep_for(std::chrono::milliseconds(STATUS_POLL_MS));
     }
     if (output != nullptr) *output = ReadHostFile(base + ".out");
-    return std::atoi(ReadHostFile(base + ".status").c_str());
+    return timeoutMs > 0 ? std::atoi(ReadHostFile(base + ".status").c_str()) : 0;
 }
 }  // namespace
 
@@ -99,14 +93,12 @@ bool ChronyServer::Start(const char* bindAddress) {
     Stop();
     scratch_ = MakeHostScratch("chronyd");
     if (scratch_.empty()) return false;
-    // -x: the clock is never touched; -u root: no switch to a user that cannot read scratch.
-    const std::string config = std::string("bindaddress ") + bindAddress + "\nport 123\nallow 127.0.0.0/8\n" +
-                               "local stratum 1\ndriftfile " + scratch_ + "/drift\npidfile " + scratch_ +
-                               "/chronyd.pid\ncmdport 0\n";
-    if (!WriteHostFile(scratch_ + "/chrony.conf", config)) return false;
+    // -x: the clock is never touched; -u root: no switch to a user that cannot read scratch. The
+    // directives on the command line stand for a configuration file.
     const std::string script = "exec timeout " + std::to_string(SERVER_LIFETIME_S) + " " + CHRONYD_PATH +
-                               " -x -d -u root -f " + scratch_ + "/chrony.conf";
-    if (!StartHostScript(scratch_, "server", script)) return false;
+                               " -x -d -u root 'bindaddress " + bindAddress + "' 'port 123' 'allow 127.0.0.0/8' " +
+                               "'local stratum 1' 'pidfile " + scratch_ + "/chronyd.pid' 'cmdport 0'";
+    if (RunHostScript(scratch_, "server", script, 0) != 0) return false;
     // The pid file is written once the sockets are bound.
     for (uint32_t waited = 0; waited < SERVER_START_PATIENCE_MS; waited += POLL_MS) {
         if (HostFileExists(scratch_ + "/chronyd.pid")) return true;
@@ -122,7 +114,7 @@ void ChronyServer::Stop() {
     const std::string pidFile = scratch_ + "/chronyd.pid";
     const std::string script = "[ -f '" + pidFile + "' ] && kill $(cat '" + pidFile + "')\n" +
                                "for i in $(seq 50); do [ -f '" + pidFile + "' ] || exit 0; sleep 0.1; done\nexit 1";
-    RunHostScript(scratch_, "stop", script, SERVER_STOP_PATIENCE_MS, nullptr);
+    RunHostScript(scratch_, "stop", script, SERVER_STOP_PATIENCE_MS);
     RemoveHostScratch(scratch_);
     scratch_.clear();
 }
@@ -132,15 +124,11 @@ std::string ChronyServer::Log() const { return scratch_.empty() ? std::string() 
 bool QueryWithChrony(const std::string& serverLine, double* offsetSeconds, std::string* output) {
     const std::string scratch = MakeHostScratch("chronyq");
     if (scratch.empty()) return false;
-    const std::string config = "server " + serverLine + "\npidfile " + scratch + "/chronyd.pid\ncmdport 0\n";
+    // -Q: measure only, never set the clock.
+    const std::string script = std::string(CHRONYD_PATH) + " -Q -t " + std::to_string(QUERY_LIMIT_S) + " -u root 'server " +
+                               serverLine + "' 'pidfile " + scratch + "/chronyd.pid' 'cmdport 0'";
     std::string text;
-    int32_t status = -1;
-    if (WriteHostFile(scratch + "/chrony.conf", config)) {
-        // -Q: measure only, never set the clock.
-        const std::string script = std::string(CHRONYD_PATH) + " -Q -t " + std::to_string(QUERY_LIMIT_S) +
-                                   " -u root -f " + scratch + "/chrony.conf";
-        status = RunHostScript(scratch, "query", script, QUERY_PATIENCE_MS, &text);
-    }
+    const int32_t status = RunHostScript(scratch, "query", script, QUERY_PATIENCE_MS, &text);
     RemoveHostScratch(scratch);
     if (output != nullptr) *output = text;
     const size_t mark = text.find(OFFSET_MARK);
