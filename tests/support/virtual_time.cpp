@@ -25,13 +25,9 @@ int64_t CurrentFileTime() {
     return startFileTime + clockOffset + static_cast<int64_t>(elapsedMs.load()) * FILETIME_TICKS_PER_MS;
 }
 
-uint32_t VirtualTick() {
-    return startTick + static_cast<uint32_t>(elapsedMs.load());
-}
+uint32_t VirtualTick() { return startTick + static_cast<uint32_t>(elapsedMs.load()); }
 
-uint64_t VirtualPreciseTick() {
-    return (static_cast<uint64_t>(startTick) + elapsedMs.load()) * 1000u;
-}
+uint64_t VirtualPreciseTick() { return (static_cast<uint64_t>(startTick) + elapsedMs.load()) * 1000u; }
 
 void RunSleepHook(uint32_t milliseconds) {
     std::function<void(uint32_t)> hook;
@@ -57,9 +53,7 @@ int32_t VirtualSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
     return 0;
 }
 
-int64_t VirtualWallClock() {
-    return (CurrentFileTime() - UNIX_EPOCH_FILETIME) / (FILETIME_TICKS_PER_MS * 1000);
-}
+int64_t VirtualWallClock() { return (CurrentFileTime() - UNIX_EPOCH_FILETIME) / (FILETIME_TICKS_PER_MS * 1000); }
 
 int64_t VirtualReadClock() {
     const int64_t now = CurrentFileTime();
@@ -91,24 +85,17 @@ const PlatformDriver virtualDriver = {
     VirtualSeedRandom, VirtualNextRandom, VirtualSleepUnlessWoken,
 };
 
-void GuardWriteClock(int64_t) {}
-
 const PlatformDriver guardDriver = {
     systemDriver.tickCount, systemDriver.preciseTickUs, systemDriver.sleep, systemDriver.wallClock, systemDriver.readSystemClock,
-    GuardWriteClock,        systemDriver.seedRandom, systemDriver.nextRandom, systemDriver.sleepUnlessWoken,
+    [](int64_t) {},         systemDriver.seedRandom, systemDriver.nextRandom, systemDriver.sleepUnlessWoken,
 };
 }  // namespace
 
 void InstallVirtualTime(int64_t fileTime, uint32_t tick) {
     {
         std::lock_guard<std::mutex> hold(stateMutex);
-        startFileTime = fileTime;
-        startTick = tick;
-        clockOffset = 0;
-        clockSettings.clear();
-        randomValues.clear();
-        randomSeed = 0;
-        sleepHook = nullptr;
+        startFileTime = fileTime, startTick = tick, clockOffset = 0, randomSeed = 0;
+        clockSettings.clear(), randomValues.clear(), sleepHook = nullptr;
     }
     elapsedMs.store(0);
     InstallPlatformDriver(&virtualDriver);
@@ -123,7 +110,6 @@ void RemoveVirtualTime() {
 void AdvanceVirtualTime(uint64_t milliseconds) { elapsedMs.fetch_add(milliseconds); }
 
 uint64_t VirtualElapsedMs() { return elapsedMs.load(); }
-
 
 std::vector<int64_t> RecordedClockSettings() {
     std::lock_guard<std::mutex> hold(stateMutex);
