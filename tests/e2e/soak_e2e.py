@@ -13,27 +13,23 @@ from winerig import FIRST_EXCHANGE, RUNNING, linux_figures
 MINUTES = 1.5
 
 
-class SntpRelay(winerig.Peer):
-    """Passes requests from address:123 to upstream:123 and back, recording (monotonic time, request,
-    answer or None). A client here must name an address not this host's, and the server answers
-    from 127.0.0.1 whatever address it was asked at."""
-
-    def __init__(self, address, upstream):
-        self.upstream, self.exchanges = upstream, []
-        self.forward = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.forward.bind((address, 0))
-        self.forward.settimeout(2.0)
-        super().__init__(address, reuse=True)  # beside the server's wildcard socket, which reuses too
+class SntpRelay(winerig.FakeSntpServer):
+    """Passes requests from 127.0.0.99:123 to the server on 127.0.0.1:123 and back, recording (monotonic
+    time, request, answer or None). A client must name an address not this host's to be one, and
+    the server answers from 127.0.0.1 whatever address it was asked at: hence the relay."""
 
     def handle(self, request, client):
         arrived, answer = time.monotonic(), None
-        try:
-            self.forward.sendto(request, (self.upstream, 123))
-            answer = self.forward.recvfrom(512)[0]
-            self.sock.sendto(answer, client)
-        except OSError:
-            pass  # recorded with no answer
-        self.exchanges.append((arrived, request, answer))
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as forward:
+            try:
+                forward.bind(("127.0.0.99", 0))
+                forward.settimeout(2.0)
+                forward.sendto(request, ("127.0.0.1", 123))
+                answer = forward.recvfrom(512)[0]
+                self.sock.sendto(answer, client)
+            except OSError:
+                pass  # recorded with no answer
+        self.requests.append((arrived, request, answer))
 
 
 class ServiceSoak(winerig.RigTestCase):
@@ -45,8 +41,7 @@ class ServiceSoak(winerig.RigTestCase):
         monitor = self.monitor()
         self.install_running()
         winerig.wait_for_server("127.0.0.1", 20)
-        relay = SntpRelay("127.0.0.99", "127.0.0.1")
-        self.addCleanup(relay.forward.close)
+        relay = SntpRelay("127.0.0.99", reuse=True)  # beside the server's wildcard socket, which reuses too
         self.addCleanup(relay.close)
         client = winerig.Rig(rig.build, os.path.join(rig.build, "soak-client-prefix"))
         self.addCleanup(client.shutdown)
@@ -76,12 +71,12 @@ class ServiceSoak(winerig.RigTestCase):
                 for name, pid in pids.items():
                     samples[name].append(linux_figures(pid))
                 print(f"soak: {time.monotonic() - began:5.0f} s {[s[-1] for s in samples.values()]}  load "
-                      f"{load.answered}/{load.sent}  client exchanges {len(relay.exchanges)}", flush=True)
+                      f"{load.answered}/{load.sent}  client exchanges {len(relay.requests)}", flush=True)
                 next_sample += 30
             time.sleep(10)
         load.stop()
         end = {name: linux_figures(pid) for name, pid in pids.items()}
-        exchanges = list(relay.exchanges)
+        exchanges = list(relay.requests)
         print(f"soak: end {end}; {queries} queries, {len(failed)} failed; load answered {load.answered} of "
               f"{load.sent}; client exchanges {[round(e[0] - client_started) for e in exchanges]} s after its start",
               flush=True)

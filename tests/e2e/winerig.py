@@ -84,9 +84,8 @@ class Rig:
     def shutdown(self):
         self.wineserver("-k")
         if self.persistent is not None:
-            self.persistent.kill()
-            self.persistent.wait()
-            self.persistent = None
+            self.persistent.kill(), self.persistent.wait()
+        self.persistent = None
 
     def wine(self, *args, timeout=120):
         # Output through files: a long-lived process it starts (the manager, a service) would
@@ -100,8 +99,7 @@ class Rig:
 
     def norvik(self, *args):
         """Runs a command word; returns (exit code, standard output)."""
-        result = self.wine(EXE, *args)
-        return result.returncode, result.stdout
+        return (result := self.wine(EXE, *args)).returncode, result.stdout
 
     def sc(self, *args):
         return self.wine("sc", *args, timeout=60)
@@ -122,10 +120,8 @@ class Rig:
 
     def write_setting(self, value):
         """Vantor.dat with SNTP_IP = value; None removes the file."""
-        if value is None:
-            Path(self.setting).unlink(missing_ok=True)
-        else:
-            Path(self.setting).write_text(f"# Norvik platform settings\nSNTP_IP {value}\n")
+        (Path(self.setting).unlink(missing_ok=True) if value is None
+         else Path(self.setting).write_text(f"# Norvik platform settings\nSNTP_IP {value}\n"))
 
 
 class Monitor:
@@ -151,9 +147,7 @@ class Monitor:
                           lambda: f"reports {self.snapshot()}")
 
     def stop(self):
-        self.process.kill()
-        self.process.wait()
-        self.output.close()
+        self.process.kill(), self.process.wait(), self.output.close()
 
 
 def ntp_now(ahead=0.0, at=None):
@@ -178,12 +172,15 @@ def wait_for_server(host, timeout):
     return wait_until(lambda: sntp_request(host, timeout=0.5)[0], timeout, f"an SNTP answer from {host}:123", 0)
 
 
-class Peer(threading.Thread):
-    """A UDP socket on address:123 whose thread hands each datagram to handle(request, sender), with
-    self.arrival the kernel's time of its arrival, so that a peer knows how late it got to it."""
+class FakeSntpServer(threading.Thread):
+    """A good version-3 stratum-2 server on address:123 whose clock is this host's plus ahead seconds.
+    Records each request (monotonic time, bytes) and, per answer, the seconds from the request's
+    arrival (the kernel's time) to its stamps: a client adding half the round trip is ahead of this
+    clock by half of that. A subclass's handle(request, sender) may answer otherwise."""
 
-    def __init__(self, address, reuse=False):
+    def __init__(self, address, ahead=0.0, reuse=False):
         super().__init__(daemon=True)
+        self.ahead, self.requests, self.lateness = ahead, [], []
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, int(reuse))
         self.sock.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
@@ -207,15 +204,6 @@ class Peer(threading.Thread):
         self.sock.close()
         self.join(timeout=5)
 
-
-class FakeSntpServer(Peer):
-    """A good version-3 stratum-2 server whose clock is this host's plus ahead seconds. Records each
-    request (monotonic time, bytes) and, per answer, the seconds from the request's arrival to its
-    stamps: a client adding half the round trip is ahead of this clock by half of that."""
-
-    def __init__(self, address, ahead=0.0):
-        self.ahead, self.requests, self.lateness = ahead, [], []
-        super().__init__(address)
 
     def handle(self, request, peer):
         self.requests.append((time.monotonic(), request))
@@ -260,8 +248,7 @@ class SteadyLoad(threading.Thread):
 
     def __init__(self, clients, seconds):
         super().__init__(daemon=True)
-        self.sent = self.answered = 0
-        self.deadline = time.monotonic() + seconds
+        self.sent, self.answered, self.deadline = 0, 0, time.monotonic() + seconds
         self.socks = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(clients)]
         for host, sock in enumerate(self.socks, start=2):
             sock.bind((f"127.0.0.{host}", 0))
