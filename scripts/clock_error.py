@@ -3,10 +3,7 @@ Wine against a fake server 5 s ahead; Wine refuses each setting and logs "differ
 N - 5000 is the error at the moment of setting. "command 128" restarts the client for the next.
   python3 scripts/clock_error.py --build build/windows [--samples 5]"""
 
-import argparse
-import os
-import statistics
-import sys
+import argparse, os, statistics, sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
 import winerig  # noqa: E402

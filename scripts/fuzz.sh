@@ -6,16 +6,13 @@
 # Usage: scripts/fuzz.sh [seconds per target, default 60] [target...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
-seconds=${1:-60}
+seconds=${1:-60} status=0
 shift || true
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "${NORVIK_JOBS:-2}"
-targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=($(sed -n 's/^norvik_add_fuzzer(\([a-z_]*\).*/\1/p' fuzz/CMakeLists.txt))
-status=0
-for target in "${targets[@]}"; do
-  artifacts=build/fuzz/artifacts/$target
-  log=build/fuzz/logs/$target.log
+[ $# -gt 0 ] || set -- $(sed -n 's/^norvik_add_fuzzer(\([a-z_]*\).*/\1/p' fuzz/CMakeLists.txt)
+for target in "$@"; do
+  artifacts=build/fuzz/artifacts/$target log=build/fuzz/logs/$target.log
   mkdir -p "build/fuzz/corpus/$target" "$artifacts" build/fuzz/logs
   echo "=== fuzz $target for ${seconds}s"
   started=$SECONDS
@@ -25,12 +22,8 @@ for target in "${targets[@]}"; do
   executions=$(sed -n 's/^stat::number_of_executed_units: *\([0-9]*\).*/\1/p' "$log" | tail -n 1)
   printf '%s %s %d %d\n' "$(date -u +%Y-%m-%dT%H:%M:%SZ)" "$target" "$((SECONDS - started))" "${executions:-0}" >>fuzz/hours.log
   failing=$(find "$artifacts" -maxdepth 1 -type f \( -name 'crash-*' -o -name 'leak-*' -o -name 'timeout-*' -o -name 'oom-*' \))
-  if [ -n "$failing" ]; then
-    echo "fuzz: $target left failing inputs:"
-    echo "$failing"
+  [ -z "$failing" ] || { status=1; printf 'fuzz: %s left failing inputs:\n%s\n' "$target" "$failing"
     echo "fuzz: copy each into fuzz/corpus/$target/ (a name saying what it hits); the ctest fuzz_replay_$target" \
-         "then replays it in the native and Windows builds. Replay one now with: build/native/fuzz/${target}_replay <file>"
-    status=1
-  fi
+         "then replays it in the native and Windows builds. Replay one now with: build/native/fuzz/${target}_replay <file>"; }
 done
 exit $status

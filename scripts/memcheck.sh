@@ -5,25 +5,19 @@
 # a test that fails or overruns.   Usage: scripts/memcheck.sh [test binary...]   (default: all three)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-tests=("$@")
-[ ${#tests[@]} -gt 0 ] || tests=(sntp_exchange_tests sntp_server_tests sntp_control_tests)
+[ $# -gt 0 ] || set -- sntp_exchange_tests sntp_server_tests sntp_control_tests
 cmake --preset memcheck >/dev/null
-cmake --build --preset memcheck -j "${NORVIK_JOBS:-2}" --target "${tests[@]}"
-logs=build/memcheck/valgrind
+cmake --build --preset memcheck -j "${NORVIK_JOBS:-2}" --target "$@"
+logs=build/memcheck/valgrind status=0
 mkdir -p "$logs"
-status=0
-for test in "${tests[@]}"; do
+for test in "$@"; do
   binary=$(find build/memcheck/tests -type f -name "$test" -perm -u+x | head -n 1)
   [ -n "$binary" ] || { echo "memcheck: no binary $test"; status=1; continue; }
   echo "=== memcheck $test"
-  started=$SECONDS
+  started=$SECONDS result=passed
   # Detached time threads may still sleep at exit ("possibly lost", no fault): only definite leaks count.
-  if timeout "${NORVIK_MEMCHECK_TIMEOUT:-900}" valgrind --leak-check=full --error-exitcode=1 \
-       --errors-for-leak-kinds=definite --log-file="$logs/$test.log" "$binary" >"$logs/$test.out" 2>&1; then
-    result=passed
-  else
-    result="FAILED (exit $?)"; status=1
-  fi
+  timeout "${NORVIK_MEMCHECK_TIMEOUT:-900}" valgrind --leak-check=full --error-exitcode=1 --errors-for-leak-kinds=definite \
+    --log-file="$logs/$test.log" "$binary" >"$logs/$test.out" 2>&1 || { result="FAILED (exit $?)"; status=1; }
   grep -h -E "^\[  (PASSED|FAILED)  \]" "$logs/$test.out" || true
   grep -h -E "ERROR SUMMARY|definitely lost" "$logs/$test.log" | sed 's/^==[0-9]*== */  /' || true
   echo "memcheck: $test $result in $((SECONDS - started)) s (valgrind log $logs/$test.log, test output $logs/$test.out)"

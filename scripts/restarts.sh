@@ -5,7 +5,5 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 minutes=${1:-60}
 bash scripts/setup.sh && cmake --preset windows >/dev/null && cmake --build --preset windows
-cd build/windows
-export RESTART_MINUTES="$minutes" RESTART_PREFIX=restarts-long-prefix
-exec timeout $(( ${minutes%.*} * 60 + 900 )) unshare -n bash -c \
-  'ip link set lo up && exec python3 ../../tests/e2e/restarts_e2e.py --build .'
+RESTART_MINUTES="$minutes" RESTART_PREFIX=restarts-long-prefix exec timeout $(( ${minutes%.*} * 60 + 900 )) \
+  unshare -n bash -c 'ip link set lo up && exec python3 tests/e2e/restarts_e2e.py --build build/windows'

@@ -2,12 +2,7 @@
 """SntpQuery.exe under Wine as a monitoring check against chrony (OK), a server 2 s ahead (WARNING or
 CRITICAL by the thresholds) and a silent address (UNKNOWN); what it and the trouble monitor refuse."""
 
-import os
-import re
-import shutil
-import subprocess
-import tempfile
-import unittest
+import os, re, shutil, subprocess, tempfile, unittest
 
 import winerig
 
@@ -26,7 +21,7 @@ class QueryTest(unittest.TestCase):
         cls.rig = winerig.Rig(build, os.path.join(build, "query-prefix"))
         cls.rig.boot(programs=())
         cls.addClassCleanup(cls.rig.shutdown)
-        cls.query = winerig.find_file(build, "SntpQuery.exe")
+        cls.query, cls.monitor = (winerig.find_file(build, name) for name in ("SntpQuery.exe", "TroubleMonitor.exe"))
         scratch = tempfile.mkdtemp(prefix="norvik-query-")
         cls.addClassCleanup(shutil.rmtree, scratch, ignore_errors=True)
         # chronyd -x never touches the clock; directives on its command line replace its configuration.
@@ -57,10 +52,9 @@ class QueryTest(unittest.TestCase):
                 offsets = sorted(float(m.group(2)) for m in matches)
                 self.assertTrue(low < offsets[0] and offsets[2] < high, lines)
                 summary = SUMMARY.match(lines[3])
-                self.assertIsNotNone(summary, lines[3])
-                self.assertEqual(offsets, [float(value) for value in summary.groups()])
-                self.assertTrue(lines[4].startswith(f"SNTP {word} - offset {offsets[1]:.3f} ms, delay "), lines[4])
-                self.assertIn(", 3 of 3 answered | offset=", lines[4])
+                self.assertEqual(offsets, [float(value) for value in summary.groups()] if summary else lines[3])
+                self.assertTrue(lines[4].startswith(f"SNTP {word} - offset {offsets[1]:.3f} ms, delay ")
+                                and ", 3 of 3 answered | offset=" in lines[4], lines[4])
 
     def test_no_answer_is_unknown(self):
         status, lines, _ = self.run_query(SILENT, "-n", "2", "-i", "0", "-t", "500", "--warn-ms", "1")
@@ -69,17 +63,15 @@ class QueryTest(unittest.TestCase):
                           f"SNTP UNKNOWN - no answer from {SILENT}, 0 of 2 answered: {NO_ANSWER}"], lines)
 
     def test_a_command_line_it_cannot_read_is_unknown(self):
-        monitor = winerig.find_file(winerig.RigTestCase.build, "TroubleMonitor.exe")
         for program, args, code in [
                 (None, ["--count", "0", CHRONY], 3), (None, [CHRONY, "--warn-ms", "5", "--crit-ms", "1"], 3),
-                (None, [], 3), (monitor, ["--count", "abc"], 2), (monitor, ["--seconds", "-1"], 2),
-                (monitor, ["--count", "5x"], 2), (monitor, ["--verbose"], 2)]:
+                (None, [], 3), (self.monitor, ["--count", "abc"], 2), (self.monitor, ["--seconds", "-1"], 2),
+                (self.monitor, ["--count", "5x"], 2), (self.monitor, ["--verbose"], 2)]:
             with self.subTest(program=program, args=args):
                 status, _, result = self.run_query(*args, program=program)
                 self.assertEqual(code, status)
                 self.assertIn("usage: " + ("TroubleMonitor" if program else "SntpQuery"), result.stderr)
-                if program is None:
-                    self.assertEqual("", result.stdout)
+                self.assertEqual("", result.stdout if program is None else "")
         status, _, result = self.run_query("--help")
         self.assertEqual(0, status)
         for word in ("--count", "--interval", "--warn-ms", "--crit-ms", "0 ok, 1 warning, 2 critical, 3 unknown"):

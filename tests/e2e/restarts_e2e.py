@@ -4,25 +4,22 @@ minute's re-check): "command 128" right after start, amid another restart, anywh
 answers again within seconds; threads come back to rest, handles stay flat, no trouble is raised,
 the stop completes. RESTART_MINUTES (default 3) sets how long; scripts/restarts.sh runs an hour."""
 
-import os
-import random
-import threading
-import time
+import os, random, re, threading, time
 
 import winerig
-from winerig import RUNNING, SERVICE, STOPPED, linux_figures, wait_for_server
-
-PERFORMED = (0, "Service command performed...")
+from winerig import PERFORMED, RUNNING, SERVICE, STOPPED, linux_figures, wait_for_server
 
 
 class RestartsUnderLoad(winerig.RigTestCase):
     prefix_name = os.environ.get("RESTART_PREFIX", "restarts-prefix")
 
     def resting(self):
-        """(threads, handles) once a restart has settled: the same twice in a row, or the last seen."""
+        """(threads, handles) of the service as Windows counts them once a restart has settled: the
+        same twice in a row, or the last seen."""
         now = None
         for _ in range(15):
-            last, now = now, self.rig.probe()
+            match = re.search(r"threads (\d+) handles (\d+)", self.rig.wine(winerig.PROBE, "NorvikTime.exe").stdout)
+            last, now = now, match and (int(match.group(1)), int(match.group(2)))
             if now is not None and now == last:
                 break
             time.sleep(2)
@@ -40,11 +37,9 @@ class RestartsUnderLoad(winerig.RigTestCase):
         wait_for_server("127.0.0.1", 20)
         load = winerig.SteadyLoad(20, minutes * 60 + 180)
         self.addCleanup(load.stop)
-        rest = self.resting()
-        pid = winerig.service_pid(rig)
+        rest, pid = self.resting(), winerig.service_pid(rig)
         start = linux_figures(pid)
-        restarts = overlapping = 0
-        slowest = 0.0
+        restarts = overlapping = slowest = 0
         deadline = time.monotonic() + minutes * 60
         while time.monotonic() < deadline:
             time.sleep(chance.uniform(0.0, 5.0))

@@ -3,11 +3,7 @@
 service installs, chrony's query answers, SntpQuery shows it alive at the start and every 30 s,
 and the end removes it cleanly, with no complaint on the way."""
 
-import os
-import re
-import subprocess
-import sys
-import unittest
+import os, re, subprocess, sys, unittest
 
 import winerig
 

@@ -1,20 +1,8 @@
 """A Wine prefix laid out as a Norvik installation, the service driven through Wine's real service
 control manager, the trouble monitor standing in for the workstation, and SNTP peers on loopback:
-the end-to-end tests' rig, also used by scripts/run_service.py."""
+the end-to-end tests' rig, also used by scripts/run_service.py and scripts/clock_error.py."""
 
-import argparse
-import json
-import os
-import re
-import shutil
-import socket
-import struct
-import subprocess
-import sys
-import tempfile
-import threading
-import time
-import unittest
+import argparse, json, os, re, shutil, socket, struct, subprocess, sys, tempfile, threading, time, unittest
 from pathlib import Path
 
 WINE, WINESERVER = "/usr/lib/wine/wine64", "/usr/lib/wine/wineserver"
@@ -23,34 +11,25 @@ TIME_DIR, SYSTEM_DIR = "C:\\Norvik\\Applications\\Time", "C:\\Norvik\\Applicatio
 EXE, MONITOR, STAND_IN, PROBE = (f"{TIME_DIR}\\{name}.exe" for name in
                                  ("NorvikTime", "TroubleMonitor", "StandInService", "ProcessProbe"))
 STOPPED, RUNNING, NOT_INSTALLED = 1, 4, "not installed"
+PERFORMED = (0, "Service command performed...")
+FIRST_EXCHANGE = (59 - 1, 118 + 6)  # s from the client's start: 59..118, widened for Wine's start
 NTP_UNIX_OFFSET = 2208988800
 SO_TIMESTAMPNS = 35  # Linux: the kernel's receive time of each datagram
 SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+QUIET = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
 
 
 def find_file(build, name):
     """Where the build puts a file a rig installs (stale copies lie elsewhere, so nothing is searched)."""
-    folder = {"res1033.dll": "config", "StandInService.exe": "tests/service", "ProcessProbe.exe": "tests/service"}
-    return os.path.join(build, folder.get(name, "."), name)
-
-
-def shipped_texts(language):
-    """{message id: text} from config/res<language>.rc, the source of the library."""
-    lines = re.findall(r'^\s*(\d+),\s*L?"(.*)"\s*$', Path(SOURCE, "config", f"res{language}.rc").read_text("utf-8"), re.M)
-    return {int(number): text.replace('""', '"') for number, text in lines}
-
-
-def report_text(code, language=1033):
-    """The text of a trouble code (1..8) as the workstation receives it: cut at 81 UTF-16 units."""
-    return shipped_texts(language)[6203 + code][:81]
+    return os.path.join(build, "config" if name.startswith("res") else "tests/service" if name in (
+        "StandInService.exe", "ProcessProbe.exe") else ".", name)
 
 
 def wait_until(check, timeout, what, every=0.2):
     """check()'s first true value within timeout seconds; what (text or callable) says what failed."""
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
-        value = check()
-        if value:
+        if value := check():
             return value
         time.sleep(every)
     raise AssertionError(f"{what() if callable(what) else what}: not within {timeout} s")
@@ -58,9 +37,8 @@ def wait_until(check, timeout, what, every=0.2):
 
 class Rig:
     def __init__(self, build, prefix):
-        self.build, self.prefix = os.path.abspath(build), os.path.abspath(prefix)
+        self.build, self.prefix, self.persistent = os.path.abspath(build), os.path.abspath(prefix), None
         self.env = dict(os.environ, WINEPREFIX=self.prefix, WINEDEBUG="-all", WINEDLLOVERRIDES="mscoree,mshtml=")
-        self.persistent = None
         self.setting = self.host_path("C:\\Norvik\\Data\\System\\Vantor.dat")
 
     def host_path(self, windows_path):
@@ -76,14 +54,13 @@ class Rig:
         if fresh and os.path.isdir(self.prefix):
             self.wineserver("-k")
             shutil.rmtree(self.prefix)
-        quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         if not os.path.isdir(os.path.join(self.prefix, "drive_c")):
             # No pipes: what wineboot leaves running would inherit them. Services its manager
             # started cannot reach that manager again, so the prefix comes down and up again.
-            subprocess.run([WINE, "wineboot", "-i"], env=self.env, timeout=300, **quiet)
+            subprocess.run([WINE, "wineboot", "-i"], env=self.env, timeout=300, **QUIET)
             self.wineserver("-k")
             self.wineserver("-w")
-        self.persistent = subprocess.Popen([WINESERVER, "-p", "-f"], env=self.env, **quiet)
+        self.persistent = subprocess.Popen([WINESERVER, "-p", "-f"], env=self.env, **QUIET)
         time.sleep(1)
         # The first process to open the manager starts it, and its services inherit that process's
         # environment and standard error. Wine's clock channel is on there alone: a refused
@@ -104,17 +81,11 @@ class Rig:
         text = Path(self.manager_log).read_text(errors="replace")
         return [int(n) for n in re.findall(r"NtSetSystemTime not allowed: difference (-?\d+) ms", text)]
 
-    def probe(self):
-        """(threads, handles) of the running service as Windows counts them, or None."""
-        match = re.search(r"threads (\d+) handles (\d+)", self.wine(PROBE, "NorvikTime.exe", timeout=60).stdout)
-        return match and (int(match.group(1)), int(match.group(2)))
-
     def shutdown(self):
         self.wineserver("-k")
         if self.persistent is not None:
-            self.persistent.kill()
-            self.persistent.wait()
-            self.persistent = None
+            self.persistent.kill(), self.persistent.wait()
+        self.persistent = None
 
     def wine(self, *args, timeout=120):
         # Output through files: a long-lived process it starts (the manager, a service) would
@@ -128,8 +99,7 @@ class Rig:
 
     def norvik(self, *args):
         """Runs a command word; returns (exit code, standard output)."""
-        result = self.wine(EXE, *args)
-        return result.returncode, result.stdout
+        return (result := self.wine(EXE, *args)).returncode, result.stdout
 
     def sc(self, *args):
         return self.wine("sc", *args, timeout=60)
@@ -150,17 +120,8 @@ class Rig:
 
     def write_setting(self, value):
         """Vantor.dat with SNTP_IP = value; None removes the file."""
-        if value is None:
-            Path(self.setting).unlink(missing_ok=True)
-        else:
-            Path(self.setting).write_text(f"# Norvik platform settings\nSNTP_IP {value}\n")
-
-    def registry_dword(self, key, value):
-        match = re.search(r"REG_DWORD\s+0x([0-9a-fA-F]+)", self.wine("reg", "query", key, "/v", value).stdout)
-        return int(match.group(1), 16) if match else None
-
-    def set_registry_dword(self, key, value, data):
-        self.wine("reg", "add", key, "/v", value, "/t", "REG_DWORD", "/d", str(data), "/f")
+        (Path(self.setting).unlink(missing_ok=True) if value is None
+         else Path(self.setting).write_text(f"# Norvik platform settings\nSNTP_IP {value}\n"))
 
 
 class Monitor:
@@ -170,14 +131,15 @@ class Monitor:
         self.output = tempfile.TemporaryFile("w+")
         self.process = subprocess.Popen([WINE, MONITOR, "--json"], env=rig.env, stdin=subprocess.DEVNULL,
                                         stdout=self.output, stderr=subprocess.STDOUT)
-        wait_until(lambda: any("listening" in line for line in self.lines()), 30, "the trouble monitor listening")
+        wait_until(lambda: "listening" in self.text(), 30, "the trouble monitor listening")
 
-    def lines(self):
+    def text(self):
         self.output.seek(0)
-        return [line for line in self.output.read().splitlines(keepends=True) if line.endswith("\n")]
+        return self.output.read()
 
     def snapshot(self):
-        return [json.loads(line) for line in self.lines() if line.startswith("{")]
+        return [json.loads(line) for line in self.text().splitlines(keepends=True)
+                if line.startswith("{") and line.endswith("\n")]
 
     def wait_for(self, predicate, timeout):
         """The reports, once predicate(reports) holds."""
@@ -185,9 +147,7 @@ class Monitor:
                           lambda: f"reports {self.snapshot()}")
 
     def stop(self):
-        self.process.kill()
-        self.process.wait()
-        self.output.close()
+        self.process.kill(), self.process.wait(), self.output.close()
 
 
 def ntp_now(ahead=0.0, at=None):
@@ -198,10 +158,10 @@ def ntp_now(ahead=0.0, at=None):
 def sntp_request(host, first_byte=0x1B, length=48, poll=6, timeout=1.0):
     """Sends one request to host:123; returns (answer bytes or None, our transmit stamp)."""
     stamp = ntp_now()
-    request = (bytes([first_byte, 0, poll]) + bytes(37) + struct.pack(">Q", stamp) + bytes(8))[:length]
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
         sock.settimeout(timeout)
-        sock.sendto(request, (host, 123))
+        sock.sendto((bytes([first_byte, 0, poll]) + bytes(37) + struct.pack(">Q", stamp) + bytes(8))[:length],
+                    (host, 123))
         try:
             return sock.recvfrom(512)[0], stamp
         except socket.timeout:
@@ -212,14 +172,17 @@ def wait_for_server(host, timeout):
     return wait_until(lambda: sntp_request(host, timeout=0.5)[0], timeout, f"an SNTP answer from {host}:123", 0)
 
 
-class Peer(threading.Thread):
-    """A UDP socket on address:123 whose thread hands each datagram to handle(request, sender)."""
+class FakeSntpServer(threading.Thread):
+    """A good version-3 stratum-2 server on address:123 whose clock is this host's plus ahead seconds.
+    Records each request (monotonic time, bytes) and, per answer, the seconds from the request's
+    arrival (the kernel's time) to its stamps: a client adding half the round trip is ahead of this
+    clock by half of that. A subclass's handle(request, sender) may answer otherwise."""
 
-    def __init__(self, address, reuse=False):
+    def __init__(self, address, ahead=0.0, reuse=False):
         super().__init__(daemon=True)
+        self.ahead, self.requests, self.lateness = ahead, [], []
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, int(reuse))
-        # The kernel's arrival time of each datagram, so that a peer knows how late it got to it.
         self.sock.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
         self.sock.bind((address, 123))
         self.sock.settimeout(0.2)
@@ -233,26 +196,14 @@ class Peer(threading.Thread):
                 continue
             except OSError:
                 return  # closed
-            self.arrival = time.time()
-            for level, kind, data in ancillary:
-                if (level, kind) == (socket.SOL_SOCKET, SO_TIMESTAMPNS) and len(data) >= 16:
-                    seconds, nanoseconds = struct.unpack("qq", data[:16])
-                    self.arrival = seconds + nanoseconds / 1e9
+            stamps = [struct.unpack("qq", data[:16]) for _, kind, data in ancillary if kind == SO_TIMESTAMPNS]
+            self.arrival = stamps[0][0] + stamps[0][1] / 1e9 if stamps else time.time()
             self.handle(request, sender)
 
     def close(self):
         self.sock.close()
         self.join(timeout=5)
 
-
-class FakeSntpServer(Peer):
-    """A good version-3 stratum-2 server whose clock is this host's plus ahead seconds. Records each
-    request (monotonic time, bytes) and, per answer, the seconds from the request's arrival to its
-    stamps: a client adding half the round trip is ahead of this clock by half of that."""
-
-    def __init__(self, address, ahead=0.0):
-        self.ahead, self.requests, self.lateness = ahead, [], []
-        super().__init__(address)
 
     def handle(self, request, peer):
         self.requests.append((time.monotonic(), request))
@@ -262,33 +213,6 @@ class FakeSntpServer(Peer):
             receive = ntp_now(self.ahead, stamped)
             self.sock.sendto(bytes([0x1C, 2, 0, 0xEC]) + bytes(8) + socket.inet_aton("127.0.0.1") + bytes(8)
                              + request[40:48] + struct.pack(">QQ", receive, receive), peer)
-
-
-class SntpRelay(Peer):
-    """Passes requests from address:123 to upstream:123 and back, recording (monotonic time, request,
-    answer or None). A client here must name an address not this host's, and the server answers
-    from 127.0.0.1 whatever address it was asked at."""
-
-    def __init__(self, address, upstream):
-        self.upstream, self.exchanges = upstream, []
-        self.forward = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.forward.bind((address, 0))
-        self.forward.settimeout(2.0)
-        super().__init__(address, reuse=True)  # beside the server's wildcard socket, which reuses too
-
-    def handle(self, request, client):
-        arrived, answer = time.monotonic(), None
-        try:
-            self.forward.sendto(request, (self.upstream, 123))
-            answer = self.forward.recvfrom(512)[0]
-            self.sock.sendto(answer, client)
-        except OSError:
-            pass  # recorded with no answer
-        self.exchanges.append((arrived, request, answer))
-
-    def close(self):
-        super().close()
-        self.forward.close()
 
 
 def chrony_query(address, timeout=30):
@@ -309,14 +233,13 @@ def service_pid(rig):
                 return int(pid)
         except OSError:
             pass
-    return None
 
 
 def linux_figures(pid):
     """Resident memory, tasks and descriptors (Wine's host side of its handles) of a process."""
     rss = re.search(r"^VmRSS:\s*(\d+)", Path(f"/proc/{pid}/status").read_text(), re.M).group(1)
-    tasks, fds = (len(os.listdir(f"/proc/{pid}/{folder}")) for folder in ("task", "fd"))
-    return {"rss_kb": int(rss), "threads": tasks, "fds": fds}
+    return {"rss_kb": int(rss), "threads": len(os.listdir(f"/proc/{pid}/task")),
+            "fds": len(os.listdir(f"/proc/{pid}/fd"))}
 
 
 class SteadyLoad(threading.Thread):
@@ -325,8 +248,7 @@ class SteadyLoad(threading.Thread):
 
     def __init__(self, clients, seconds):
         super().__init__(daemon=True)
-        self.sent = self.answered = 0
-        self.deadline = time.monotonic() + seconds
+        self.sent, self.answered, self.deadline = 0, 0, time.monotonic() + seconds
         self.socks = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(clients)]
         for host, sock in enumerate(self.socks, start=2):
             sock.bind((f"127.0.0.{host}", 0))
