@@ -105,8 +105,11 @@ class Rig:
         return self.wine("sc", *args, timeout=60)
 
     def state(self, name=SERVICE):
-        match = re.search(r"STATE\s*:\s*(\d+)", self.sc("query", name).stdout)
-        return int(match.group(1)) if match else NOT_INSTALLED
+        for _ in range(2):  # under load a reply can come back cut short: not installed only if twice so
+            match = re.search(r"STATE\s*:\s*(\d+)", self.sc("query", name).stdout)
+            if match:
+                return int(match.group(1))
+        return NOT_INSTALLED
 
     def wait_state(self, wanted, name=SERVICE, timeout=30.0):
         wait_until(lambda: self.state(name) == wanted, timeout, f"{name}: state {wanted}", every=0.3)
