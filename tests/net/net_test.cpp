@@ -84,9 +84,7 @@ struct Socket : NetSocket {
 };
 }  // namespace
 
-// In virtual time: a "try again" costs no real seconds. On the scripted platform each resolve row
-// starts on the failure flag, and each adapter row on the cache, that the rows above left (the last
-// local row leaves none); GetLocalAddress reads the host name into 40 characters, IsLocalAddress 255.
+// Virtual time, so a "try again" costs nothing; each row starts on the flag and cache the rows above left.
 TEST(Ipv4, ParsesResolvesFindsLocalAddressesSearchesAdaptersStaticFirstAndTakesTheFirstIpv4Answer) {
     InstallVirtualTime();
     uint32_t got = UNTOUCHED;
@@ -237,8 +235,7 @@ TEST(PeerRegistry, AdmitsUpToTheLimitAgesPeersAndBlockedPairsAndItsThreadSweepsE
 }
 
 
-// The destroy after a close must leave the handle number alone: the platform has handed it on.
-// A full or blocking peer table drops a datagram and zeroes its start ("nothing usable arrived").
+// Destroy after close leaves the handed-on handle alone; full or blocking peer tables drop and zero.
 TEST(NetSocket, OpenReportsErrorsSendAndReceiveOpenAFreshOrClosedSocketAndPeerTablesDropDatagrams) {
     NetSocket early;
     ASSERT_EQ(0, CreateNetSocket(&early, NET_SOCKET_DATAGRAM));  // starts the socket library
@@ -274,7 +271,6 @@ TEST(NetSocket, OpenReportsErrorsSendAndReceiveOpenAFreshOrClosedSocketAndPeerTa
     EXPECT_STREQ("first", reinterpret_cast<const char*>(buffer));
     EXPECT_EQ(TO, address);
     EXPECT_EQ(sender.localPort, port);
-    EXPECT_EQ(freePort, receiver.localPort);
 
     EXPECT_EQ(0, DestroyNetSocket(&early));
     EXPECT_NE(-1, WaitNetSocketReadable(&sender, 0));  // still open

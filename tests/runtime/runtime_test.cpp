@@ -45,15 +45,13 @@ TEST(VirtualTime, TimersStartRestartAndExpireAcrossTheWrapAndTheDriverCarriesClo
     EXPECT_EQ(1234u, RecordedRandomSeed());
     RemoveVirtualTime();
 
-    // The system's own sequence on every build: values above 32767 would throw the client's
-    // start delay out of 60..119 s.
+    // The system's own sequence on every build: above 32767 the client's start delay leaves 60..119 s.
     systemDriver.seedRandom(1);
     for (const int32_t expected : {41, 18467, 6334, 26500, 19169, 15724, 11478, 29358}) {
         EXPECT_EQ(expected, systemDriver.nextRandom());
     }
 }
 
-// Locks are recursive for their owner and exclude others.
 TEST(ThreadsDeathTest, LocksAreRecursiveStartDeliversTheWholeArgumentAndAnEscapingExceptionExitsWithOne) {
     Lock lock;
     ASSERT_EQ(0, InitLock(&lock));

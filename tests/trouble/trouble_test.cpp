@@ -65,7 +65,6 @@ TEST(PtrList, InsertsEqualKeysByTheFlagFindsTheFirstEqualRefusesWhatItCannotHold
 
     PtrList* list = CreatePtrList(nullptr);
     EXPECT_EQ(InsertOrderedPtrList(list, &entries[0], nullptr), 1);  // no comparator
-    EXPECT_EQ(FindPtrList(list, &entries[0]), nullptr);
     EXPECT_EQ(PopFrontPtrList(list), nullptr);
     // Popping the only node must clear the tail too, or the next push links behind the freed node.
     ASSERT_EQ(PushPtrList(list, &entries[1]), 0);
@@ -113,8 +112,7 @@ TEST(TroubleQueue, DeliversInQueueOrderWithTextsCutTo255UnitsDiscardsWithoutASin
     DrainTroubles();
     EXPECT_EQ(QueueTrouble(nullptr), 1);
 
-    // Producers on other threads push while the sink runs: nothing is lost or duplicated (nor
-    // does the record drained without a sink come back), and each producer's arrive in its order.
+    // Producers push while the sink runs: nothing lost, duplicated or back from the drain without a sink.
     SetReportCallback(RecordReport);
     const uint32_t PRODUCERS = 4, EACH = 400;
     reports.clear();
