@@ -41,9 +41,6 @@ void RecordReport(const char16_t* source, uint32_t kind, uint32_t code, uint32_t
     std::this_thread::yield();  // a slow sink holds troubleLock, so producers queue up behind it
 }
 
-int32_t Queue(const std::u16string& source, const std::u16string& text, uint32_t code, uint32_t state) {
-    return QueueTrouble(NewTroubleRecord(source.c_str(), text.c_str(), code, state));
-}
 }  // namespace
 
 TEST(PtrList, InsertsEqualKeysByTheFlagFindsTheFirstEqualRefusesWhatItCannotHoldAndKeepsCursorsPastRemovals) {
@@ -96,9 +93,9 @@ TEST(TroubleQueue, DeliversInQueueOrderWithTextsCutTo255UnitsDiscardsWithoutASin
     CreateTroubleQueue();
     SetReportCallback(RecordReport);
     const std::u16string longSource(300, u's'), longText(300, u't');
-    ASSERT_EQ(Queue(u"SNTP", u"A", 7, TROUBLE_SET), 0);
-    ASSERT_EQ(Queue(u"SNTP", u"B", 8, TROUBLE_CLEARED), 0);
-    ASSERT_EQ(Queue(longSource, longText, 9, TROUBLE_SET), 0);
+    ASSERT_EQ(QueueTrouble(NewTroubleRecord(u"SNTP", u"A", 7, TROUBLE_SET)), 0);
+    ASSERT_EQ(QueueTrouble(NewTroubleRecord(u"SNTP", u"B", 8, TROUBLE_CLEARED)), 0);
+    ASSERT_EQ(QueueTrouble(NewTroubleRecord(longSource.c_str(), longText.c_str(), 9, TROUBLE_SET)), 0);
     DrainTroubles();
     // Kind 51, set 255 and cleared 0 are the workstation application's numbers.
     EXPECT_EQ(reports, (std::vector<Report>{{u"SNTP", 51, 7, 255, u"A"}, {u"SNTP", 51, 8, 0, u"B"},
@@ -108,18 +105,19 @@ TEST(TroubleQueue, DeliversInQueueOrderWithTextsCutTo255UnitsDiscardsWithoutASin
     // Without a sink the drain frees the record (the leak checker of the native build watches).
     SetReportCallback(nullptr);
     EXPECT_EQ(TroubleSinkInstalled(), 0);
-    ASSERT_EQ(Queue(u"SNTP", u"lost", 7, TROUBLE_SET), 0);
+    ASSERT_EQ(QueueTrouble(NewTroubleRecord(u"SNTP", u"lost", 7, TROUBLE_SET)), 0);
     DrainTroubles();
     EXPECT_EQ(QueueTrouble(nullptr), 1);
 
-    // Producers push while the sink runs: nothing lost, duplicated or back from the drain without a sink.
+    // Producers push while the sink runs: none lost, doubled or back from the sinkless drain; each in order.
     SetReportCallback(RecordReport);
     const uint32_t PRODUCERS = 4, EACH = 400;
     reports.clear();
     std::vector<std::thread> producers;
     for (uint32_t producer = 0; producer < PRODUCERS; ++producer) {
         producers.emplace_back([producer] {
-            for (uint32_t n = 0; n < EACH; ++n) EXPECT_EQ(0, Queue(u"", u"", producer * 100000 + n, TROUBLE_SET));
+            for (uint32_t n = 0; n < EACH; ++n)
+                EXPECT_EQ(0, QueueTrouble(NewTroubleRecord(u"", u"", producer * 100000 + n, TROUBLE_SET)));
         });
     }
     for (uint32_t pass = 0; pass < 1000000 && reports.size() < PRODUCERS * EACH; ++pass) DrainTroubles();
