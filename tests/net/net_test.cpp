@@ -7,7 +7,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <thread>
 
 #include "net/ipv4.h"
@@ -69,7 +68,7 @@ struct TableOwner : NetSocket {
     ~TableOwner() { UnregisterPeerSocket(this); }
 };
 
-bool WaitUntil(const std::function<bool()>& reached) {
+template <class Reached> bool WaitUntil(const Reached& reached) {
     for (int tick = 0; tick < 10000 && !reached(); ++tick) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return reached();
 }
