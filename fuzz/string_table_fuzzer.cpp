@@ -8,7 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FILE* file = tmpfile();  // not fmemopen, which Windows (where the replay also runs) lacks
-    if (file == nullptr || fwrite(data, 1, size, file) != size || fseek(file, 0, SEEK_SET) != 0) abort();  // never read, never passed
+    if (file == nullptr || fwrite(data, 1, size, file) != size || fseek(file, 0, SEEK_SET) != 0) abort();  // unread: no pass
     char16_t** table = ReadStringTable(file);
     FreeStringTable(table, MessageTextCount());
     return 0;

@@ -35,7 +35,10 @@ struct OpenStore {
     ConfigFile file;
     explicit OpenStore(const std::string& path) { OpenConfigFile(&file, path.empty() ? nullptr : path.c_str()); }
     ~OpenStore() { CloseConfigFile(&file); }
-    std::string Get(const std::string& key) { char v[8192]; return GetConfigString(&file, key.c_str(), v, sizeof v, DEFAULT_TEXT); }
+    std::string Get(const std::string& key) {
+        char v[8192];
+        return GetConfigString(&file, key.c_str(), v, sizeof v, DEFAULT_TEXT);
+    }
 };
 
 struct ConfigFileTest : testing::Test {

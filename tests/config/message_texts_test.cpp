@@ -78,7 +78,7 @@ TEST_F(MessageTextsTest, ShippedLibraryAnswersLookupsAndWithoutACandidateNothing
     ASSERT_NE(FindResourceDll(1033, nullptr), nullptr);
     EXPECT_EQ(InitMessageTextsFor(1033), 0);
     EXPECT_EQ(Lookup(6205), NO_RESPONSE);
-    for (uint32_t id : {6203u, SHIPPED_TEXT_COUNT, 0xFFFFFFFFu}) EXPECT_EQ(Lookup(id), u"default") << id;  // an empty slot, ids at or past the count
+    for (uint32_t id : {6203u, SHIPPED_TEXT_COUNT, ~0u}) EXPECT_EQ(Lookup(id), u"default") << id;  // empty, at, past count
     char16_t text[4] = u"xxx";  // a missing text with no default is "", even in a buffer said to hold nothing
     EXPECT_EQ(GetMessageText(42, text, 0, nullptr), text);
     EXPECT_EQ(std::u16string(text, 3), u"\0xx"s);
