@@ -1,7 +1,5 @@
-// Fuzzes the configuration file store: the input becomes a file that is loaded and saved unchanged,
-// twice, then with one key set. For any input, beyond crashes, leaks and undefined behaviour: every
-// save succeeds and ends its lines with a line break; a well-formed file with distinct keys comes
-// back from an unchanged save as it was, and reloads after any save with the entries the store held.
+// Fuzzes the config store: the input is loaded and saved unchanged twice, then with a key set. Every save
+// succeeds and ends its lines; a well-formed file with distinct keys survives an unchanged save and reloads.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -17,8 +15,7 @@ namespace {
 #define CHECK(condition) \
     ((condition) ? (void)0 : (fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition), abort()))
 
-// A directory of this process's own (no mkdtemp on Windows, where the replay also runs), left
-// behind only by a failing input.
+// This process's own directory (no mkdtemp on Windows, where the replay also runs).
 const std::filesystem::path scratch =
     std::filesystem::temp_directory_path() / ("config_file_fuzzer." + std::to_string(std::random_device()()));
 
@@ -29,11 +26,8 @@ std::string ReadText(const std::string& path) {  // in text mode, as the store r
 
 // Every line ends with a line break and fits the line buffer (a longer line is read as two).
 bool IsWellFormed(const std::string& text) {
-    for (size_t start = 0, end; start < text.size(); start = end + 1) {
-        if ((end = text.find('\n', start)) == std::string::npos || end - start + 1 > 4146) {
-            return false;
-        }
-    }
+    for (size_t start = 0, end; start < text.size(); start = end + 1)
+        if ((end = text.find('\n', start)) == std::string::npos || end - start + 1 > 4146) return false;
     return true;
 }
 
