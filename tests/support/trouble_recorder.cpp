@@ -3,6 +3,7 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "sntp/sntp_troubles.h"
 #include "trouble/trouble_queue.h"
@@ -24,28 +25,24 @@ void RecordTrouble(const char16_t*, uint32_t, uint32_t, uint32_t state, const ch
 }
 }  // namespace
 
-void StartTroubleRecorder() {
-    CreateTroubleQueue();
+void StopTroubleRecorder() {
     SetReportCallback(nullptr);
     DrainTroubles();  // without a sink: discarded
     troubleMask = 0;
+}
+
+void StartTroubleRecorder() {
+    CreateTroubleQueue();
+    StopTroubleRecorder();
     {
         std::lock_guard<std::mutex> hold(seenMutex);
         seen.clear();
     }
-    SetReportCallback(RecordTrouble);
-}
-
-void StopTroubleRecorder() {
-    SetReportCallback(nullptr);
-    DrainTroubles();
-    troubleMask = 0;
+    SetReportCallback(RecordTrouble);  // outside seenMutex: a drain takes the two locks the other way
 }
 
 std::vector<SeenTrouble> TakeTroubles() {
     DrainTroubles();
     std::lock_guard<std::mutex> hold(seenMutex);
-    std::vector<SeenTrouble> taken;
-    taken.swap(seen);
-    return taken;
+    return std::exchange(seen, {});
 }
