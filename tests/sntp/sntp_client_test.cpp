@@ -1,11 +1,8 @@
-// The client thread's schedule in virtual time: a fake exchange records when it was called, with
-// which time-out and troubles, and moves the virtual clock by the wait a real exchange would take.
-// Each test runs the thread until its first countdown sleep after a given number of exchanges.
+// The client thread's schedule in virtual time: a fake exchange records when it was called, with which
+// time-out and troubles, and moves the virtual clock by the wait a real exchange would take.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <functional>
 #include <thread>
 #include <tuple>
 
@@ -18,11 +15,9 @@
 
 namespace {
 const uint64_t S = 1000;  // one second in milliseconds
-// 2026-01-01 00:00:00.5 UTC: the listener rounds it up to the next whole second.
-const NtpTimestamp SERVER_TIME = (3976214400ULL << 32) + 0x80000000ULL;
+const NtpTimestamp SERVER_TIME = (3976214400ULL << 32) + 0x80000000ULL;  // 2026-01-01 00:00:00.5 UTC: rounded up
 const NtpTimestamp SERVER_DELAY = 0x00000000028F5C28ULL;  // 10 ms
 
-// Used on the client thread only, and read by the test after it was joined.
 std::vector<SntpResult> script;  // results in order; the last one repeats
 std::vector<uint64_t> callAt;    // virtual time as each exchange began
 std::vector<int32_t> callTimeout;
@@ -46,8 +41,7 @@ bool WaitFor(const std::function<bool()>& condition) {
     return condition();
 }
 
-// Runs the client thread in fresh virtual time until its first countdown sleep after count
-// exchanges (or after three virtual days), where it is stopped; then resets the hooks.
+// Runs the client in fresh virtual time to its first countdown sleep after count exchanges (or three days).
 void RunClient(std::vector<SntpResult> results, size_t count, std::vector<int32_t> randoms = {0, 0}) {
     NtpInitEpoch(), InstallVirtualTime(), QueueRandomValues(randoms), StartTroubleRecorder();
     SetSntpExchanger(FakeExchange), script = results, callAt.clear(), callTimeout.clear(), callMask.clear();
@@ -64,8 +58,7 @@ void RunClient(std::vector<SntpResult> results, size_t count, std::vector<int32_
 }  // namespace
 
 TEST(SntpClient, TheStartDelayComesFromTheSecondRandomValueAndAStoredOneCutsIt) {
-    // Countdowns of 60 and 119 mean 59 and 118 one-second sleeps; the first value is discarded.
-    // syncCountdown is set to stored in the sleep that begins at askAt.
+    // Countdowns of 60 and 119 mean 59 and 118 sleeps; syncCountdown is set to stored in the sleep at askAt.
     const struct { std::vector<int32_t> randoms; uint64_t askAt; int32_t stored; uint64_t firstAt; } cases[] = {
         {{32767, 0}, UINT64_MAX, 1, 59 * S}, {{0, 32767}, UINT64_MAX, 1, 118 * S},
         {{0, 32767}, 10 * S, 1, 11 * S}, {{0, 32767}, 10 * S, 0, 12 * S}};  // 0 counts as 1
@@ -81,8 +74,7 @@ TEST(SntpClient, TheStartDelayComesFromTheSecondRandomValueAndAStoredOneCutsIt) 
 }
 
 TEST(SntpClient, ASilentServerGetsFiveAttemptsThenTroubleTwoAndANewLadderLater) {
-    // Each silent attempt takes its time-out plus one step: 5.5, 60.5, 120.5, 240.5, 480.5 s; the
-    // next ladder begins 1199 s after the first ended.
+    // Each silent attempt takes its time-out plus a step; the next ladder begins 1199 s after the first ended.
     RunClient({SNTP_NO_RESPONSE}, 10);
     const uint64_t next = 59000 + 907500 + 1199000;
     EXPECT_EQ((std::vector<uint64_t>{59000, 64500, 125000, 245500, 486000, next, next + 5500, next + 66000,
@@ -95,22 +87,20 @@ TEST(SntpClient, ASilentServerGetsFiveAttemptsThenTroubleTwoAndANewLadderLater) 
     EXPECT_EQ(0, synchronised.load());
 }
 
-// An unusable answer raises its trouble at once and again at each attempt twenty minutes apart;
-// a success sets the clock, clears only trouble 2 and waits a day.
+// An unusable answer raises its trouble at each attempt; a success sets the clock, clears trouble 2, waits a day.
 TEST(SntpClient, FailuresRetryEveryTwentyMinutesAndASuccessWaitsADay) {
     SetTimeSetListener([](int64_t unixSeconds) { listenedTime = unixSeconds; });
     RunClient({SNTP_INCONSISTENT_ADDRESS, SNTP_INCONSISTENT_ADDRESS, SNTP_OK, SNTP_OK}, 4);
     const uint64_t third = 59000 + 2 * 1199000;
     EXPECT_EQ((std::vector<uint64_t>{59000, 59000 + 1199000, third, third + 86399000}), callAt);
     EXPECT_EQ((std::vector<int32_t>{5000, 5000, 5000, 5000}), callTimeout);
-    // Each success clears trouble 2, reported because trouble 6 is active; trouble 6 stays.
+    // Each success clears trouble 2 (reported, as trouble 6 is active); trouble 6 stays.
     const SeenTrouble raised{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared{SNTP_NO_RESPONSE, TROUBLE_CLEARED};
     EXPECT_EQ((std::vector<SeenTrouble>{raised, raised, cleared, cleared}), TakeTroubles());
     EXPECT_EQ(1u << SNTP_INCONSISTENT_ADDRESS, troubleMask.load());
     EXPECT_EQ(std::make_tuple(SNTP_OK, 1, SERVER_TIME, SERVER_DELAY, 3u),  // for SntpSyncNow and the server
               std::make_tuple(lastResult.load(), synchronised.load(), lastSyncTime.load(), lastDelay.load(),
                               upstreamStratum.load()));
-    // Set outright to the estimate, once per success.
     EXPECT_EQ(std::vector<int64_t>(2, NtpToFileTime(SERVER_TIME)), RecordedClockSettings());
     EXPECT_EQ(1767225601, listenedTime.load());
 }

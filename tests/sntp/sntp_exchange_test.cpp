@@ -1,13 +1,9 @@
-// The client exchange against peers on loopback: the order of the answer checks, each result code
-// from a scripted fake server on port 123, name resolution, the stop request, the clock set to the
-// server's time, and the time from chrony serving the host's own clock.
+// The client exchange: the order of the answer checks, each result code from a fake server on port 123,
+// name resolution, the stop, the clock set to the server's time, and chrony serving the host's clock.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstring>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "net/net_test_seams.h"
 #include "runtime/runtime_test_seams.h"
@@ -33,8 +29,7 @@ class SntpExchangeTest : public testing::Test {
 protected:
     void SetUp() override { NtpInitEpoch(), stopRequested = 0; }
     void TearDown() override { fake.Stop(), stopRequested = 0; EXPECT_EQ(0u, NetLibraryUsers()) << "sockets left"; }
-    // A failed exchange must leave every output as it found it.
-    SntpResult Exchange(const char* server, int32_t timeoutMs) {
+    SntpResult Exchange(const char* server, int32_t timeoutMs) {  // a failure leaves every output untouched
         time = delay = UNTOUCHED, stratum = 99;
         const SntpResult result = SntpExchange(server, timeoutMs, &time, &delay, &stratum);
         EXPECT_TRUE(result == SNTP_OK || (time == UNTOUCHED && delay == UNTOUCHED && stratum == 99)) << result;
@@ -76,8 +71,7 @@ TEST(SntpAnswerChecks, TheFirstFailingCheckDecides) {
     }
 }
 
-// The fake's T2 = T3, so the round trip is T4 - T1 alone and the time T3 plus half of it, carried
-// forward to the return. Then what matters: the clock set at once is handed a server's time then.
+// The fake's T2 = T3: the round trip is T4 - T1 and the time T3 plus half of it, carried to the return.
 TEST_F(SntpExchangeTest, AGoodAnswerSetsTheClockToTheServersTimeAFaultyOneEndsWithItsCodeAndNamesAreResolved) {
     ASSERT_EQ(0, fake.Start(FAKE_ADDRESS, FakeAnswer::GOOD));
     uint8_t before[8], after[8];
@@ -109,8 +103,7 @@ TEST_F(SntpExchangeTest, AGoodAnswerSetsTheClockToTheServersTimeAFaultyOneEndsWi
         << "set " << static_cast<double>(settings[0].first - serverThen) / 1e4 << " ms from the server's time";
     EXPECT_EQ(3u, fake.Requests());
 
-    // A faulty first answer ends the exchange with its code, after one request. The header checks
-    // are pinned on CheckSntpAnswer above; here what the wire adds: source port and length.
+    // A faulty first answer ends the exchange with its code, after one request; the wire adds port and length.
     const std::pair<FakeAnswer, SntpResult> cases[] = {
         {FakeAnswer::WRONG_ORIGINATE, SNTP_INCONSISTENT_ADDRESS}, {FakeAnswer::OTHER_PORT, SNTP_INCONSISTENT_ADDRESS},
         {FakeAnswer::VERSION_4, SNTP_INCOMPATIBLE_VERSION},       {FakeAnswer::SHORT_47, SNTP_INVALID_RESPONSE},
@@ -136,8 +129,7 @@ TEST_F(SntpExchangeTest, AGoodAnswerSetsTheClockToTheServersTimeAFaultyOneEndsWi
 
 TEST_F(SntpExchangeTest, SilenceEndsAfterTheTimeoutPlusOneStepAndAStopAtTheNextStep) {
     ASSERT_EQ(0, fake.Start(FAKE_ADDRESS, FakeAnswer::SILENT));
-    // polls = timeout / 500: 499 ms still waits one 500 ms step, 1000 ms waits three (less 50 ms for the
-    // tick). Nothing listening is silence too, though Windows hands the port-unreachable to the next receive.
+    // timeout / 500 + 1 steps of 500 ms (less 50 ms of tick); nothing listening is silence too.
     const struct { const char* address; int32_t timeoutMs; std::chrono::milliseconds leastWait; } cases[] = {
         {FAKE_ADDRESS, 499, 450ms}, {FAKE_ADDRESS, 1000, 1450ms}, {"127.0.0.29", 1000, 1450ms}};
     for (const auto& c : cases) {
@@ -162,7 +154,6 @@ TEST_F(SntpExchangeTest, ChronyServingTheHostClockGivesTheHostTime) {
     NtpNow(before);
     ASSERT_EQ(SNTP_OK, Exchange("127.0.0.25", ANSWERED_MS)) << chrony.Log();
     NtpNow(after);
-    // The same clock on both sides: between the two readings, give or take their millisecond.
     EXPECT_LE(LoadBigEndian64(before) - (1ULL << 32) / 100, time);
     EXPECT_LE(time, LoadBigEndian64(after) + (1ULL << 32) / 100);
     EXPECT_EQ(1u, stratum);
