@@ -67,7 +67,6 @@ TEST(SntpClient, TheStartDelayComesFromTheSecondRandomValueAndAStoredOneCutsIt) 
         onSleep = [&c] { syncCountdown = VirtualElapsedMs() == c.askAt ? c.stored : syncCountdown.load(); };
         RunClient({SNTP_OK}, 1, c.randoms);
         EXPECT_EQ(std::vector<uint64_t>{c.firstAt}, callAt);
-        EXPECT_EQ(std::vector<int32_t>{5000}, callTimeout);
         const int64_t wallSeconds = (VIRTUAL_START_FILETIME - UNIX_EPOCH_FILETIME) / 10000000;
         EXPECT_EQ(static_cast<uint32_t>(wallSeconds), RecordedRandomSeed()) << "seeded from the wall clock";
     }
@@ -83,8 +82,7 @@ TEST(SntpClient, ASilentServerGetsFiveAttemptsThenTroubleTwoAndANewLadderLater) 
               callTimeout);
     EXPECT_EQ((std::vector<uint32_t>{0, 0, 0, 0, 0, 4, 4, 4, 4, 4}), callMask) << "trouble 2 after five silences";
     EXPECT_EQ(std::vector<SeenTrouble>(2, SeenTrouble{SNTP_NO_RESPONSE, TROUBLE_SET}), TakeTroubles());
-    EXPECT_EQ(SNTP_NO_RESPONSE, lastResult.load());
-    EXPECT_EQ(0, synchronised.load());
+    EXPECT_EQ(std::make_pair(SNTP_NO_RESPONSE, 0), std::make_pair(lastResult.load(), synchronised.load()));
 }
 
 // An unusable answer raises its trouble at each attempt; a success sets the clock, clears trouble 2, waits a day.

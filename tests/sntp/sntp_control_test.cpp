@@ -39,7 +39,7 @@ SntpResult ScriptedExchange(const char*, int32_t, NtpTimestamp* time, NtpTimesta
 }
 
 bool ServerAnswers(uint32_t waitMs) {  // a version-3 request to the test port answered within waitMs
-    LoopbackUdp endpoint;
+    LoopbackUdp endpoint{~0ULL};
     uint8_t packet[64] = {0x1B};
     if (OpenLoopbackUdp(&endpoint, "127.0.0.1", 0) != 0) return false;
     SendLoopbackUdp(&endpoint, packet, 48, LoopbackAddress("127.0.0.1"), TEST_SERVER_PORT);
@@ -83,13 +83,11 @@ TEST_F(SntpController, TheSettingFileNamesTheRole) {
                                                      {"no-such-host.invalid", 0}, {"255.255.255.255", 0}};
     for (const auto& role : roles) EXPECT_EQ(role.second, ChooseServerRole(role.first)) << role.first;
 
-    char directory[PATH_CAPACITY];
+    char directory[PATH_CAPACITY], value[SNTP_SETTING_SIZE];
     GetDataDirectory(directory, PATH_CAPACITY);
-    char value[SNTP_SETTING_SIZE];
     const auto read = [&] { return std::strcpy(value, "stale"), ReadSntpIp(value, directory) == 0 ? value : "failed"; };
     EXPECT_STREQ("", read());  // no file: the empty setting
-    WriteSetting("OTHER_KEY 5");
-    EXPECT_STREQ("", read());  // no key: the empty setting
+    EXPECT_STREQ("", (WriteSetting("OTHER_KEY 5"), read()));  // no key: the empty setting
     EXPECT_EQ(0, WriteSntpIp("127.0.0.2", directory));
     EXPECT_STREQ("127.0.0.2", read());
     std::ifstream file(settingPath_);  // text mode: each platform's line ends
@@ -102,37 +100,32 @@ TEST_F(SntpController, TheSettingFileNamesTheRole) {
 TEST_F(SntpController, StartsRestartsAndTheStopFollowTheSetting) {
     const size_t threadsBefore = CountProcessThreads();
     ASSERT_EQ(0, StartSntp());  // no setting file: the server
-    EXPECT_EQ(1, serverRole.load());
-    EXPECT_EQ(1, TimeThreadRunning());
+    EXPECT_EQ(std::make_pair(1, 1), std::make_pair(int{serverRole.load()}, TimeThreadRunning()));
     ASSERT_EQ(0, StartSntp());  // a second start joins the first one's thread
     EXPECT_TRUE(WaitUntil([] { return ServerAnswers(20); }));
     EXPECT_EQ(threadsBefore + 2, CountProcessThreads()) << "the server and its socket library's thread";
 
     SetSntpExchanger(nullptr);  // the real exchange: resolution fails before any packet
-    WriteSetting("SNTP_IP no-such-host.invalid");
-    ASSERT_EQ(0, RestartSntp());
+    ASSERT_EQ(0, (WriteSetting("SNTP_IP no-such-host.invalid"), RestartSntp()));
     EXPECT_FALSE(ServerAnswers(20)) << "the server was joined, its port let go";
     EXPECT_EQ(0, serverRole.load());
     EXPECT_STREQ("no-such-host.invalid", sntpServerSetting);
     ASSERT_TRUE(WaitUntil([] { return troubleMask.load() != 0; }));
     EXPECT_EQ(" +10", Seen());
 
-    WriteSetting("SNTP_IP 0.0.0.0");
-    ASSERT_EQ(0, RestartSntp());
+    ASSERT_EQ(0, (WriteSetting("SNTP_IP 0.0.0.0"), RestartSntp()));
     EXPECT_EQ(" -1 -2 -3 -4 -5 -6 -7 -8 -9 -10", Seen());
     EXPECT_EQ(1, serverRole.load());
     EXPECT_TRUE(WaitUntil([] { return ServerAnswers(20); }));
 
     SetSntpExchanger(ScriptedExchange), exchangeResult = SNTP_NOT_SYNCHRONISED;
-    WriteSetting("SNTP_IP 127.0.0.2");
-    ASSERT_EQ(0, RestartSntp());
+    ASSERT_EQ(0, (WriteSetting("SNTP_IP 127.0.0.2"), RestartSntp()));
     ASSERT_TRUE(WaitUntil([] { return troubleMask.load() != 0; }));
     ASSERT_EQ(0, StopSntp());
     EXPECT_EQ(4 * 1200u, graceMs.load()) << "three restarts and the stop";
     EXPECT_EQ(" +3 -1 -2 -3", Seen()) << "the ending client raises nothing";
     ASSERT_EQ(0, RestartSntp());
-    EXPECT_EQ(0, TimeThreadRunning());
-    EXPECT_EQ(threadsBefore, CountProcessThreads());
+    EXPECT_EQ(std::make_pair(0, threadsBefore), std::make_pair(TimeThreadRunning(), CountProcessThreads()));
 }
 
 // Two threads start, restart and stop at random, the role flipping: never a second time thread, and after

@@ -113,9 +113,7 @@ TEST(SntpServerAnswer, EachModeNamesItsReferenceAndOnlyVersionThreeRequestsOf48B
 }
 
 TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubleTwoAndHoldingThePeerLimit) {
-    StartServer();
-    TakeTroubles();
-    SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
+    StartServer(), TakeTroubles(), SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
     InOneBatch([this] {
         first.Ask(2, 0x23), first.Ask(3, 0x1B, 47), first.Ask(4, 0x1B, 512);  // dropped: clear nothing
         for (uint64_t id = 101; id < 106; ++id) first.Ask(id, id % 2 != 0 ? 0x19 : 0x1B);
@@ -125,11 +123,10 @@ TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubl
         ASSERT_EQ(static_cast<int32_t>(NTP_PACKET_SIZE), first.Answer(WAIT_MS));
         uint8_t head[16] = {uint8_t(id % 2 ? 0x1A : 0x1C), 1, 6, 0xFA, 0, 0, 0, 0, 0, 0, 0, 0, 'L', 'O', 'C', 'L'};
         EXPECT_EQ(0, std::memcmp(head, first.answer, sizeof head)) << "header, stratum, poll, precision, root, id";
-        EXPECT_EQ(id, first.Stamp(NTP_ORIGINATE_OFFSET));
-        // Read, stamped, answered and sent before the next datagram is read.
-        EXPECT_LT(lastTransmit, first.Stamp(NTP_RECEIVE_OFFSET));
-        EXPECT_LT(first.Stamp(NTP_RECEIVE_OFFSET), first.Stamp(NTP_TRANSMIT_OFFSET));
-        lastTransmit = first.Stamp(NTP_TRANSMIT_OFFSET);
+        const uint64_t receive = first.Stamp(NTP_RECEIVE_OFFSET), transmit = first.Stamp(NTP_TRANSMIT_OFFSET);
+        EXPECT_EQ(id, first.Stamp(NTP_ORIGINATE_OFFSET));  // each read, stamped and sent before the next is read
+        EXPECT_TRUE(lastTransmit < receive && receive < transmit) << lastTransmit << " " << receive << " " << transmit;
+        lastTransmit = transmit;
     }
     EXPECT_EQ(0, first.Answer(SILENCE_MS)) << "nothing else answered";
     StopServer();  // the clear follows the send; after the join it has surely been queued
@@ -148,8 +145,7 @@ TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubl
     }
     Client last("127.0.2.2"), refused("127.0.2.3");
     InOneBatch([&] { last.Ask(2), refused.Ask(3), first.Ask(4); });
-    EXPECT_GT(last.Answer(WAIT_MS), 0);
-    EXPECT_GT(first.Answer(WAIT_MS), 0);
+    EXPECT_TRUE(last.Answer(WAIT_MS) > 0 && first.Answer(WAIT_MS) > 0);
     EXPECT_EQ(0, refused.Answer(SILENCE_MS));
 }
 
@@ -157,7 +153,7 @@ TEST_F(SntpServerTest, ChronyAskingWithVersionThreeAcceptsTheTime) {
     if (!ChronyInstalled()) GTEST_SKIP() << CHRONYD_PATH << " is not installed";
     SetSntpServerClock(nullptr), server = std::thread([] { SntpServerThread(0); });
     double offset = 0.0;
-    std::string output;
+    std::string output;  // from the clock chrony compares it with: a wrong era, second or scale is far off
     const bool measured = QueryWithChrony("127.0.0.1 port " + std::to_string(TEST_PORT) + " iburst version 3", &offset,
                                           &output);
     if (!measured && output.find("Fatal") != std::string::npos) GTEST_SKIP() << "chronyd could not run:\n" << output;
