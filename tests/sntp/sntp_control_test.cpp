@@ -48,8 +48,7 @@ bool ServerAnswers(uint32_t waitMs) {  // a version-3 request to the test port a
     return length == 48 && packet[0] == 0x1C;
 }
 
-std::string Seen() {  // the troubles since the last call: " +code" for each set, " -code" for each clear
-    std::string seen;
+std::string Seen(std::string seen = "") {  // the troubles since the last call: " +code" set, " -code" cleared
     for (const SeenTrouble& t : TakeTroubles()) seen += (t.state == TROUBLE_SET ? " +" : " -") + std::to_string(t.code);
     return seen;
 }

@@ -30,8 +30,7 @@ struct SntpTroublesTest : testing::Test {
 TEST_F(SntpTroublesTest, RaisesAndClearsAreReportedWithTheirTextsWhileAnyTroubleIsActiveAndNotDuringAStop) {
     SetSntpTrouble(SNTP_NOT_SYNCHRONISED), SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
     EXPECT_EQ((1u << 3) | (1u << 6), troubleMask.load());
-    ClearAllSntpTroubles();
-    EXPECT_EQ("+3 +6 -1 -2 -3 -4 -5 -6 ", Drained());
+    EXPECT_EQ("+3 +6 -1 -2 -3 -4 -5 -6 ", (ClearAllSntpTroubles(), Drained()));
 
     // Code 11 lies past the table and past the walk: every clear goes out, then the mask is zeroed.
     SetSntpTrouble(SNTP_RESULT_COUNT), ClearAllSntpTroubles();
@@ -47,8 +46,7 @@ TEST_F(SntpTroublesTest, RaisesAndClearsAreReportedWithTheirTextsWhileAnyTrouble
 
     SetSntpTrouble(SNTP_CANNOT_RESOLVE), stopRequested = 1, SetSntpTrouble(SNTP_SOCKET_ERROR);
     EXPECT_EQ(1u << 10, troubleMask.load());
-    ClearSntpTrouble(SNTP_CANNOT_RESOLVE);
-    EXPECT_EQ(0u, troubleMask.load());
+    EXPECT_EQ(0u, (ClearSntpTrouble(SNTP_CANNOT_RESOLVE), troubleMask.load()));
     EXPECT_EQ("+10 -10 ", Drained());
 
     stopRequested = 0, SetSntpTrouble(SNTP_NO_RESPONSE), SetSntpTrouble(SNTP_NO_RESPONSE);
