@@ -1,7 +1,5 @@
 // Fuzzes the client's check of an answer (48 bytes, then optionally the source port's 2): any input gives
 // one of the exchange's result codes, and an accepted answer never a negative round trip.
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 
 #include "sntp/ntp_time.h"

@@ -1,16 +1,11 @@
-// The server: its answer in every mode (on the builder itself), then the thread on a test port of
-// the loopback: a batch answered in order, each datagram stamped and admitted on its own, drops,
-// trouble cleared per answer, and the idle of a taken port or failed wait.
+// The server: its answer in every mode, then the thread on a loopback test port: a batch in order,
+// each datagram stamped and admitted on its own, trouble cleared per answer, a taken port, a failed wait.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <memory>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "net/net_test_seams.h"
 #include "sntp/sntp_client.h"
@@ -28,8 +23,7 @@ const uint32_t WAIT_MS = 3000, SILENCE_MS = 300;  // bounds a fault; how long a 
 std::atomic<uint64_t> clockReads{0};
 std::atomic<bool> holdNextRead{false}, released{false};
 
-// Never the same stamp twice. The read after holdNextRead keeps the server inside its batch
-// until the test has queued the rest, so that they are read in that same batch.
+// Never the same stamp twice; the read after holdNextRead holds the server in its batch until released.
 void CountingClock(uint8_t* out) {
     const uint64_t read = clockReads.fetch_add(1) + 1;
     while (holdNextRead.load() && !released.load()) std::this_thread::yield();
@@ -78,10 +72,9 @@ uint32_t libraryUsersWhilePausing = 0;
 // Runs the server thread in virtual time until it has paused count times, and stops it there.
 void RunServerUntilPauses(size_t count) {
     pauses.clear(), InstallVirtualTime();
-    SetSleepHook([count](uint32_t milliseconds) {
+    SetSleepHook([count](uint32_t ms) {
         if (!onServerThread) return;
-        pauses.push_back(milliseconds), libraryUsersWhilePausing = NetLibraryUsers();
-        stopRequested = pauses.size() == count ? 1 : 0;
+        pauses.push_back(ms), libraryUsersWhilePausing = NetLibraryUsers(), stopRequested = pauses.size() == count;
     });
     std::thread([] { onServerThread = true, SntpServerThread(0); }).join();
     stopRequested = 0, RemoveVirtualTime();
@@ -91,8 +84,7 @@ void RunServerUntilPauses(size_t count) {
 TEST(SntpServerAnswer, EachModeNamesItsReferenceAndOnlyVersionThreeRequestsOf48BytesGetOne) {
     uint8_t request[512], answer[NTP_PACKET_SIZE];
     std::memset(request, 0xEE, sizeof request);  // the answer takes only poll and transmit from it
-    const uint8_t receiveStamp[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    // Versions 4 and 1, leap 3 and 1, server, broadcast and mode 0, then the lengths beside 48.
+    const uint8_t receiveStamp[8] = {1, 2, 3, 4, 5, 6, 7, 8};  // dropped: versions 4, 1, leaps, modes, lengths
     const std::pair<uint8_t, int32_t> dropped[] = {{0x23, 48}, {0x0B, 48}, {0xDB, 48}, {0x5B, 48}, {0x1C, 48},
                                                    {0x1D, 48}, {0x18, 48}, {0x1B, 47}, {0x1B, 49}, {0x1B, 512}};
     for (const auto& d : dropped) {
@@ -120,9 +112,7 @@ TEST(SntpServerAnswer, EachModeNamesItsReferenceAndOnlyVersionThreeRequestsOf48B
 }
 
 TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubleTwoAndHoldingThePeerLimit) {
-    StartServer();
-    TakeTroubles();
-    SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
+    StartServer(), TakeTroubles(), SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
     InOneBatch([this] {
         first.Ask(2, 0x23), first.Ask(3, 0x1B, 47), first.Ask(4, 0x1B, 512);  // dropped: clear nothing
         for (uint64_t id = 101; id < 106; ++id) first.Ask(id, id % 2 != 0 ? 0x19 : 0x1B);
@@ -132,32 +122,21 @@ TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubl
         ASSERT_EQ(static_cast<int32_t>(NTP_PACKET_SIZE), first.Answer(WAIT_MS));
         uint8_t head[16] = {uint8_t(id % 2 ? 0x1A : 0x1C), 1, 6, 0xFA, 0, 0, 0, 0, 0, 0, 0, 0, 'L', 'O', 'C', 'L'};
         EXPECT_EQ(0, std::memcmp(head, first.answer, sizeof head)) << "header, stratum, poll, precision, root, id";
-        EXPECT_EQ(id, first.Stamp(NTP_ORIGINATE_OFFSET));
-        // Read, stamped, answered and sent before the next datagram is read.
-        EXPECT_LT(lastTransmit, first.Stamp(NTP_RECEIVE_OFFSET));
-        EXPECT_LT(first.Stamp(NTP_RECEIVE_OFFSET), first.Stamp(NTP_TRANSMIT_OFFSET));
-        lastTransmit = first.Stamp(NTP_TRANSMIT_OFFSET);
+        const uint64_t receive = first.Stamp(NTP_RECEIVE_OFFSET), transmit = first.Stamp(NTP_TRANSMIT_OFFSET);
+        EXPECT_EQ(id, first.Stamp(NTP_ORIGINATE_OFFSET));  // each read, stamped and sent before the next is read
+        EXPECT_TRUE(lastTransmit < receive && receive < transmit) << lastTransmit << " " << receive << " " << transmit;
+        lastTransmit = transmit;
     }
     EXPECT_EQ(0, first.Answer(SILENCE_MS)) << "nothing else answered";
-
-    SetSntpServerClock(nullptr);  // by default the answer carries the system clock
-    uint8_t before[8], after[8];
-    NtpNow(before), first.Ask(7);
-    ASSERT_EQ(static_cast<int32_t>(NTP_PACKET_SIZE), first.Answer(WAIT_MS));
-    NtpNow(after);
-    EXPECT_LE(LoadBigEndian64(before), first.Stamp(NTP_RECEIVE_OFFSET));
-    EXPECT_LE(first.Stamp(NTP_TRANSMIT_OFFSET), LoadBigEndian64(after));
     StopServer();  // the clear follows the send; after the join it has surely been queued
-    std::vector<SeenTrouble> expected(8, SeenTrouble{SNTP_NO_RESPONSE, TROUBLE_CLEARED});
-    expected[0] = {SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET};
-    EXPECT_EQ(expected, TakeTroubles());
+    const SeenTrouble cleared{SNTP_NO_RESPONSE, TROUBLE_CLEARED};  // one per answer, none per drop
+    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared, cleared, cleared, cleared,
+                                        cleared, cleared}), TakeTroubles());
 
+#ifdef _WIN32
+    GTEST_SKIP() << "Wine's loopback shows all senders as one";
+#endif
     StartServer();  // the limit of peers holds for datagrams late in a batch
-    Client from("127.0.0.2"), to("127.0.0.3");
-    uint32_t seen = 0;
-    SendLoopbackUdp(&from.udp, "?", 1, LoopbackAddress("127.0.0.3"), LoopbackUdpPort(&to.udp));
-    ReceiveLoopbackUdp(&to.udp, to.answer, 512, WAIT_MS, &seen, nullptr);
-    if (seen != LoopbackAddress("127.0.0.2")) GTEST_SKIP() << "this loopback shows all senders as one (Wine)";
     std::vector<std::unique_ptr<Client>> fillers;  // with first, one short of the limit
     for (uint64_t peer = 0; peer + 2 < SNTP_SERVER_PEER_LIMIT; ++peer) {
         fillers.push_back(std::make_unique<Client>(("127.0.1." + std::to_string(2 + peer)).c_str()));
@@ -165,8 +144,7 @@ TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubl
     }
     Client last("127.0.2.2"), refused("127.0.2.3");
     InOneBatch([&] { last.Ask(2), refused.Ask(3), first.Ask(4); });
-    EXPECT_GT(last.Answer(WAIT_MS), 0);
-    EXPECT_GT(first.Answer(WAIT_MS), 0);
+    EXPECT_TRUE(last.Answer(WAIT_MS) > 0 && first.Answer(WAIT_MS) > 0);
     EXPECT_EQ(0, refused.Answer(SILENCE_MS));
 }
 
@@ -174,12 +152,11 @@ TEST_F(SntpServerTest, ChronyAskingWithVersionThreeAcceptsTheTime) {
     if (!ChronyInstalled()) GTEST_SKIP() << CHRONYD_PATH << " is not installed";
     SetSntpServerClock(nullptr), server = std::thread([] { SntpServerThread(0); });
     double offset = 0.0;
-    std::string output;
+    std::string output;  // from the clock chrony compares it with: a wrong era, second or scale is far off
     const bool measured = QueryWithChrony("127.0.0.1 port " + std::to_string(TEST_PORT) + " iburst version 3", &offset,
                                           &output);
     if (!measured && output.find("Fatal") != std::string::npos) GTEST_SKIP() << "chronyd could not run:\n" << output;
     ASSERT_TRUE(measured) << output;
-    // Served from the clock chrony compares it with: a wrong era, second or scale is far beyond this.
     EXPECT_LT(std::abs(offset), 0.25) << output;
 }
 
@@ -188,11 +165,10 @@ TEST_F(SntpServerTest, ATakenPortRaisesTroubleEightOnceAndAFailingWaitTroubleOne
     ASSERT_EQ(0, OpenLoopbackUdp(&holder, "127.0.0.1", TEST_PORT, false));
     RunServerUntilPauses(3), CloseLoopbackUdp(&holder);
     EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_SERVER_NOT_STARTED, TROUBLE_SET}}), TakeTroubles());
-    EXPECT_EQ(std::vector<uint32_t>(3, 1000), pauses);
-    EXPECT_EQ(0u, libraryUsersWhilePausing);  // given back: restarted every minute, it would pile up sockets
+    // The library given back while idle: restarted every minute, the server would pile up sockets.
+    EXPECT_EQ(std::make_pair(std::vector<uint32_t>(3, 1000), 0u), std::make_pair(pauses, libraryUsersWhilePausing));
 
     failNetSocketWaits = 1, RunServerUntilPauses(5), failNetSocketWaits = 0;
-    EXPECT_EQ(std::vector<uint32_t>(5, 1000), pauses);
     EXPECT_EQ(std::vector<SeenTrouble>(5, SeenTrouble{SNTP_SOCKET_ERROR, TROUBLE_SET}), TakeTroubles());
-    EXPECT_EQ(1u, libraryUsersWhilePausing);  // the socket stays open through the failures
+    EXPECT_EQ(std::make_pair(std::vector<uint32_t>(5, 1000), 1u), std::make_pair(pauses, libraryUsersWhilePausing));
 }

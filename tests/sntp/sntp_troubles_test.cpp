@@ -11,32 +11,26 @@
 namespace {
 std::string seen;
 
-// Each record as "+code " when set, "-code " when cleared, the code found by its text (U for the
-// generic one); every SNTP trouble travels from source SNTP with trouble code 7.
+// Each record as "+code " or "-code ", the code found by its text (U: the generic one); all from SNTP, code 7.
 void RecordReport(const char16_t* source, uint32_t, uint32_t code, uint32_t state, const char16_t* text) {
-    EXPECT_EQ(std::u16string(u"SNTP"), source);
-    EXPECT_EQ(7u, code);
-    std::string name = std::u16string(text) == u"Unknown Error" ? "U" : "?";
-    for (SntpResult known = SNTP_SOCKET_ERROR; known < SNTP_RESULT_COUNT; ++known) {
-        name = std::u16string(text) == SntpTroubleTable[known].defaultText ? std::to_string(known) : name;
-    }
-    seen += (state == TROUBLE_SET ? "+" : state == TROUBLE_CLEARED ? "-" : "?") + name + " ";
+    const std::u16string t(text);
+    EXPECT_TRUE(std::u16string(u"SNTP") == source && code == 7u);
+    std::string id = t == u"Unknown Error" ? "U" : "?";
+    for (int32_t k = 1; k < SNTP_RESULT_COUNT; ++k) id = t == SntpTroubleTable[k].defaultText ? std::to_string(k) : id;
+    seen += (state == TROUBLE_SET ? "+" : state == TROUBLE_CLEARED ? "-" : "?") + id + " ";
 }
 
 std::string Drained() { return seen.clear(), DrainTroubles(), seen; }
 
 struct SntpTroublesTest : testing::Test {
-    void SetUp() override {
-        CreateTroubleQueue(), SetReportCallback(RecordReport), troubleMask = stopRequested = 0, Drained();
-    }
+    void SetUp() override { CreateTroubleQueue(), SetReportCallback(RecordReport), troubleMask = stopRequested = 0; }
 };
 }  // namespace
 
 TEST_F(SntpTroublesTest, RaisesAndClearsAreReportedWithTheirTextsWhileAnyTroubleIsActiveAndNotDuringAStop) {
     SetSntpTrouble(SNTP_NOT_SYNCHRONISED), SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
     EXPECT_EQ((1u << 3) | (1u << 6), troubleMask.load());
-    ClearAllSntpTroubles();
-    EXPECT_EQ("+3 +6 -1 -2 -3 -4 -5 -6 ", Drained());
+    EXPECT_EQ("+3 +6 -1 -2 -3 -4 -5 -6 ", (ClearAllSntpTroubles(), Drained()));
 
     // Code 11 lies past the table and past the walk: every clear goes out, then the mask is zeroed.
     SetSntpTrouble(SNTP_RESULT_COUNT), ClearAllSntpTroubles();
@@ -52,8 +46,7 @@ TEST_F(SntpTroublesTest, RaisesAndClearsAreReportedWithTheirTextsWhileAnyTrouble
 
     SetSntpTrouble(SNTP_CANNOT_RESOLVE), stopRequested = 1, SetSntpTrouble(SNTP_SOCKET_ERROR);
     EXPECT_EQ(1u << 10, troubleMask.load());
-    ClearSntpTrouble(SNTP_CANNOT_RESOLVE);
-    EXPECT_EQ(0u, troubleMask.load());
+    EXPECT_EQ(0u, (ClearSntpTrouble(SNTP_CANNOT_RESOLVE), troubleMask.load()));
     EXPECT_EQ("+10 -10 ", Drained());
 
     stopRequested = 0, SetSntpTrouble(SNTP_NO_RESPONSE), SetSntpTrouble(SNTP_NO_RESPONSE);
