@@ -8,8 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60} status=0
 shift || true
-cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz -j "${NORVIK_JOBS:-2}"
+cmake --preset fuzz >/dev/null && cmake --build --preset fuzz -j "${NORVIK_JOBS:-2}"
 [ $# -gt 0 ] || set -- $(sed -n 's/^norvik_add_fuzzer(\([a-z_]*\).*/\1/p' fuzz/CMakeLists.txt)
 for target in "$@"; do
   artifacts=build/fuzz/artifacts/$target log=build/fuzz/logs/$target.log

@@ -5,4 +5,4 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 minutes=${1:-30}
 bash scripts/setup.sh && cmake --preset windows >/dev/null && cmake --build --preset windows
-exec timeout $(( ${minutes%.*} * 60 + 600 )) python3 tests/e2e/soak_e2e.py --build build/windows --minutes "$minutes"
+SOAK_MINUTES="$minutes" exec timeout $(( ${minutes%.*} * 60 + 600 )) python3 tests/e2e/soak_e2e.py --build build/windows

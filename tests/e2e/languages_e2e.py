@@ -1,15 +1,14 @@
 #!/usr/bin/env python3
-"""Troubles through the workstation mailslot, in the operator's language: with the locale of a
-shipped language (LC_ALL, which Wine makes the thread locale of every process it starts, the
-service's too) in that language, with a locale that has no library of its own in English. Per
-locale: port 123 held, so the service raises "could not start" (code 8) and carries on, lost if no
-workstation listens yet; the port freed and control 128, so it clears codes 1 to 8 in order."""
+"""Troubles through the workstation mailslot in the language of the locale (LC_ALL, which Wine makes
+the thread locale of every process it starts, the service's too), English where it has no library.
+Per locale: port 123 held, so the service raises "could not start" (code 8) and carries on, lost if
+no workstation listens yet; the port freed and control 128, so it clears codes 1 to 8 in order."""
 
-import os, re, shutil, socket, time
+import re, socket, time
 from pathlib import Path
 
 import winerig
-from winerig import PERFORMED, RUNNING, SYSTEM_DIR
+from winerig import PERFORMED, RUNNING
 
 # Swahili has no library of its own: English. Its workstation listens only from the restart on.
 LOCALES = [("de_DE", 1031, True), ("fr_FR", 1036, True), ("es_ES", 3082, True), ("it_IT", 1040, True),
@@ -26,25 +25,18 @@ def report_texts(language):
 class LanguagesTest(winerig.RigTestCase):
     prefix_name = "languages-prefix"
 
-    def restart_prefix(self, locale):
-        """The prefix's processes again, under locale: the manager passes it on to the service."""
-        self.rig.shutdown()
-        self.rig.env["LC_ALL"] = locale + ".UTF-8"
-        self.rig.boot(fresh=False)
-        for _, language, _ in LOCALES:
-            shutil.copy(os.path.join(self.rig.build, "config", f"res{language}.dll"),
-                        self.rig.host_path(f"{SYSTEM_DIR}\\res{language}.dll"))
-
     def test_troubles_reach_the_workstation_in_the_locale_language(self):
         english = report_texts(1033)
         for locale, language, listening in LOCALES:
             with self.subTest(locale=locale):
-                self.restart_prefix(locale)
+                self.rig.shutdown()  # the prefix again under locale, which its manager passes on to the service
+                self.rig.env["LC_ALL"] = locale + ".UTF-8"
+                self.rig.boot(fresh=False, languages={language for _, language, _ in LOCALES})
                 expected = report_texts(language)
                 if language != 1033:  # a text left in English would pass for a missing library
                     self.assertEqual([], [text for text, known in zip(expected, english) if text == known])
-                holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-                holder.bind(("0.0.0.0", 123))  # without SO_REUSEADDR: the service cannot bind
+                holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)  # no SO_REUSEADDR: the service cannot bind
+                holder.bind(("0.0.0.0", 123))
                 monitor = winerig.Monitor(self.rig) if listening else None
                 try:
                     self.install_running()
@@ -54,8 +46,7 @@ class LanguagesTest(winerig.RigTestCase):
                     self.assertEqual(RUNNING, self.rig.state())
                     if listening:
                         self.assertEqual([(expected[7], 255)], [(r["text"], r["state"]) for r in monitor.snapshot()])
-                    else:
-                        monitor = winerig.Monitor(self.rig)
+                    monitor = monitor or winerig.Monitor(self.rig)
                     holder.close()
                     self.assertEqual(PERFORMED, self.rig.norvik("command", "128"))
                     reports = monitor.wait_for(lambda r: sum(x["state"] == 0 for x in r) >= 8, 30)
@@ -70,10 +61,7 @@ class LanguagesTest(winerig.RigTestCase):
                                           report["event"]))
                     winerig.wait_for_server("127.0.0.1", 20)
                 finally:
-                    holder.close()
-                    if monitor:
-                        monitor.stop()
-                    self.rig.remove_service()
+                    holder.close(), monitor and monitor.stop(), self.rig.remove_service()
 
 
 if __name__ == "__main__":

@@ -1,16 +1,19 @@
 #!/usr/bin/env python3
-"""The release package under Wine: packed with its CPack configuration (as scripts/package.sh
-does), it holds exactly the installed layout; unpacked as C:\\Norvik in a fresh prefix, its service
-installs, answers SNTP, is checked with the packed SntpQuery as the guide says, and uninstalls."""
+"""The release package under Wine: packed as scripts/package.sh does, it holds exactly the installed
+layout; unpacked as C:\\Norvik, its service installs, answers the packed SntpQuery as the guide says,
+and uninstalls. The run command (scripts/run_service.py, which scripts/run.sh runs): the service
+installs, answers chrony, shows alive in SntpQuery at the start and every 30 s, and is removed, all
+with no complaint."""
 
-import os, re, shutil, subprocess, tempfile, zipfile
+import os, re, shutil, subprocess, sys, tempfile, zipfile
 
 import winerig
-from winerig import NOT_INSTALLED, RUNNING
+from winerig import NOT_INSTALLED
 
 LAYOUT = {"INSTALL.txt", "Applications/Time/NorvikTime.exe", "Tools/SntpQuery.exe", "Tools/TroubleMonitor.exe"} | {
     f"Applications/System/res{language}.dll" for language in (1033, 1031, 1036, 3082, 1040, 1046)}
-EXE = "C:\\Norvik\\Applications\\Time\\NorvikTime.exe"
+QUERY_LINE = (r"(?m)^== \d\d:\d\d:\d\d SntpQuery 127\.0\.0\.1: 0 Ok  server \S+ \S+ UTC  "
+              r"offset [-+]\d+\.\d{3} ms  delay \d+\.\d{3} ms  stratum 1$")
 
 
 class PackageTest(winerig.RigTestCase):
@@ -31,17 +34,26 @@ class PackageTest(winerig.RigTestCase):
                 self.assertIn(step, guide)
             shutil.rmtree(rig.host_path("C:\\Norvik"))  # only what came out of the archive
             package.extractall(rig.host_path("C:\\Norvik"))
-        result = rig.wine(EXE, "install")
-        self.assertEqual((0, "Service successfully added..."), (result.returncode, result.stdout))
-        rig.wait_state(RUNNING)
+        self.install_running()  # the packed NorvikTime.exe, where the rig's copy was
         winerig.wait_for_server("127.0.0.1", 30)
         query = rig.wine("C:\\Norvik\\Tools\\SntpQuery.exe", "127.0.0.1", "--count", "2", "--interval", "0",
                          "--warn-ms", "1000", "--crit-ms", "5000", timeout=60)
         self.assertEqual(0, query.returncode, query.stdout)
         self.assertRegex(query.stdout, r"(?m)^SNTP OK - offset -?\d+\.\d{3} ms, delay \d+\.\d{3} ms, 2 of 2 answered")
-        result = rig.wine(EXE, "uninstall")
-        self.assertEqual((0, "Service successfully removed..."), (result.returncode, result.stdout))
+        self.assertEqual((0, "Service successfully removed..."), rig.norvik("uninstall"))
         rig.wait_state(NOT_INSTALLED)
+
+    def test_run_shows_the_service_alive_and_cleans_up(self):
+        result = subprocess.run([sys.executable, os.path.join(winerig.SOURCE, "scripts", "run_service.py"), "--build",
+                                 self.rig.build, "--seconds", "33"], capture_output=True, text=True, timeout=300)
+        output = result.stdout + result.stderr
+        self.assertEqual(0, result.returncode, output)
+        self.assertIn("Service successfully added...", output)
+        self.assertRegex(output, r"System clock wrong by -?[0-9.]+ seconds")
+        self.assertEqual(2, len(re.findall(QUERY_LINE, output)), output)
+        self.assertTrue(result.stdout.rstrip().endswith("Service successfully removed..."), output)
+        for noise in ("Could not", "Permission denied", "Traceback", "err:", "fixme:", "no service", "no remove"):
+            self.assertNotIn(noise, output)
 
 
 if __name__ == "__main__":

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Restarts at any moment under load in the default installation (the server, also restarted by the
-minute's re-check): "command 128" right after start, amid another restart, anywhere. The server
-answers again within seconds; threads come back to rest, handles stay flat, no trouble is raised,
-the stop completes. RESTART_MINUTES (default 3) sets how long; scripts/restarts.sh runs an hour."""
+minute's re-check): "command 128" right after start, amid another restart, anywhere. The server answers
+again within seconds, threads come back to rest, handles stay flat, no trouble is raised, the stop
+completes. RESTART_MINUTES (default 3) sets how long; scripts/restarts.sh runs an hour."""
 
 import os, random, re, threading, time
 
@@ -14,8 +14,7 @@ class RestartsUnderLoad(winerig.RigTestCase):
     prefix_name = os.environ.get("RESTART_PREFIX", "restarts-prefix")
 
     def resting(self):
-        """(threads, handles) of the service as Windows counts them once a restart has settled: the
-        same twice in a row, or the last seen."""
+        """(threads, handles) of the service as Windows counts them, the same twice in a row or the last seen."""
         now = None
         for _ in range(15):
             match = re.search(r"threads (\d+) handles (\d+)", self.rig.wine(winerig.PROBE, "NorvikTime.exe").stdout)
@@ -35,10 +34,8 @@ class RestartsUnderLoad(winerig.RigTestCase):
         self.install_running()
         self.assertEqual(PERFORMED, rig.norvik("command", "128"))  # before synchronisation starts
         wait_for_server("127.0.0.1", 20)
-        load = winerig.SteadyLoad(20, minutes * 60 + 180)
-        self.addCleanup(load.stop)
-        rest, pid = self.resting(), winerig.service_pid(rig)
-        start = linux_figures(pid)
+        self.addCleanup((load := winerig.SteadyLoad(20, minutes * 60 + 180)).stop)
+        rest, start = self.resting(), linux_figures(pid := winerig.service_pid(rig))
         restarts = overlapping = slowest = 0
         deadline = time.monotonic() + minutes * 60
         while time.monotonic() < deadline:
@@ -67,11 +64,7 @@ class RestartsUnderLoad(winerig.RigTestCase):
         self.assertEqual(rest[0], end[0], "threads do not come back to their resting number")
         self.assertLessEqual(end[1], rest[1] + 4, "handles grow with the restarts")  # slack: load, re-check
         self.assertEqual([], [r["text"] for r in monitor.snapshot() if r["state"] == 255], "troubles raised")
-        began = time.monotonic()
-        rig.sc("stop", SERVICE)
-        rig.wait_state(STOPPED, timeout=15)
-        print(f"restarts: stop completed in {time.monotonic() - began:.1f} s", flush=True)
-        load.stop()
+        rig.sc("stop", SERVICE), rig.wait_state(STOPPED, timeout=15)
 
 
 if __name__ == "__main__":

@@ -16,8 +16,7 @@ class ServiceEndToEnd(winerig.RigTestCase):
         """A demand-start service of StandInService.exe under name, started and running."""
         binary = " ".join(f'"{word}"' for word in (winerig.STAND_IN, name, *args))
         self.assertEqual(0, self.rig.sc("create", name, "binpath=", binary, "start=", "demand").returncode)
-        self.rig.sc("start", name)
-        self.rig.wait_state(RUNNING, name)
+        self.rig.sc("start", name), self.rig.wait_state(RUNNING, name)
 
     def w32time_start(self, data=None):
         """W32Time's start type in the registry; with data, set to it first."""
@@ -37,12 +36,10 @@ class ServiceEndToEnd(winerig.RigTestCase):
                          [rig.norvik("install"), rig.norvik("INSTALL"), rig.norvik("command", "128"),
                           rig.norvik("Command", "200")])
         self.assertEqual(RUNNING, rig.state())
-        rig.sc("stop", SERVICE)
-        rig.wait_state(STOPPED)
+        rig.sc("stop", SERVICE), rig.wait_state(STOPPED)
         self.assertEqual(PERFORMED, rig.norvik("command", "128"))  # nothing sent, success still
         self.assertRegex("%d %s" % rig.norvik("Uninstall"), r"\A0 stopped : \d+\nService successfully removed\.\.\.\Z")
-        rig.wait_state(NOT_INSTALLED)
-        self.install_running()
+        rig.wait_state(NOT_INSTALLED), self.install_running()
         self.assertEqual((0, "Service successfully removed..."), rig.norvik("uninstall"))
         rig.wait_state(NOT_INSTALLED)
         # Without its number "command" starts the dispatcher, which fails silently from a console.
@@ -70,13 +67,10 @@ class ServiceEndToEnd(winerig.RigTestCase):
         self.assertRegex(output, r"System clock wrong by -?[0-9.]+ seconds")
 
     def test_client_role_first_exchange_then_role_change_to_server(self):
-        # The server runs 5 s ahead, so Wine refuses the setting and logs how far off it was; the
-        # service must ask for the server's time at the moment of setting, within 2 ms. Wine cuts
-        # to whole ms toward zero, hiding up to one more, and a loaded machine (the test command runs
-        # the other builds' tests beside) delays the service's thread by a few: -6..3. A wrong scale,
-        # sign or epoch is seconds beyond.
-        server = winerig.FakeSntpServer("127.0.0.2", ahead=5.0)
-        self.addCleanup(server.close)
+        # The server runs 5 s ahead; Wine refuses the setting and logs how far off it was. Within 2 ms
+        # of the server's time, plus one for Wine's cut to whole ms and a few a loaded machine delays
+        # the service's thread: -6..3. A wrong scale, sign or epoch is seconds beyond.
+        self.addCleanup((server := winerig.FakeSntpServer("127.0.0.2", ahead=5.0)).close)
         settings_before = len(self.rig.clock_settings())
         self.rig.write_setting("127.0.0.2")
         monitor = self.monitor()
@@ -94,8 +88,8 @@ class ServiceEndToEnd(winerig.RigTestCase):
         late = server.lateness[0] * 1000 / 2
         error = settings[0] - 5000 - late
         self.assertTrue(-6 <= error <= 3, f"set {error:.1f} ms from the server's time ({late:.1f} ms late)")
-        # Naming this host makes the service the server within a minute. The fake goes first: its
-        # socket on 127.0.0.2:123 would keep the wildcard bind out, as no remote server would.
+        # Naming this host makes it the server within a minute; the fake's socket on 127.0.0.2:123
+        # would keep the wildcard bind out, as no remote server would.
         server.close()
         self.rig.write_setting("127.0.0.1")
         wait_for_server("127.0.0.1", 75)
@@ -112,13 +106,10 @@ class ServiceEndToEnd(winerig.RigTestCase):
         self.w32time_start(3)
         self.assertRegex("%d %s" % rig.norvik("StopWts"), r"\A0 \d+\nW32 Time Service successfully disabled\.\.\.\Z")
         self.assertEqual(4, self.w32time_start())
-        # Disabled while running: left alone. The manager keeps its own copy of the start type and
-        # Wine's sc cannot change it, so W32Time is made anew and the registry alone says disabled.
-        rig.remove_service()
-        rig.remove_service("W32Time")
-        self.stand_in("W32Time")
-        self.w32time_start(4)
-        self.install_running()
+        # Disabled while running: left alone. Wine's sc cannot change the manager's copy of the start
+        # type, so W32Time is made anew and the registry alone says disabled.
+        rig.remove_service(), rig.remove_service("W32Time")
+        self.stand_in("W32Time"), self.w32time_start(4), self.install_running()
         time.sleep(3)
         self.assertEqual(RUNNING, rig.state("W32Time"))
 

@@ -1,16 +1,16 @@
 #!/usr/bin/env python3
-"""A soak of the server under Wine: 20 loopback clients' steady load, SntpQuery every 10 s, and a
-second installation as its client on the real schedule, through a relay on 127.0.0.99. Both
-services' memory, threads and descriptors are sampled every 30 s and may not grow; every query
-succeeds, the client makes exactly its first exchange and is answered, and no trouble is reported.
-Usage: soak_e2e.py --build <dir> [--minutes M]   (the test run: 1.5, or up to the client's exchange)"""
+"""A soak of the server under Wine: 20 loopback clients' steady load, SntpQuery every 10 s, and a second
+installation as its client on the real schedule, through a relay on 127.0.0.99. Both services' memory,
+threads and descriptors, sampled every 30 s, may not grow; every query succeeds, the client makes its
+first exchange alone and is answered, no trouble is reported. SOAK_MINUTES sets how long (the test
+run: 1.5, or up to the client's exchange); scripts/soak.sh runs 30."""
 
-import os, socket, struct, sys, time
+import os, socket, struct, time
 
 import winerig
 from winerig import FIRST_EXCHANGE, RUNNING, linux_figures
 
-MINUTES = 1.5
+MINUTES = float(os.environ.get("SOAK_MINUTES", "1.5"))
 
 
 class SntpRelay(winerig.FakeSntpServer):
@@ -22,9 +22,7 @@ class SntpRelay(winerig.FakeSntpServer):
         arrived, answer = time.monotonic(), None
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as forward:
             try:
-                forward.bind(("127.0.0.99", 0))
-                forward.settimeout(2.0)
-                forward.sendto(request, ("127.0.0.1", 123))
+                forward.bind(("127.0.0.99", 0)), forward.settimeout(2.0), forward.sendto(request, ("127.0.0.1", 123))
                 answer = forward.recvfrom(512)[0]
                 self.sock.sendto(answer, client)
             except OSError:
@@ -41,29 +39,24 @@ class ServiceSoak(winerig.RigTestCase):
         monitor = self.monitor()
         self.install_running()
         winerig.wait_for_server("127.0.0.1", 20)
-        relay = SntpRelay("127.0.0.99", reuse=True)  # beside the server's wildcard socket, which reuses too
-        self.addCleanup(relay.close)
+        self.addCleanup((relay := SntpRelay("127.0.0.99", reuse=True)).close)  # beside the server's reusing socket
         client = winerig.Rig(rig.build, os.path.join(rig.build, "soak-client-prefix"))
-        self.addCleanup(client.shutdown)
-        self.addCleanup(client.remove_service)
-        client.boot()
-        client.write_setting("127.0.0.99")
+        self.addCleanup(client.shutdown), self.addCleanup(client.remove_service)
+        client.boot(), client.write_setting("127.0.0.99")
         client_monitor = self.monitor(client)
         client_started = self.install_running(client)
         pids = {"server": winerig.service_pid(rig), "client": winerig.service_pid(client)}
         self.assertTrue(all(pids.values()), pids)
 
         seconds = max(MINUTES * 60, client_started + FIRST_EXCHANGE[1] + 10 - time.monotonic())
-        load = winerig.SteadyLoad(20, seconds + 60)
-        self.addCleanup(load.stop)
-        query = winerig.find_file(rig.build, "SntpQuery.exe")
+        self.addCleanup((load := winerig.SteadyLoad(20, seconds + 60)).stop)
         time.sleep(5)  # past the first requests, which map the server's pages
         samples = {name: [linux_figures(pid)] for name, pid in pids.items()}
         print(f"\nsoak: {seconds / 60:.1f} min; {samples}", flush=True)
         queries, failed, began = 0, [], time.monotonic()
         next_sample = began + 30
         while time.monotonic() - began < seconds:
-            result = rig.wine(query, "127.0.0.1", "-n", "1", "-t", "2000", timeout=60)
+            result = rig.wine(winerig.QUERY, "127.0.0.1", "-n", "1", "-t", "2000", timeout=60)
             queries += 1
             if result.returncode != 0 or " Ok " not in result.stdout:
                 failed.append(result.stdout.strip())
@@ -97,8 +90,4 @@ class ServiceSoak(winerig.RigTestCase):
 
 
 if __name__ == "__main__":
-    if "--minutes" in sys.argv:
-        at = sys.argv.index("--minutes")
-        MINUTES = float(sys.argv.pop(at + 1))
-        del sys.argv[at]
     winerig.run_tests(__doc__)

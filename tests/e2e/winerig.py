@@ -2,14 +2,14 @@
 control manager, the trouble monitor standing in for the workstation, and SNTP peers on loopback:
 the end-to-end tests' rig, also used by scripts/run_service.py and scripts/clock_error.py."""
 
-import argparse, json, os, re, shutil, socket, struct, subprocess, sys, tempfile, threading, time, unittest
+import argparse, contextlib, json, os, re, shutil, socket, struct, subprocess, sys, tempfile, threading, time, unittest
 from pathlib import Path
 
 WINE, WINESERVER = "/usr/lib/wine/wine64", "/usr/lib/wine/wineserver"
 SERVICE = "Norvik Time Service"
 TIME_DIR, SYSTEM_DIR = "C:\\Norvik\\Applications\\Time", "C:\\Norvik\\Applications\\System"
-EXE, MONITOR, STAND_IN, PROBE = (f"{TIME_DIR}\\{name}.exe" for name in
-                                 ("NorvikTime", "TroubleMonitor", "StandInService", "ProcessProbe"))
+PROGRAMS = ("NorvikTime.exe", "TroubleMonitor.exe", "SntpQuery.exe", "StandInService.exe", "ProcessProbe.exe")
+EXE, MONITOR, QUERY, STAND_IN, PROBE = (f"{TIME_DIR}\\{name}" for name in PROGRAMS)
 STOPPED, RUNNING, NOT_INSTALLED = 1, 4, "not installed"
 PERFORMED = (0, "Service command performed...")
 FIRST_EXCHANGE = (59 - 1, 118 + 6)  # s from the client's start: 59..118, widened for Wine's start
@@ -17,12 +17,6 @@ NTP_UNIX_OFFSET = 2208988800
 SO_TIMESTAMPNS = 35  # Linux: the kernel's receive time of each datagram
 SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 QUIET = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
-
-
-def find_file(build, name):
-    """Where the build puts a file a rig installs (stale copies lie elsewhere, so nothing is searched)."""
-    return os.path.join(build, "config" if name.startswith("res") else "tests/service" if name in (
-        "StandInService.exe", "ProcessProbe.exe") else ".", name)
 
 
 def wait_until(check, timeout, what, every=0.2):
@@ -47,32 +41,29 @@ class Rig:
     def wineserver(self, flag):
         subprocess.run([WINESERVER, flag], env=self.env, capture_output=True, timeout=60)
 
-    def boot(self, fresh=True, programs=("NorvikTime.exe", "TroubleMonitor.exe", "StandInService.exe",
-                                         "ProcessProbe.exe")):
+    def boot(self, fresh=True, programs=PROGRAMS, languages=(1033,)):
         """Boots the prefix, keeps its wineserver alive (a service dies a few seconds after the last
-        ordinary process of its prefix otherwise), installs the programs and the English texts."""
+        ordinary process of its prefix otherwise), installs the programs and the languages' texts."""
         if fresh and os.path.isdir(self.prefix):
-            self.wineserver("-k")
-            shutil.rmtree(self.prefix)
+            self.wineserver("-k"), shutil.rmtree(self.prefix)
         if not os.path.isdir(os.path.join(self.prefix, "drive_c")):
-            # No pipes: what wineboot leaves running would inherit them. Services its manager
-            # started cannot reach that manager again, so the prefix comes down and up again.
+            # No pipes, which what wineboot leaves running would inherit; the prefix comes down and up
+            # again, as services its manager started cannot reach that manager again.
             subprocess.run([WINE, "wineboot", "-i"], env=self.env, timeout=300, **QUIET)
-            self.wineserver("-k")
-            self.wineserver("-w")
+            self.wineserver("-k"), self.wineserver("-w")
         self.persistent = subprocess.Popen([WINESERVER, "-p", "-f"], env=self.env, **QUIET)
         time.sleep(1)
-        # The first process to open the manager starts it, and its services inherit that process's
-        # environment and standard error. Wine's clock channel is on there alone: a refused
-        # SetSystemTime logs "difference N ms" from this host's clock, the time the service set.
+        # The manager's first caller starts it, its services inheriting that caller's environment and
+        # standard error, the only place with Wine's clock channel: a refused setting logs its difference.
         self.manager_log = os.path.join(self.prefix, "manager-stderr.log")
         with open(self.manager_log, "ab") as log:
             subprocess.run([WINE, "sc", "query", "eventlog"], env=dict(self.env, WINEDEBUG="-all,err+sync"),
                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=log, timeout=120)
-        for folder, names in ((TIME_DIR, programs), (SYSTEM_DIR, ["res1033.dll"])):
+        for folder, names in ((TIME_DIR, programs), (SYSTEM_DIR, [f"res{n}.dll" for n in languages])):
             os.makedirs(self.host_path(folder), exist_ok=True)
-            for name in names:
-                shutil.copy(find_file(self.build, name), self.host_path(f"{folder}\\{name}"))
+            for name in names:  # from where the build puts it: stale copies lie elsewhere
+                built = "config" if name.startswith("res") else "tests/service" if name in PROGRAMS[3:] else "."
+                shutil.copy(os.path.join(self.build, built, name), self.host_path(f"{folder}\\{name}"))
         os.makedirs(os.path.dirname(self.setting), exist_ok=True)
         self.write_setting(None)
 
@@ -117,9 +108,7 @@ class Rig:
     def remove_service(self, name=SERVICE):
         """Leaves no such service behind, whatever state it was in."""
         if self.state(name) != NOT_INSTALLED:
-            self.sc("stop", name)
-            self.sc("delete", name)
-            self.wait_state(NOT_INSTALLED, name)
+            self.sc("stop", name), self.sc("delete", name), self.wait_state(NOT_INSTALLED, name)
 
     def write_setting(self, value):
         """Vantor.dat with SNTP_IP = value; None removes the file."""
@@ -176,10 +165,9 @@ def wait_for_server(host, timeout):
 
 
 class FakeSntpServer(threading.Thread):
-    """A good version-3 stratum-2 server on address:123 whose clock is this host's plus ahead seconds.
-    Records each request (monotonic time, bytes) and, per answer, the seconds from the request's
-    arrival (the kernel's time) to its stamps: a client adding half the round trip is ahead of this
-    clock by half of that. A subclass's handle(request, sender) may answer otherwise."""
+    """A good version-3 stratum-2 server on address:123, this host's clock plus ahead seconds (or a
+    subclass's handle(request, sender)). Records each request (monotonic time, bytes) and each answer's
+    lateness, from arrival (the kernel's time) to its stamps, which a client adds half of."""
 
     def __init__(self, address, ahead=0.0, reuse=False):
         super().__init__(daemon=True)
@@ -187,9 +175,7 @@ class FakeSntpServer(threading.Thread):
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, int(reuse))
         self.sock.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
-        self.sock.bind((address, 123))
-        self.sock.settimeout(0.2)
-        self.start()
+        self.sock.bind((address, 123)), self.sock.settimeout(0.2), self.start()
 
     def run(self):
         while True:
@@ -204,9 +190,7 @@ class FakeSntpServer(threading.Thread):
             self.handle(request, sender)
 
     def close(self):
-        self.sock.close()
-        self.join(timeout=5)
-
+        self.sock.close(), self.join(timeout=5)
 
     def handle(self, request, peer):
         self.requests.append((time.monotonic(), request))
@@ -235,7 +219,7 @@ def service_pid(rig):
                     f"WINEPREFIX={rig.prefix}\0".encode() in Path(f"/proc/{pid}/environ").read_bytes():
                 return int(pid)
         except OSError:
-            pass
+            pass  # gone meanwhile
 
 
 def linux_figures(pid):
@@ -246,16 +230,14 @@ def linux_figures(pid):
 
 
 class SteadyLoad(threading.Thread):
-    """Clients on 127.0.0.2 and up, in turn sending a version-3 request to 127.0.0.1:123 and waiting
-    up to 0.5 s for its answer, until stopped or for at most seconds."""
+    """Clients on 127.0.0.2 and up asking 127.0.0.1:123 in turn, each up to 0.5 s, until stopped or seconds pass."""
 
     def __init__(self, clients, seconds):
         super().__init__(daemon=True)
         self.sent, self.answered, self.deadline = 0, 0, time.monotonic() + seconds
         self.socks = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(clients)]
         for host, sock in enumerate(self.socks, start=2):
-            sock.bind((f"127.0.0.{host}", 0))
-            sock.settimeout(0.5)
+            sock.bind((f"127.0.0.{host}", 0)), sock.settimeout(0.5)
         self.start()
 
     def run(self):
@@ -263,12 +245,9 @@ class SteadyLoad(threading.Thread):
             for sock in self.socks:
                 sock.sendto(bytes([0x1B]) + bytes(47), ("127.0.0.1", 123))
                 self.sent += 1
-                try:
+                with contextlib.suppress(socket.timeout):
                     self.answered += len(sock.recv(512)) == 48
-                except socket.timeout:
-                    pass
-        for sock in self.socks:
-            sock.close()
+        for sock in self.socks: sock.close()
 
     def stop(self):
         self.deadline = 0
@@ -276,8 +255,7 @@ class SteadyLoad(threading.Thread):
 
 
 class RigTestCase(unittest.TestCase):
-    """One booted prefix per test class; every test starts and ends with no service installed and
-    no Vantor.dat (the server role)."""
+    """One booted prefix per class; each test starts and ends with no service and no Vantor.dat (a server)."""
 
     build = None  # the Windows build directory, set by run_tests
     prefix_name = "service-prefix"
@@ -285,13 +263,10 @@ class RigTestCase(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.rig = Rig(cls.build, os.path.join(cls.build, cls.prefix_name))
-        cls.rig.boot()
-        cls.addClassCleanup(cls.rig.shutdown)
+        cls.rig.boot(), cls.addClassCleanup(cls.rig.shutdown)
 
     def setUp(self):
-        self.rig.remove_service()
-        self.rig.write_setting(None)
-        self.addCleanup(self.rig.remove_service)
+        self.rig.remove_service(), self.rig.write_setting(None), self.addCleanup(self.rig.remove_service)
 
     def monitor(self, rig=None):
         monitor = Monitor(rig or self.rig)
@@ -300,8 +275,7 @@ class RigTestCase(unittest.TestCase):
 
     def install_running(self, rig=None):
         """Installs and starts the service; returns the moment it reported running."""
-        rig = rig or self.rig
-        self.assertEqual((0, "Service successfully added..."), rig.norvik("install"))
+        self.assertEqual((0, "Service successfully added..."), (rig := rig or self.rig).norvik("install"))
         rig.wait_state(RUNNING)
         return time.monotonic()
 

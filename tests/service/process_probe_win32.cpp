@@ -10,37 +10,28 @@
 namespace {
 // One entry of the system's handle table (NtQuerySystemInformation class 16): Wine answers this
 // where GetProcessHandleCount answers 0.
-struct HandleEntry {
-    USHORT process, creatorBackTrace;
-    UCHAR objectType, attributes;
-    USHORT handle;
-    PVOID object;
-    ULONG access;
-};
+struct HandleEntry { USHORT process, creatorBackTrace; UCHAR objectType, attributes; USHORT handle; PVOID object; ULONG access; };
 
 // Handles the process holds, or -1 when the table cannot be read.
 long CountHandles(DWORD processId) {
     typedef NTSTATUS(NTAPI * QuerySystem)(ULONG, PVOID, ULONG, PULONG);
     const QuerySystem query = reinterpret_cast<QuerySystem>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
+    NTSTATUS status = -1;
+    std::vector<ULONG_PTR> table;  // a count, then the entries
     for (ULONG size = 1 << 16; query != nullptr && size <= (1u << 26); size *= 2) {
-        std::vector<ULONG_PTR> table(size / sizeof(ULONG_PTR));  // a count, then the entries
+        table.assign(size / sizeof(ULONG_PTR), 0);
         ULONG needed = 0;
-        const NTSTATUS status = query(16, table.data(), size, &needed);
-        if (status == static_cast<NTSTATUS>(0xC0000004L)) {  // too small
-            continue;
+        if ((status = query(16, table.data(), size, &needed)) != static_cast<NTSTATUS>(0xC0000004L)) {  // too small
+            break;
         }
-        if (status < 0) {
-            return -1;
-        }
-        const HandleEntry* entries = reinterpret_cast<const HandleEntry*>(&table[1]);
-        long count = 0;
-        for (ULONG at = 0; at < static_cast<ULONG>(table[0]); ++at) {
-            count += entries[at].process == static_cast<USHORT>(processId);
-        }
-        return count;
     }
-    return -1;
+    const HandleEntry* entries = status < 0 ? nullptr : reinterpret_cast<const HandleEntry*>(&table[1]);
+    long count = entries == nullptr ? -1 : 0;
+    for (ULONG at = 0; entries != nullptr && at < static_cast<ULONG>(table[0]); ++at) {
+        count += entries[at].process == static_cast<USHORT>(processId);
+    }
+    return count;
 }
 }  // namespace
 

@@ -13,9 +13,7 @@ bool refuseStop = false;
 
 void WINAPI Handler(DWORD control) {
     const bool stop = control == SERVICE_CONTROL_STOP || control == SERVICE_CONTROL_SHUTDOWN;
-    if (stop) {
-        status.dwCurrentState = SERVICE_STOP_PENDING;
-    }
+    status.dwCurrentState = stop ? SERVICE_STOP_PENDING : status.dwCurrentState;
     SetServiceStatus(statusHandle, &status);
     if (stop) {  // only now: the service thread then reports stopped, which must come last
         SetEvent(stopEvent);
@@ -24,9 +22,8 @@ void WINAPI Handler(DWORD control) {
 
 void WINAPI StandInMain(DWORD, LPSTR*) {
     statusHandle = RegisterServiceCtrlHandlerA(serviceName, Handler);
-    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
-    status.dwControlsAccepted = refuseStop ? 0 : SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN;
-    status.dwCurrentState = SERVICE_RUNNING;
+    status = {SERVICE_WIN32_OWN_PROCESS, SERVICE_RUNNING,
+              refuseStop ? 0ul : SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN, 0, 0, 0, 0};
     SetServiceStatus(statusHandle, &status);
     WaitForSingleObject(stopEvent, refuseStop ? 20000 : INFINITE);
     status.dwCurrentState = SERVICE_STOPPED;
@@ -40,5 +37,4 @@ int main(int argc, char** argv) {
     refuseStop = argc >= 3 && lstrcmpA(argv[2], "refuse-stop") == 0;
     SERVICE_TABLE_ENTRYA table[] = {{serviceName, StandInMain}, {nullptr, nullptr}};
     StartServiceCtrlDispatcherA(table);
-    return 0;
 }

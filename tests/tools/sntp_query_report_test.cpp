@@ -16,25 +16,21 @@ int32_t Parse(std::vector<const char*> words, QueryOptions* options) {
     return ParseQueryOptions(static_cast<int>(words.size()), const_cast<char**>(words.data()), options);
 }
 
-QueryOptions Thresholds(double warnMs, double critMs) {
-    return QueryOptions{"127.0.0.5", 1, 1, QUERY_DEFAULT_TIMEOUT_MS, warnMs, critMs};
-}
+QueryOptions Thresholds(double warnMs, double critMs) { return {"127.0.0.5", 1, 1, QUERY_DEFAULT_TIMEOUT_MS, warnMs, critMs}; }
 
 QuerySummary Answered(long answered, long asked, double offsetMs, double delayMs) {
-    return QuerySummary{asked, answered, offsetMs, offsetMs, offsetMs, delayMs, delayMs, delayMs};
+    return {asked, answered, offsetMs, offsetMs, offsetMs, delayMs, delayMs, delayMs};
 }
 
 std::vector<double> Figures(const QuerySummary& s) {
-    return {static_cast<double>(s.asked), static_cast<double>(s.answered), s.offsetMinMs, s.offsetMedianMs,
-            s.offsetMaxMs, s.delayMinMs, s.delayMedianMs, s.delayMaxMs};
+    return {double(s.asked), double(s.answered), s.offsetMinMs, s.offsetMedianMs, s.offsetMaxMs, s.delayMinMs,
+            s.delayMedianMs, s.delayMaxMs};
 }
 }  // namespace
 
 TEST(SntpQueryOptions, AcceptsLongAndShortFormsAndDefaults) {
     const struct {
-        std::vector<const char*> words;
-        long count, intervalS, timeoutMs;
-        double warnMs, critMs;
+        std::vector<const char*> words; long count, intervalS, timeoutMs; double warnMs, critMs;
     } rows[] = {
         {{"ntp1"}, 1, 1, 5000, -1, -1},
         {{"--count", "5", "--interval", "0", "--timeout", "900", "ntp1"}, 5, 0, 900, -1, -1},
@@ -78,18 +74,15 @@ TEST(SntpQuerySummary, TakesMinMedianAndMaxOfTheAnswersOnly) {
     EXPECT_EQ((std::vector<double>{4, 4, 1.0, 3.0, 10.0, 0.0, 1.5, 3.0}), Figures(summary));
     ASSERT_EQ(0, SummariseQuery(silent, 2, &summary));
     EXPECT_EQ(std::make_pair(2L, 0L), std::make_pair(summary.asked, summary.answered));
-    EXPECT_EQ(1, SummariseQuery(nullptr, 1, &summary));
-    EXPECT_EQ(1, SummariseQuery(odd, -1, &summary));
-    EXPECT_EQ(1, SummariseQuery(odd, QUERY_MAX_COUNT + 1, &summary));
+    EXPECT_EQ(std::make_tuple(1, 1, 1), std::make_tuple(SummariseQuery(nullptr, 1, &summary), SummariseQuery(odd, -1, &summary),
+                                                        SummariseQuery(odd, QUERY_MAX_COUNT + 1, &summary)));
 }
 
 // One row per run: the verdict on its median offset, checked through the status line it gives
 // (whole, or up to " -" where the verdict alone is the point).
 TEST(SntpQueryStatus, VerdictAndStatusLine) {
     const struct {
-        long answered, asked;
-        double offsetMs, delayMs, warnMs, critMs;
-        const char* line;
+        long answered, asked; double offsetMs, delayMs, warnMs, critMs; const char* line;
     } rows[] = {
         {0, 4, 0.0, 0.0, 100, 500,  // nothing answered: no verdict on the offset
          "SNTP UNKNOWN - no answer from 127.0.0.5, 0 of 4 answered: The time server did not respond."},

@@ -1,9 +1,8 @@
 #!/usr/bin/env python3
-"""Reads the version resource back out of every shipped file of a Windows build with a reader of
-its own (not the tool that wrote it): fixed and string versions from the project version,
-company, product, description and original file name; and the resource libraries stay 32-bit
-images of a resource section alone, which a 64-bit service can load.
-Usage: version_resources_test.py --build <dir> --version x.y.z"""
+"""Reads the version resource of every shipped file of a Windows build with a reader of its own (not
+the writing tool's): fixed and string versions from the project's, company, product, description and
+original file name; the resource libraries stay 32-bit images of resources alone, which a 64-bit
+service can load. Usage: version_resources_test.py --build <dir> --version x.y.z"""
 
 import argparse, os, re, struct, sys, unittest
 
@@ -35,19 +34,15 @@ class VersionResourceTest(unittest.TestCase):
         self.assertTrue(strings.get("FileDescription", "").startswith(description), strings)
         return [data[table + 40 * i:table + 40 * i + 8].rstrip(b"\0").decode() for i in range(count)]
 
-    def test_every_executable_carries_its_version(self):
-        for name, description in EXECUTABLES.items():
+    def test_every_shipped_file_carries_its_version_and_the_libraries_stay_code_free(self):
+        libraries = sorted(n for n in os.listdir(os.path.join(BUILD, "config")) if re.fullmatch(r"res\d+\.dll", n))
+        self.assertIn("res1033.dll", libraries)
+        for name, description in [*EXECUTABLES.items(), *((n, "Norvik Time Service message texts, ") for n in libraries)]:
             with self.subTest(name=name):
-                self.check(name, os.path.join(BUILD, name), 0x8664, 1, description)
-
-    def test_every_resource_library_carries_its_version_and_stays_code_free(self):
-        folder = os.path.join(BUILD, "config")
-        names = sorted(n for n in os.listdir(folder) if re.fullmatch(r"res\d+\.dll", n))
-        self.assertIn("res1033.dll", names)
-        for name in names:
-            with self.subTest(name=name):
-                sections = self.check(name, os.path.join(folder, name), 0x14C, 2, "Norvik Time Service message texts, ")
-                self.assertEqual([".rsrc"], sections)
+                library = name.endswith(".dll")
+                sections = self.check(name, os.path.join(BUILD, "config" if library else ".", name),
+                                      0x14C if library else 0x8664, 2 if library else 1, description)
+                self.assertEqual([".rsrc"] if library else sections, sections)  # a library: resources alone
 
 
 if __name__ == "__main__":
