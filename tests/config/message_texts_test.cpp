@@ -100,6 +100,8 @@ TEST_F(MessageTextsTest, ShippedLibraryAnswersLookupsAndWithoutACandidateNothing
     EXPECT_STREQ(currentProfile->fontFace, "NSimSun");
     EXPECT_EQ(InitMessageTextsFor(2057), 0);
     EXPECT_EQ(currentProfile, &languageProfiles[0]);
+    for (const LanguageProfile& p : languageProfiles)  // Arabic, Hebrew and Persian read right to left
+        EXPECT_EQ(p.rightToLeft, p.primaryLanguage == 0x01 || p.primaryLanguage == 0x0D || p.primaryLanguage == 0x29);
 }
 
 // Candidates: the language, its primary language with the default sublanguage, 1033; accents stay intact.

@@ -34,6 +34,7 @@ struct Script {
     std::vector<uint32_t> hostEntry = {};  // empty: no entry
     std::vector<AdapterSetting> adapters = {};
     int32_t tryAgains = 0, lookupResult = 0, lookups = 0;
+    bool adaptersFail = false;
 } script;
 
 const Ipv4Platform scriptedPlatform = {
@@ -51,6 +52,7 @@ const Ipv4Platform scriptedPlatform = {
         return script.hostEntry.empty() ? 1 : 0;
     },
     [](AdapterSetting** adapters, size_t* count) {
+        if (script.adaptersFail) return 1;
         *adapters = static_cast<AdapterSetting*>(calloc((*count = script.adapters.size()) + 1, sizeof(AdapterSetting)));
         std::copy(script.adapters.begin(), script.adapters.end(), *adapters);
         return 0;
@@ -171,6 +173,12 @@ TEST(Ipv4, ParsesResolvesFindsLocalAddressesSearchesAdaptersStaticFirstAndTakesT
         EXPECT_EQ(c.address, address);
         EXPECT_EQ(c.mask, mask);
     }
+    ForgetAdapterCache();  // an unreadable adapter list: loopback, and nothing cached from it
+    script.adaptersFail = true;
+    uint32_t mask = UNTOUCHED;
+    EXPECT_EQ(1, GetAdapterAddress(&got, &mask));
+    EXPECT_EQ(Address(127, 0, 0, 1), got);
+    script.adaptersFail = false;
     EXPECT_EQ(1, GetAdapterAddress(nullptr, &got));
     EXPECT_EQ(0, SelectAdapterAddress(nullptr, 2, &got, &got));
     AdapterSetting unterminated;

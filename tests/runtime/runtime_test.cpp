@@ -45,6 +45,13 @@ TEST(VirtualTime, TimersStartRestartAndExpireAcrossTheWrapAndTheDriverCarriesClo
     EXPECT_EQ(1234u, RecordedRandomSeed());
     RemoveVirtualTime();
 
+    // The system's own clocks move with a real sleep (and both by about the same amount).
+    const uint32_t tickBefore = systemDriver.tickCount();
+    const uint64_t preciseBefore = systemDriver.preciseTickUs();
+    systemDriver.sleep(30);
+    EXPECT_NEAR(systemDriver.tickCount() - tickBefore, (systemDriver.preciseTickUs() - preciseBefore) / 1000, 20);
+    EXPECT_GE(systemDriver.preciseTickUs() - preciseBefore, 30000u);
+
     // The system's own sequence on every build: above 32767 the client's start delay leaves 60..119 s.
     systemDriver.seedRandom(1);
     for (const int32_t expected : {41, 18467, 6334, 26500, 19169, 15724, 11478, 29358}) {

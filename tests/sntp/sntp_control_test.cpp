@@ -93,6 +93,8 @@ TEST_F(SntpController, TheSettingFileNamesTheRole) {
     EXPECT_EQ("#\nOTHER_KEY 5\nSNTP_IP 127.0.0.2\n",
               std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()));
     EXPECT_EQ(1, WriteSntpIp("127.0.0.2", (root_ / "missing").string().c_str()));
+    EXPECT_EQ(0, ReadSntpIp(value, std::string(400, 'd').c_str()));  // cut to the path's capacity: no file
+    EXPECT_STREQ("", value);
 }
 
 // Each start reads the role anew; each restart and stop clears troubles after 1200 ms and joins the thread.
