@@ -178,7 +178,6 @@ TEST(Ipv4, ParsesResolvesFindsLocalAddressesSearchesAdaptersStaticFirstAndTakesT
     uint32_t mask = UNTOUCHED;
     EXPECT_EQ(1, GetAdapterAddress(&got, &mask));
     EXPECT_EQ(Address(127, 0, 0, 1), got);
-    script.adaptersFail = false;
     EXPECT_EQ(1, GetAdapterAddress(nullptr, &got));
     EXPECT_EQ(0, SelectAdapterAddress(nullptr, 2, &got, &got));
     AdapterSetting unterminated;

@@ -46,11 +46,10 @@ TEST(VirtualTime, TimersStartRestartAndExpireAcrossTheWrapAndTheDriverCarriesClo
     RemoveVirtualTime();
 
     // The system's own clocks move with a real sleep (and both by about the same amount).
-    const uint32_t tickBefore = systemDriver.tickCount();
-    const uint64_t preciseBefore = systemDriver.preciseTickUs();
+    const std::pair<uint32_t, uint64_t> before{systemDriver.tickCount(), systemDriver.preciseTickUs()};
     systemDriver.sleep(30);
-    EXPECT_NEAR(systemDriver.tickCount() - tickBefore, (systemDriver.preciseTickUs() - preciseBefore) / 1000, 20);
-    EXPECT_GE(systemDriver.preciseTickUs() - preciseBefore, 30000u);
+    EXPECT_NEAR(systemDriver.tickCount() - before.first, (systemDriver.preciseTickUs() - before.second) / 1000, 50);
+    EXPECT_GE(systemDriver.preciseTickUs() - before.second, 30000u);
 
     // The system's own sequence on every build: above 32767 the client's start delay leaves 60..119 s.
     systemDriver.seedRandom(1);
