@@ -24,17 +24,6 @@ const char OFFSET_MARK[] = "System clock wrong by ";
 const uint32_t STATUS_POLL_MS = 20;
 std::atomic<uint32_t> scratchCounter{0};
 
-std::string LocalPathOf(const std::string& hostPath) {
-#ifdef _WIN32
-    // Wine maps the host's root to drive Z:.
-    std::string local = "Z:" + hostPath;
-    for (char& c : local) if (c == '/') c = '\\';
-    return local;
-#else
-    return hostPath;
-#endif
-}
-
 std::string MakeHostScratch(const char* tag) {
     const auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
     const std::string hostPath = "/tmp/norvik-" + std::string(tag) + "-" + std::to_string(CurrentProcessNumber()) +

@@ -17,6 +17,8 @@ size_t CountProcessThreads() {
 
 uint32_t CurrentProcessNumber() { return static_cast<uint32_t>(getpid()); }
 
+std::string LocalPathOf(const std::string& hostPath) { return hostPath; }
+
 bool LaunchHostShell(const std::string& scriptHostPath) {
     // The intermediate shell puts the script in the background and ends at once.
     const char* argv[] = {"/bin/sh", "-c", "/bin/sh \"$0\" &", scriptHostPath.c_str(), nullptr};

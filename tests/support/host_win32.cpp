@@ -20,6 +20,13 @@ size_t CountProcessThreads() {
 
 uint32_t CurrentProcessNumber() { return static_cast<uint32_t>(GetCurrentProcessId()); }
 
+// Wine maps the host's root to drive Z:.
+std::string LocalPathOf(const std::string& hostPath) {
+    std::string local = "Z:" + hostPath;
+    for (char& c : local) c = c == '/' ? '\\' : c;
+    return local;
+}
+
 bool LaunchHostShell(const std::string& scriptHostPath) {
     std::string commandLine = "/bin/sh " + scriptHostPath;
     STARTUPINFOA startup{};
