@@ -122,7 +122,7 @@ bench_kind_round() {
 
 # chrony_conf PORT [ADDRESS]: a configuration of chronyd as the server of its own clock on
 # ADDRESS:PORT (127.0.0.1 unless given), with no rate limit (none is configured). Run with -x
-# it never touches the clock; without a command port it needs no socket of /run.
+# it never touches the clock; without command port and socket it leaves nothing under /run.
 chrony_conf() {
   cat >"$bench_results/chrony.conf" <<EOF
 local stratum 10
@@ -130,11 +130,14 @@ allow 127.0.0.0/8
 bindaddress ${2:-127.0.0.1}
 port $1
 cmdport 0
+bindcmdaddress /
 pidfile $bench_results/chronyd.pid
 EOF
   echo "$bench_results/chrony.conf"
 }
-chronyd=$(command -v chronyd || echo /usr/sbin/chronyd)
+# chrony's programs as scripts/setup.sh unpacks them (its package is never installed); -u root,
+# as there is no user of its own to switch to.
+chronyd=$(pwd)/build/chrony/usr/sbin/chronyd
 
 # bench_median NAME FIELD, bench_spread NAME FIELD: over NAME's rounds, the median of one field,
 # and "median (lowest - highest)".
@@ -159,7 +162,7 @@ bench_servers() {
   while [ "$i" -le "$ROUNDS" ]; do
     for server in $servers; do
       if [ "$server" = chrony ]; then
-        bench_round chrony "$chronyd" -x -d -f "$(chrony_conf "$BENCH_PORT")"
+        bench_round chrony "$chronyd" -x -d -u root -f "$(chrony_conf "$BENCH_PORT")"
       else
         bench_kind_round "$server"
       fi

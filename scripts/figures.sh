@@ -72,7 +72,7 @@ if wants client; then
        "delay the round trip on the millisecond tick"
   if true; then
     life=$((QUERIES * 6 + 30))  # each exchange gives up after at most about 5 s
-    timeout -k 5 "$life" "$chronyd" -x -d -f "$(chrony_conf 123 127.0.0.5)" >"$bench_results/client-chrony.log" 2>&1 &
+    timeout -k 5 "$life" "$chronyd" -x -d -u root -f "$(chrony_conf 123 127.0.0.5)" >"$bench_results/client-chrony.log" 2>&1 &
     chrony=$!
     ready=no
     for _ in $(seq 1 "$BENCH_READY_TRIES"); do

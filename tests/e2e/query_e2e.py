@@ -21,9 +21,9 @@ class QueryTest(winerig.RigTestCase):
     def setUpClass(cls):
         super().setUpClass()
         # chronyd -x never touches the clock; directives on its command line replace its configuration.
-        chrony = subprocess.Popen(["timeout", "300", "chronyd", "-x", "-d", "-u", "root", f"bindaddress {CHRONY}",
+        chrony = subprocess.Popen(["timeout", "300", winerig.CHRONYD, "-x", "-d", "-u", "root", f"bindaddress {CHRONY}",
                                    "port 123", "allow 127.0.0.0/8", "local stratum 1", f"pidfile {cls.rig.prefix}/chronyd.pid",
-                                   "cmdport 0"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                                   *winerig.CHRONY_QUIET], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         cls.addClassCleanup(chrony.wait, timeout=10)
         cls.addClassCleanup(chrony.terminate)
         winerig.wait_for_server(CHRONY, 10)

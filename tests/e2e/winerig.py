@@ -16,6 +16,11 @@ FIRST_EXCHANGE = (59 - 1, 118 + 6)  # s from the client's start: 59..118, widene
 NTP_UNIX_OFFSET = 2208988800
 SO_TIMESTAMPNS = 35  # Linux: the kernel's receive time of each datagram
 SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+# chrony's programs, unpacked by scripts/setup.sh without installing its package (which would
+# replace the host's own time service).
+CHRONYD = os.path.join(SOURCE, "build", "chrony", "usr", "sbin", "chronyd")
+# Directives that keep a test's chronyd to itself: no command port, no socket under /run.
+CHRONY_QUIET = ("cmdport 0", "bindcmdaddress /")
 QUIET = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
 
 
@@ -205,8 +210,7 @@ class FakeSntpServer(threading.Thread):
 def chrony_query(address, timeout=30):
     """Asks address:123 with chrony as a version-3 client that never sets the clock: (exit code, output)."""
     with tempfile.TemporaryDirectory(prefix="norvik-chrony-") as workdir:
-        os.chmod(workdir, 0o777)  # chronyd, as its own user, must still remove its pid file here
-        result = subprocess.run(["chronyd", "-Q", "-t", "10", f"pidfile {workdir}/chronyd.pid", "cmdport 0",
+        result = subprocess.run([CHRONYD, "-Q", "-t", "10", "-u", "root", f"pidfile {workdir}/chronyd.pid", *CHRONY_QUIET,
                                  f"server {address} iburst version 3"], capture_output=True, text=True, timeout=timeout)
     return result.returncode, result.stdout + result.stderr
 

@@ -141,7 +141,7 @@ TEST_F(SntpExchangeTest, SilenceEndsAfterTheTimeoutPlusOneStepAndAStopAtTheNextS
 }
 
 TEST_F(SntpExchangeTest, ChronyServingTheHostClockGivesTheHostTime) {
-    if (!ChronyInstalled()) GTEST_SKIP() << CHRONYD_PATH << " is not installed";
+    if (!ChronyInstalled()) GTEST_SKIP() << ChronydPath() << " is not installed";
     ChronyServer chrony;
     if (!chrony.Start("127.0.0.25")) GTEST_SKIP() << "chronyd did not start:\n" << chrony.Log();
     uint8_t before[8], after[8];

@@ -149,7 +149,7 @@ TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubl
 }
 
 TEST_F(SntpServerTest, ChronyAskingWithVersionThreeAcceptsTheTime) {
-    if (!ChronyInstalled()) GTEST_SKIP() << CHRONYD_PATH << " is not installed";
+    if (!ChronyInstalled()) GTEST_SKIP() << ChronydPath() << " is not installed";
     SetSntpServerClock(nullptr), server = std::thread([] { SntpServerThread(0); });
     double offset = 0.0;
     std::string output;  // from the clock chrony compares it with: a wrong era, second or scale is far off

@@ -14,6 +14,9 @@
 #include "tests/support/host.h"
 
 namespace {
+// chrony's programs as scripts/setup.sh unpacks them beside the build (its package is never
+// installed: it would replace the host's own time service). A host path, also under Wine.
+const char CHRONYD_PATH[] = NORVIK_CHRONYD_PATH;
 const uint32_t SERVER_LIFETIME_S = 120;     // the cap on a server's life if a test never stops it
 const uint32_t SERVER_START_PATIENCE_MS = 5000;
 const uint32_t SERVER_STOP_PATIENCE_MS = 5000;
@@ -76,6 +79,8 @@ int32_t RunHostScript(const std::string& scratch, const char* name, const std::s
 }
 }  // namespace
 
+const char* ChronydPath() { return CHRONYD_PATH; }
+
 bool ChronyInstalled() { return HostFileExists(CHRONYD_PATH); }
 
 bool ChronyServer::Start(const char* bindAddress) {
@@ -86,7 +91,7 @@ bool ChronyServer::Start(const char* bindAddress) {
     // directives on the command line stand for a configuration file.
     const std::string script = "exec timeout " + std::to_string(SERVER_LIFETIME_S) + " " + CHRONYD_PATH +
                                " -x -d -u root 'bindaddress " + bindAddress + "' 'port 123' 'allow 127.0.0.0/8' " +
-                               "'local stratum 1' 'pidfile " + scratch_ + "/chronyd.pid' 'cmdport 0'";
+                               "'local stratum 1' 'pidfile " + scratch_ + "/chronyd.pid' 'cmdport 0' 'bindcmdaddress /'";
     if (RunHostScript(scratch_, "server", script, 0) != 0) return false;
     // The pid file is written once the sockets are bound.
     for (uint32_t waited = 0; waited < SERVER_START_PATIENCE_MS; waited += POLL_MS) {

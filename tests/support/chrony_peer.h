@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <string>
 
-const char CHRONYD_PATH[] = "/usr/sbin/chronyd";
-
+// Where the tests find chronyd: unpacked beside the build by scripts/setup.sh, never installed.
+const char* ChronydPath();
 bool ChronyInstalled();
 
 class ChronyServer {
