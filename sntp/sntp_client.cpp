@@ -40,8 +40,8 @@ void ReportClockSet(NtpTimestamp time) {
     if (listener == nullptr) {
         return;
     }
-    const uint64_t ntpSeconds = (time + HALF_SECOND_FRACTION) >> 32;
-    listener(static_cast<int64_t>(ntpSeconds) - static_cast<int64_t>(ntpToUnixSeconds));
+    const int64_t ntpSeconds = NtpEraSeconds(time + HALF_SECOND_FRACTION);
+    listener(ntpSeconds - static_cast<int64_t>(ntpToUnixSeconds));
 }
 
 // One ladder of exchanges; returns the countdown to the next one.
