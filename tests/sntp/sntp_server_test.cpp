@@ -66,6 +66,23 @@ protected:
     std::thread server;
 };
 
+// Every wait on a socket fails as a failing select does, which no loopback socket can be made to
+// do; the socket calls are the system's again when it goes out of scope.
+class FailingWaits {
+public:
+    FailingWaits() : platform_(systemSocketPlatform) {
+        platform_.waitReadable = [](uint64_t, uint32_t) -> int32_t { return -1; };
+        previous_ = InstallSocketPlatform(&platform_);
+    }
+    ~FailingWaits() { InstallSocketPlatform(previous_); }
+    FailingWaits(const FailingWaits&) = delete;
+    FailingWaits& operator=(const FailingWaits&) = delete;
+
+private:
+    SocketPlatform platform_;
+    const SocketPlatform* previous_ = nullptr;
+};
+
 thread_local bool onServerThread = false;  // the socket library's ageing thread sleeps too
 std::vector<uint32_t> pauses;
 uint32_t libraryUsersWhilePausing = 0;
@@ -169,7 +186,10 @@ TEST_F(SntpServerTest, ATakenPortRaisesTroubleEightOnceAndAFailingWaitTroubleOne
     // The library given back while idle: restarted every minute, the server would pile up sockets.
     EXPECT_EQ(std::make_pair(std::vector<uint32_t>(3, 1000), 0u), std::make_pair(pauses, libraryUsersWhilePausing));
 
-    failNetSocketWaits = 1, RunServerUntilPauses(5), failNetSocketWaits = 0;
+    {
+        FailingWaits failing;
+        RunServerUntilPauses(5);
+    }
     EXPECT_EQ(std::vector<SeenTrouble>(5, SeenTrouble{SNTP_SOCKET_ERROR, TROUBLE_SET}), TakeTroubles());
     EXPECT_EQ(std::make_pair(std::vector<uint32_t>(5, 1000), 1u), std::make_pair(pauses, libraryUsersWhilePausing));
 }
