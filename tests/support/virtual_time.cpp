@@ -90,12 +90,14 @@ int32_t VirtualNextRandom() {
 
 const PlatformDriver virtualDriver = {
     VirtualTick,       VirtualPreciseTick, VirtualSleep,      VirtualWallClock,        VirtualReadClock, VirtualWriteClock,
-    VirtualSeedRandom, VirtualNextRandom, VirtualSleepUnlessWoken,
+    VirtualSeedRandom, VirtualNextRandom, VirtualSleepUnlessWoken, systemDriver.startJoinableThread,
+    systemDriver.joinThread,
 };
 
 const PlatformDriver guardDriver = {
     systemDriver.tickCount, systemDriver.preciseTickUs, systemDriver.sleep, systemDriver.wallClock, systemDriver.readSystemClock,
     [](int64_t) {},         systemDriver.seedRandom, systemDriver.nextRandom, systemDriver.sleepUnlessWoken,
+    systemDriver.startJoinableThread, systemDriver.joinThread,
 };
 }  // namespace
 
