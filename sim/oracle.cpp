@@ -364,10 +364,12 @@ uint64_t MachineNtpStamp() {
 }
 
 void CheckServedStamp(const uint8_t* bytes, const char* which) {
-    // GetSystemTime keeps whole milliseconds: the stamp may be up to 1 ms behind the clock.
+    // GetSystemTime keeps whole milliseconds: the stamp may be up to 1 ms behind the clock, and
+    // the conversion's double rounds either way by a fraction of a microsecond.
     const int64_t behind = static_cast<int64_t>(MachineNtpStamp() - LoadStamp(bytes));
-    const int64_t LIMIT = static_cast<int64_t>((1ULL << 32) / 1000 + (1ULL << 32) / 1000000);  // 1 ms and 1 us
-    if (behind < -16 || behind > LIMIT) {
+    const int64_t MICROSECOND = static_cast<int64_t>((1ULL << 32) / 1000000);
+    const int64_t MILLISECOND = static_cast<int64_t>((1ULL << 32) / 1000);
+    if (behind < -MICROSECOND || behind > MILLISECOND + MICROSECOND) {
         SimFail("the server's %s stamp is %" PRId64 " units of 2^-32 s off the machine's clock", which, behind);
     }
 }

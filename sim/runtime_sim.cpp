@@ -124,36 +124,6 @@ int32_t StartThread(ThreadFunction function, uint64_t argument) {
     return CreateFiberThread(function, argument, false) != nullptr ? 1 : 0;
 }
 
-int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle) {
-    if (handle == nullptr) {
-        return 0;
-    }
-    *handle = nullptr;
-    JoinableThread* joinable = static_cast<JoinableThread*>(calloc(1, sizeof(JoinableThread)));
-    if (joinable == nullptr) {
-        return 0;
-    }
-    joinable->fiber = CreateFiberThread(function, argument, true);
-    if (joinable->fiber == nullptr) {
-        free(joinable);
-        return 0;
-    }
-    *handle = joinable;
-    return 1;
-}
-
-void JoinThread(ThreadHandle handle) {
-    if (handle == nullptr) {
-        return;
-    }
-    SimFiber* fiber = handle->fiber;
-    while (fiber->state == FIBER_LIVE) {
-        WaitFiberOn(fiber);
-    }
-    ReleaseFiber(fiber);
-    free(handle);
-}
-
 // A manual-reset event.
 struct Wakeup {
     int32_t signalled;
@@ -207,6 +177,29 @@ int32_t SimNextRandom() {
     return static_cast<int32_t>((simCurrent->randomState >> 16) & 0x7FFFu);
 }
 
+int32_t SimStartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle) {
+    JoinableThread* joinable = static_cast<JoinableThread*>(calloc(1, sizeof(JoinableThread)));
+    if (joinable == nullptr) {
+        return 0;
+    }
+    joinable->fiber = CreateFiberThread(function, argument, true);
+    if (joinable->fiber == nullptr) {
+        free(joinable);
+        return 0;
+    }
+    *handle = joinable;
+    return 1;
+}
+
+void SimJoinThread(ThreadHandle handle) {
+    SimFiber* fiber = handle->fiber;
+    while (fiber->state == FIBER_LIVE) {
+        WaitFiberOn(fiber);
+    }
+    ReleaseFiber(fiber);
+    free(handle);
+}
+
 int32_t SimSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
     if (wakeup->signalled != 0) {
         return 1;
@@ -218,5 +211,5 @@ int32_t SimSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
 
 const PlatformDriver systemDriver = {
     SimTickCount,  SimPreciseTick, SimSleep,      SimWallClock,         SimReadClock, SimWriteClock,
-    SimSeedRandom, SimNextRandom,  SimSleepUnlessWoken,
+    SimSeedRandom, SimNextRandom,  SimSleepUnlessWoken, SimStartJoinableThread, SimJoinThread,
 };
