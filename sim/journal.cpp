@@ -51,6 +51,7 @@ const char* const KIND_NAMES[J_KIND_COUNT] = {
     "burst of a clients",
     "stop flag now a",
     "host name resolution: a",
+    "new time threads refused: a",
 };
 
 const char* const ROLE_NAMES[] = {"main", "host", "dispatcher", "client", "server", "ageing", "other"};
@@ -84,6 +85,8 @@ void FormatUnixMs(int64_t unixMs, char* out, size_t size) {
              static_cast<int>(rest % 1000));
 }
 }  // namespace
+
+const char* RoleName(uint8_t role) { return ROLE_NAMES[role < 7 ? role : 6]; }
 
 void Journal(uint16_t kind, int64_t a, int64_t b) {
     JournalEntry& entry = ring[written % RING_SIZE];
@@ -122,7 +125,7 @@ void SimFail(const char* format, ...) {
         const JournalEntry& entry = ring[i % RING_SIZE];
         char when[40];
         FormatSimDate(entry.at, when, sizeof when);
-        printf("    %s  [%s %u]  %s  a=%" PRId64 " b=%" PRId64 "\n", when, ROLE_NAMES[entry.role < 7 ? entry.role : 6],
+        printf("    %s  [%s %u]  %s  a=%" PRId64 " b=%" PRId64 "\n", when, RoleName(entry.role),
                entry.fiber, KIND_NAMES[entry.kind], entry.a, entry.b);
     }
     printf("  replay: scripts/simulate.sh <years> %" PRIu64 "\n", simSeed);

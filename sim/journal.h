@@ -34,6 +34,7 @@ enum JournalKind : uint16_t {
     J_BURST,              // a = clients
     J_STOP_FLAG,          // a = new value
     J_RESOLVE,            // a = result
+    J_THREADS_REFUSED,    // a = 1 the machine refuses new time threads, 0 it starts them
     J_KIND_COUNT,
 };
 
@@ -43,6 +44,8 @@ extern int64_t simEpochUnixSeconds;  // true time at simNow 0
 extern void (*failureCleanup)();
 
 void Journal(uint16_t kind, int64_t a, int64_t b);
+// "client", "server", "ageing", ... for a FiberRole.
+const char* RoleName(uint8_t role);
 
 // "2036-02-07 06:28:16.000" for a simulated time.
 void FormatSimDate(SimTime at, char* out, size_t size);

@@ -10,8 +10,11 @@
 #include "sim/network.h"
 #include "sim/scheduler.h"
 
-// Threads (runtime twin).
+// Threads (runtime twin). While threadStartsFail is set the machine refuses to start a time
+// thread (the only threads whose failed start the service reports).
+extern int32_t threadStartsFail;
 void ObserveThreadStart(SimFiber* fiber);
+void ObserveThreadStartFailed(uint8_t role);
 void ObserveThreadEnd(SimFiber* fiber);
 // A sleep of the calling fiber is about to begin.
 void ObserveSleep(uint32_t milliseconds);

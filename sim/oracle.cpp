@@ -135,6 +135,13 @@ SimFiber* clientFiber = nullptr;
 char clientText[256] = "";
 int32_t clientUpstream = -1;
 SimTime clientStartedAt = 0;
+// Since when the service has been the client of this same server without a start of its own, a
+// control 128 or a change of role: the minute's re-check restarting it does not count, as the
+// promise of a setting a day is the service's, whatever restarts it does by itself.
+SimTime clientRunSince = 0;
+uint8_t lastStartCause = 0;  // 0 process start, 1 control, 2 the re-check
+uint8_t lastEndedRole = 0;
+uint64_t clientRecheckRestarts = 0;
 int32_t silences = 0;
 SimTime lastClockSetAt = 0;
 SimTime lastUnhealthyAt = 0;
@@ -433,6 +440,7 @@ uint64_t restartsByRecheck = 0;
 uint64_t stopsSeen = 0;
 uint64_t timeThreads[2] = {0, 0};  // client, server
 uint64_t bindFailures = 0;
+uint64_t threadStartFailures = 0;
 uint64_t waitFailures = 0;
 uint64_t minutes = 0;
 
@@ -510,6 +518,12 @@ void ObserveThreadStart(SimFiber* fiber) {
                 fiber->role == ROLE_SERVER ? "server" : "client", settingValue, wantServer != 0 ? "server" : "client");
     }
     if (fiber->role == ROLE_CLIENT) {
+        const bool sameRun = lastStartCause == 2 && lastEndedRole == ROLE_CLIENT && strcmp(clientText, settingValue) == 0;
+        if (sameRun) {
+            ++clientRecheckRestarts;
+        } else {
+            clientRunSince = simNow;
+        }
         clientFiber = fiber;
         clientStartedAt = simNow;
         silences = 0;
@@ -520,11 +534,20 @@ void ObserveThreadStart(SimFiber* fiber) {
     WorldThreadStarted();
 }
 
+void ObserveThreadStartFailed(uint8_t role) {
+    // The controller says so with its role's "could not start" trouble.
+    ++threadStartFailures;
+    RuleSet(role == ROLE_SERVER ? SNTP_SERVER_NOT_STARTED : SNTP_CLIENT_NOT_STARTED);
+}
+
 void ObserveThreadEnd(SimFiber* fiber) {
     Journal(J_THREAD_END, fiber->role, fiber->index);
     if (fiber->role == ROLE_SERVER && serverNotStartedPending != 0) {
         serverNotStartedPending = 0;
         RuleSet(SNTP_SERVER_NOT_STARTED);
+    }
+    if (fiber->role == ROLE_CLIENT || fiber->role == ROLE_SERVER) {
+        lastEndedRole = fiber->role;
     }
     if (fiber->role == ROLE_CLIENT) {
         if (exchange.active != 0) {
@@ -540,6 +563,8 @@ void ObserveSleep(uint32_t milliseconds) {
         // Every stop and restart of synchronisation clears all troubles, then grants the thread
         // its 1200 ms to end.
         RuleClearAll();
+        WorldRestartBegun();
+        lastStartCause = role == ROLE_DISPATCHER ? 1 : 2;
         if (service.loopEnded != 0) {
             ++stopsSeen;
         } else if (role == ROLE_DISPATCHER) {
@@ -635,7 +660,7 @@ void ObserveDatagramSent(SimSocket* socket, const NetAddress* to, const uint8_t*
         exchange.server = to->address;
         memcpy(exchange.stamp, data + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE);
     } else {
-        SimFail("a thread of role %u sent a datagram", socket->role);
+        SimFail("the %s thread sent a datagram", RoleName(socket->role));
     }
     if (length < 0 || length > static_cast<int32_t>(DATAGRAM_BYTES)) {
         return;
@@ -750,6 +775,8 @@ void OracleSinkInstalled() { sinkInstalled = 1; }
 
 void OracleServiceStarted() {
     allocationsAtStart = liveAllocations;
+    lastStartCause = 0;
+    lastEndedRole = 0;
     modelMask = 0;  // a new process
     sinkInstalled = 0;
     lastStatus = HOST_STOPPED;
@@ -821,25 +848,29 @@ void OracleMinute() {
     if (liveAllocations > ALLOCATIONS_MAX) {
         SimFail("%" PRId64 " live allocations", liveAllocations);
     }
-    if (service.running == 0 || service.loopEnded != 0) {
+    if (service.running == 0) {
         return;
     }
 
-    // Liveness.
-    if (simNow - service.lastPulse > STALL_LIMIT) {
+    // Liveness: also while the service stops, whose stop must end every thread.
+    if (service.loopEnded == 0 && simNow - service.lastPulse > STALL_LIMIT) {
         SimFail("the supervision loop has not run for %.1f s", static_cast<double>(simNow - service.lastPulse) / 1e9);
-    }
-    if (service.controlSince != SIM_NEVER && simNow - service.controlSince > STALL_LIMIT) {
-        SimFail("the control handler has been busy for %.1f s", static_cast<double>(simNow - service.controlSince) / 1e9);
     }
     for (uint32_t i = 1; i < SIM_MAX_FIBERS; ++i) {
         const SimFiber& fiber = simFibers[i];
         const bool joining = fiber.waitingOn >= static_cast<const void*>(&simFibers[0]) &&
                              fiber.waitingOn < static_cast<const void*>(&simFibers[SIM_MAX_FIBERS]);
         if (fiber.state == FIBER_LIVE && joining && simNow - fiber.waitingSince > STALL_LIMIT) {
-            SimFail("a thread (role %u) has waited %.1f s for another to end: the stop was lost", fiber.role,
-                    static_cast<double>(simNow - fiber.waitingSince) / 1e9);
+            const SimFiber* awaited = static_cast<const SimFiber*>(fiber.waitingOn);
+            SimFail("the %s thread has waited %.1f s for the %s thread to end: its stop was lost", RoleName(fiber.role),
+                    static_cast<double>(simNow - fiber.waitingSince) / 1e9, RoleName(awaited->role));
         }
+    }
+    if (service.controlSince != SIM_NEVER && simNow - service.controlSince > STALL_LIMIT) {
+        SimFail("the control handler has been busy for %.1f s", static_cast<double>(simNow - service.controlSince) / 1e9);
+    }
+    if (service.loopEnded != 0) {
+        return;
     }
 
     // The held troubles.
@@ -868,7 +899,7 @@ void OracleMinute() {
             lastUnhealthyAt = simNow;
         }
         SimTime since = lastClockSetAt;
-        Raise(&since, clientStartedAt);
+        Raise(&since, clientRunSince);
         Raise(&since, lastUnhealthyAt);
         if (simNow - since > DAILY_DEADLINE) {
             SimFail("the clock has not been set for %.0f s with its upstream healthy",
@@ -925,10 +956,13 @@ void PrintOracleSummary() {
     printf("restarts               %" PRIu64 " by control 128, %" PRIu64 " by the minute's re-check; %" PRIu64
            " stops; time threads: %" PRIu64 " client, %" PRIu64 " server\n",
            restartsByControl, restartsByRecheck, stopsSeen, timeThreads[0], timeThreads[1]);
+    printf("  clients restarted by the re-check as the same client: %" PRIu64 "\n", clientRecheckRestarts);
     printf("server                 %" PRIu64 " answers, %" PRIu64 " refused at the peer limit, %" PRIu64
            " invalid requests ignored; %" PRIu64 " failed binds, %" PRIu64 " failed waits\n",
            answers, refused, ignoredInvalid, bindFailures, waitFailures);
-    printf("tick count wraps       %" PRIu64 "; minute checks %" PRIu64 "\n", tickWraps, minutes);
+    printf("tick count wraps       %" PRIu64 "; minute checks %" PRIu64 "; time threads refused by the machine %" PRIu64
+           "\n",
+           tickWraps, minutes, threadStartFailures);
     printf("peaks by year          fibers sockets library-users registered-sockets peers queued-reports allocations\n");
     for (uint32_t y = 0; y < yearsSeen; ++y) {
         const Peaks& p = peaksByYear[y];

@@ -84,6 +84,8 @@ struct JoinableThread {
     SimFiber* fiber;
 };
 
+int32_t threadStartsFail = 0;
+
 namespace {
 uint8_t RoleOf(ThreadFunction function, bool joinable) {
     if (function == SntpClientThread) {
@@ -97,23 +99,28 @@ uint8_t RoleOf(ThreadFunction function, bool joinable) {
 }
 
 uint32_t RunThread(uint64_t block) {
-    ObserveThreadStart(simCurrent);
     RunThreadStartBlock(reinterpret_cast<void*>(static_cast<uintptr_t>(block)));
     ObserveThreadEnd(simCurrent);
     return 0;
 }
 
 SimFiber* CreateFiberThread(ThreadFunction function, uint64_t argument, bool joinable) {
+    const uint8_t role = RoleOf(function, joinable);
+    if (threadStartsFail != 0 && (role == ROLE_CLIENT || role == ROLE_SERVER)) {
+        ObserveThreadStartFailed(role);
+        return nullptr;  // the operating system refuses a new thread (out of resources)
+    }
     ThreadStartBlock* block = NewThreadStartBlock(function, argument);
     if (block == nullptr) {
         return nullptr;
     }
-    SimFiber* fiber = StartFiber(RunThread, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(block)),
-                                 RoleOf(function, joinable), joinable ? 1 : 0);
+    SimFiber* fiber = StartFiber(RunThread, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(block)), role,
+                                 joinable ? 1 : 0);
     if (fiber == nullptr) {
         FreeThreadStartBlock(block);
         return nullptr;
     }
+    ObserveThreadStart(fiber);
     // The starter and the new thread are both runnable now: which goes first is the seed's.
     YieldFiber();
     return fiber;

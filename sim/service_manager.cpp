@@ -126,6 +126,7 @@ int32_t StartService() {
     ++service.starts;
     service.running = 1;
     service.loopEnded = 0;
+    service.stopAsked = 0;
     service.state = HOST_STOPPED;
     service.startedAt = simNow;
     service.lastPulse = simNow;
@@ -146,6 +147,9 @@ int32_t StartService() {
 int32_t SendControl(uint32_t control) {
     if (service.running == 0 || service.loopEnded != 0 || controlCount == CONTROL_QUEUE) {
         return 1;
+    }
+    if (control == HOST_CONTROL_STOP || control == HOST_CONTROL_SHUTDOWN) {
+        service.stopAsked = 1;
     }
     controls[(controlHead + controlCount) % CONTROL_QUEUE] = control;
     ++controlCount;

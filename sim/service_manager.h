@@ -12,6 +12,7 @@ struct ServiceRecord {
     uint32_t starts;
     uint32_t running;        // 1 from the start until the process ended
     uint32_t loopEnded;      // 1 once the supervision loop saw the stop (nothing is drained after)
+    uint32_t stopAsked;      // 1 once a stop or shutdown control was sent to this run
     uint32_t state;          // the last state reported
     SimTime startedAt;
     SimTime lastPulse;       // when the supervision loop's last wait ended

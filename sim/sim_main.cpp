@@ -168,13 +168,13 @@ int main(int argc, char** argv) {
     }
     printf("faults injected        %" PRIu64 " upstream silences, %" PRIu64 " spells of bad answers, %" PRIu64
            " upstream steps, %" PRIu64 " setting rewrites, %" PRIu64 " controls 128 (%" PRIu64
-           " near a restart), %" PRIu64 " other controls, %" PRIu64 " stops, %" PRIu64
+           " near a restart), %" PRIu64 " other controls, %" PRIu64 " stops (%" PRIu64 " during a restart), %" PRIu64
            " workstation absences, %" PRIu64 " port-123 takeovers, %" PRIu64 " socket-error spells, %" PRIu64
-           " resolver spells, %" PRIu64 " drift changes\n",
+           " resolver spells, %" PRIu64 " spells of refused threads, %" PRIu64 " drift changes\n",
            worldCounts.upstreamModes[UP_SILENT], badModes, worldCounts.upstreamSteps, settings, worldCounts.controls128,
-           worldCounts.controls128NearRestart, worldCounts.otherControls, worldCounts.stops,
+           worldCounts.controls128NearRestart, worldCounts.otherControls, worldCounts.stops, worldCounts.stopsNearRestart,
            worldCounts.workstationDown, worldCounts.portHeld, worldCounts.socketErrorSpells, worldCounts.resolverSpells,
-           worldCounts.driftChanges);
+           worldCounts.threadRefusalSpells, worldCounts.driftChanges);
     PrintOracleSummary();
     printf("digest                 %016" PRIx64 "  (equal for every run of seed %" PRIu64 " and span)\n", simDigest,
            seed);

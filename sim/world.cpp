@@ -14,6 +14,7 @@
 #include "service/service.h"
 #include "service/service_host.h"
 #include "sim/journal.h"
+#include "sim/observe.h"
 #include "sim/oracle.h"
 #include "sim/service_manager.h"
 #include "sntp/sntp_packet.h"
@@ -45,6 +46,7 @@ enum EventKind : uint32_t {
     EV_PORT_HELD,
     EV_SOCKET_ERRORS,
     EV_RESOLVER,
+    EV_THREADS_REFUSED,
 };
 
 // Mean times between the world's doings (exponential), and the spans of its spells.
@@ -52,8 +54,10 @@ const double MEAN_BETWEEN_SETTINGS_DAYS = 4.0;
 const double QUICK_SECOND_SETTING = 0.1;        // chance that another write follows within 90 s
 const double MEAN_BETWEEN_CONTROLS_DAYS = 3.0;
 const double MEAN_BETWEEN_OTHER_CONTROLS_DAYS = 10.0;
-const double NEAR_RESTART_CONTROL = 0.03;       // chance of a control 128 right after a thread start
+const double NEAR_RESTART_CONTROL = 0.01;       // chance of a control 128 right after a thread start
 const double NEAR_START_CONTROL = 0.15;         // ... right after a service start
+const double DURING_RESTART = 0.005;            // chance of a control 128 or a stop during a restart
+const SimTime DURING_RESTART_WINDOW = 1400 * NS_PER_MS;
 const double MEAN_BETWEEN_STOPS_DAYS = 20.0;
 const double STOP_SOON_AFTER_START = 0.05;
 const double MEAN_WORKSTATION_UP_DAYS = 15.0;
@@ -64,6 +68,7 @@ const double MEAN_PORT_FREE_DAYS = 30.0;
 const double MEAN_SOCKETS_WORKING_DAYS = 45.0;
 const double MEAN_RESOLVER_WORKING_DAYS = 20.0;
 const double MEAN_BETWEEN_BURSTS_DAYS = 3.0;
+const double MEAN_THREADS_STARTING_DAYS = 60.0;
 const int64_t SYSTEM_DRIFT_MAX_PPB = 40000;     // 40 ppm: a poor crystal, 3.5 s a day
 const int64_t UPSTREAM_DRIFT_MAX_PPB = 2000;
 const SimTime SYSTEM_OFFSET_MAX = 90 * NS_PER_SECOND;
@@ -86,6 +91,7 @@ char settingPath[600];
 SimTime endAt = 0;
 int32_t resolverTryAgain = 0;
 uint32_t requestCounter = 0;
+uint64_t stopGeneration = 0;  // the steady stream of stops belongs to the latest start
 
 double UniformUnit() { return static_cast<double>(NextSimRandom() >> 11) * (1.0 / 9007199254740992.0); }
 
@@ -475,12 +481,12 @@ void InitWorld(const RunPlan* plan, const char* scratchRoot) {
     After(ExponentialTime(MEAN_BETWEEN_SETTINGS_DAYS * 86400), EV_SETTING);
     After(ExponentialTime(MEAN_BETWEEN_CONTROLS_DAYS * 86400), EV_CONTROL, CONTROL_FORCE_RESTART);
     After(ExponentialTime(MEAN_BETWEEN_OTHER_CONTROLS_DAYS * 86400), EV_CONTROL, 0);
-    After(ExponentialTime(MEAN_BETWEEN_STOPS_DAYS * 86400), EV_STOP);
     After(ExponentialTime(MEAN_WORKSTATION_UP_DAYS * 86400), EV_WORKSTATION);
     After(ExponentialTime(MEAN_BETWEEN_DRIFTS_DAYS * 86400), EV_DRIFT);
     After(ExponentialTime(MEAN_PORT_FREE_DAYS * 86400), EV_PORT_HELD);
     After(ExponentialTime(MEAN_SOCKETS_WORKING_DAYS * 86400), EV_SOCKET_ERRORS);
     After(ExponentialTime(MEAN_RESOLVER_WORKING_DAYS * 86400), EV_RESOLVER);
+    After(ExponentialTime(MEAN_THREADS_STARTING_DAYS * 86400), EV_THREADS_REFUSED);
     After(0, EV_START);
 }
 
@@ -490,6 +496,19 @@ void WorldThreadStarted() {
     if (UniformUnit() < NEAR_RESTART_CONTROL) {
         ++worldCounts.controls128NearRestart;
         After(SimRandomTime(0, 2500 * NS_PER_MS), EV_CONTROL, CONTROL_FORCE_RESTART, 1);
+    }
+}
+
+void WorldRestartBegun() {
+    if (UniformUnit() >= DURING_RESTART) {
+        return;
+    }
+    if (SimChance(1, 4) != 0) {
+        ++worldCounts.stopsNearRestart;
+        After(SimRandomTime(0, DURING_RESTART_WINDOW), EV_STOP, 1);
+    } else {
+        ++worldCounts.controls128NearRestart;
+        After(SimRandomTime(0, DURING_RESTART_WINDOW), EV_CONTROL, CONTROL_FORCE_RESTART, 1);
     }
 }
 
@@ -543,22 +562,29 @@ void HandleWorldEvent(const SimEvent& event) {
         return;
     }
     case EV_STOP:
+        if (event.a == 0 && event.b != stopGeneration) {
+            return;  // the steady stream's stop of an earlier run: a later start scheduled its own
+        }
         if (SendControl(SimChance(1, 5) != 0 ? HOST_CONTROL_SHUTDOWN : HOST_CONTROL_STOP) == 0) {
             ++worldCounts.stops;
             After(LogUniformTime(1, 86400), EV_START);
-        } else {
-            After(NS_PER_SECOND, EV_STOP);
+        } else if (event.a == 0) {
+            After(NS_PER_SECOND, EV_STOP, 0, event.b);  // the steady stream's stop waits for a running service
         }
         return;
     case EV_START:
-        if (CountFibers(ROLE_DISPATCHER) != 0 || StartService() != 0) {
+        if (service.running != 0 && service.stopAsked == 0) {
+            return;  // this start's stop never reached the service: it still runs
+        }
+        if (service.running != 0 || CountFibers(ROLE_DISPATCHER) != 0 || StartService() != 0) {
             After(NS_PER_SECOND, EV_START);  // the last process has not quite gone
             return;
         }
         ++worldCounts.starts;
+        ++stopGeneration;
         After(UniformUnit() < STOP_SOON_AFTER_START ? SimRandomTime(100 * NS_PER_MS, 3 * NS_PER_SECOND)
                                                      : ExponentialTime(MEAN_BETWEEN_STOPS_DAYS * 86400),
-              EV_STOP);
+              EV_STOP, 0, stopGeneration);
         if (UniformUnit() < NEAR_START_CONTROL) {
             ++worldCounts.controls128NearRestart;
             After(SimRandomTime(0, 3 * NS_PER_SECOND), EV_CONTROL, CONTROL_FORCE_RESTART, 1);
@@ -605,6 +631,10 @@ void HandleWorldEvent(const SimEvent& event) {
     case EV_RESOLVER:
         Toggle(&resolverTryAgain, EV_RESOLVER, MEAN_RESOLVER_WORKING_DAYS, 1, 1800, J_RESOLVE,
                &worldCounts.resolverSpells);
+        return;
+    case EV_THREADS_REFUSED:
+        Toggle(&threadStartsFail, EV_THREADS_REFUSED, MEAN_THREADS_STARTING_DAYS, 30, 6 * 3600, J_THREADS_REFUSED,
+               &worldCounts.threadRefusalSpells);
         return;
     default:
         SimFail("unknown world event %u", event.kind);

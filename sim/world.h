@@ -79,6 +79,9 @@ int32_t UpstreamOfText(const char* text);
 void CarryFromMachine(Datagram* datagram);
 // A time thread was just created: now and then the world sends a control 128 right after.
 void WorldThreadStarted();
+// A stop or restart of synchronisation has begun: now and then a control 128 or a stop comes
+// while it runs.
+void WorldRestartBegun();
 
 // What the world did, for the summary.
 struct WorldCounts {
@@ -98,6 +101,8 @@ struct WorldCounts {
     uint64_t portHeld;
     uint64_t socketErrorSpells;
     uint64_t resolverSpells;
+    uint64_t threadRefusalSpells;
+    uint64_t stopsNearRestart;
     uint64_t driftChanges;
     uint64_t lost;
     uint64_t duplicated;
