@@ -1,9 +1,11 @@
 #!/bin/bash
 # Sets everything up on a fresh Debian machine, builds and runs every test: the native build
-# (ASan, UBSan), the concurrency tests under ThreadSanitizer, the Windows build under Wine, then each
-# fuzz target for FUZZ_SECONDS (default 60; 0 skips). The Windows tests mostly wait on the service's
-# timers, so the rest runs beside them, in a network namespace of its own and at the lowest CPU
-# priority, never delaying the service whose clock setting they measure.
+# (ASan, UBSan), the concurrency tests under ThreadSanitizer, the Windows build under Wine, a
+# simulated year of the whole service (a fixed seed and one drawn and printed) and the check that
+# the simulator catches its five known faults, then each fuzz target for FUZZ_SECONDS (default 60;
+# 0 skips). The Windows tests mostly wait on the service's timers, so the rest runs beside them, in
+# a network namespace of its own and at the lowest CPU priority, never delaying the service whose
+# clock setting they measure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -13,7 +15,7 @@ stamp() { printf '=== %s (%d s)\n' "$1" $((SECONDS - started)); }
 bash scripts/setup.sh
 stamp "setup done"
 
-for preset in native tsan windows fuzz; do
+for preset in native tsan windows fuzz sim; do
   stamp "$preset: configure and build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"
@@ -27,6 +29,11 @@ beside() {
   stamp "native tests done"
   ctest --preset tsan || status=1
   stamp "tsan tests done"
+  bash scripts/simulate.sh 1 20261201 || status=1
+  bash scripts/simulate.sh 1 || status=1
+  stamp "simulated years done"
+  bash scripts/simulate-faults.sh || status=1
+  stamp "simulator's known faults caught"
   if [ "${FUZZ_SECONDS:-60}" -gt 0 ]; then
     bash scripts/fuzz.sh "${FUZZ_SECONDS:-60}" || status=1
     stamp "fuzzing done"

@@ -1,14 +1,19 @@
 // The simulator's cost per step, measured and printed (never asserted): a bare fcontext switch,
 // a scheduler step that keeps the same fiber (the host's pulse while nothing else is due), a
 // step that switches fibers, and a world event. The array holds as many sleeping fibers as a
-// running service has, so the scan costs what it costs in a run.
+// running service has, so the scan costs what it costs in a run. Also one reading of the setting
+// file through the configuration store, as the host does every minute: on a real file system
+// (tmpfs and /tmp), which decides whether the simulator needs a simulated one.
 //   NorvikSimBench [millions of iterations, default 20]
 #include <boost/context/detail/fcontext.hpp>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <unistd.h>
 
+#include "config/config_file.h"
 #include "sim/journal.h"
 #include "sim/scheduler.h"
 
@@ -86,13 +91,32 @@ double MeasureRun(uint32_t pulsing, bool withEvents) {
     if (withEvents) {
         ScheduleEvent(0, 0, 0, 0);
     }
-    const uint64_t switches = simSwitches;
     const auto start = std::chrono::steady_clock::now();
     RunScheduler();
     const double seconds = SecondsSince(start);
-    printf("    (%" PRIu64 " steps, %" PRIu64 " switches)\n", simSteps, simSwitches - switches);
-    simSteps = 0;
     return seconds * 1e9 / static_cast<double>(iterations * (pulsing > 0 ? pulsing : 1));
+}
+// Reads SNTP_IP from a setting file in directory as the controller does, reads times; us each.
+double MeasureSettingReads(const char* directory, uint32_t reads) {
+    char path[256];
+    snprintf(path, sizeof path, "%s/norvik-bench-%d.dat", directory, static_cast<int>(getpid()));
+    FILE* file = fopen(path, "w");
+    if (file == nullptr) {
+        return -1;
+    }
+    fputs("# Vantor platform settings\nNODE_NAME CONTROLWS\nSNTP_IP 127.0.0.2\nLOG_LEVEL 2\n", file);
+    fclose(file);
+    char value[256];
+    const auto start = std::chrono::steady_clock::now();
+    for (uint32_t i = 0; i < reads; ++i) {
+        ConfigFile store;
+        OpenConfigFile(&store, path);
+        GetConfigString(&store, "SNTP_IP", value, sizeof value, "");
+        CloseConfigFile(&store);
+    }
+    const double seconds = SecondsSince(start);
+    unlink(path);
+    return strcmp(value, "127.0.0.2") == 0 ? seconds * 1e6 / reads : -1;
 }
 }  // namespace
 
@@ -107,5 +131,8 @@ int main(int argc, char** argv) {
     printf("  step switching fibers (two pulses interleaved)  %6.1f ns\n", swap);
     const double event = MeasureRun(0, true);
     printf("  world event (heap pop, handler, heap push)      %6.1f ns\n", event);
+    const uint32_t reads = 100000;
+    printf("  setting file read, tmpfs (/dev/shm)             %6.2f us\n", MeasureSettingReads("/dev/shm", reads));
+    printf("  setting file read, /tmp                         %6.2f us\n", MeasureSettingReads("/tmp", reads));
     return 0;
 }
