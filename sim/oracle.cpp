@@ -29,7 +29,8 @@ const SimTime START_DELAY_MAX = 119 * NS_PER_SECOND;
 // The countdown's 86 399 one-second sleeps each end up to SLEEP_LATENCY_MAX late.
 const SimTime COUNTDOWN_LATENESS = 86400 * SLEEP_LATENCY_MAX;
 const SimTime DAILY_DEADLINE = NS_PER_DAY + START_DELAY_MAX + COUNTDOWN_LATENESS + 10 * NS_PER_SECOND;
-const SimTime STALL_LIMIT = 30 * NS_PER_SECOND;   // the loop, a control, a join
+const SimTime STALL_LIMIT = 30 * NS_PER_SECOND;
+const uint32_t SUPERVISION_STEP_MS_MAX = 100;     // troubles reach the workstation within 100 ms   // the loop, a control, a join
 const SimTime SETTLED_AFTER = 150 * NS_PER_SECOND;  // two re-checks and a restart
 const int64_t PEER_KEEP_SECONDS = 5;
 const int64_t PEER_GONE_AFTER_SECONDS = 7;       // swept by then: a sweep runs every second
@@ -128,9 +129,13 @@ struct ExchangeRecord {
     SimTime requestDelay;
     SimTime answerDelay;
     uint32_t clockWrites;
+    SimTime beganAt;
 };
 
 ExchangeRecord exchange = {};
+SimTime lastExchangeEnd = 0;
+uint32_t exchangesThisThread = 0;
+int32_t lastExchangeResult = SNTP_OK;
 SimFiber* clientFiber = nullptr;
 char clientText[256] = "";
 int32_t clientUpstream = -1;
@@ -184,13 +189,59 @@ int32_t ClassifyAnswer(const Datagram* datagram) {
     return SNTP_OK;
 }
 
+// The client's schedule: the first exchange 59..118 s after its start, the next one a day after a
+// success, 1199 s after a failure, and the ladder's attempts straight after each other. Each
+// one-second step of a countdown may end up to SLEEP_LATENCY_MAX late.
+void CheckExchangeStart() {
+    SimTime earliest = 0;
+    SimTime steps = 0;
+    const char* what = "";
+    const bool first = exchangesThisThread == 0;
+    if (first) {
+        earliest = 59 * NS_PER_SECOND;
+        steps = 118;
+        what = "the first exchange after the start";
+    } else if (lastExchangeResult == SNTP_OK) {
+        earliest = 86399 * NS_PER_SECOND;
+        steps = 86399;
+        what = "the exchange a day after a success";
+    } else if (lastExchangeResult == SNTP_NO_RESPONSE && silences != 0) {
+        steps = 0;
+        what = "the ladder's next attempt";
+    } else {
+        earliest = 1199 * NS_PER_SECOND;
+        steps = 1199;
+        what = "the exchange 1200 s after a failure";
+    }
+    const SimTime since = simNow - (first ? clientStartedAt : lastExchangeEnd);
+    const SimTime latest = (steps == 0 ? 0 : steps * NS_PER_SECOND) + steps * SLEEP_LATENCY_MAX + NS_PER_MS;
+    if (since < earliest || since > latest) {
+        SimFail("%s began after %.3f s", what, static_cast<double>(since) / 1e9);
+    }
+}
+
 void BeginExchange() {
     const uint8_t wasActive = exchange.active;
+    CheckExchangeStart();
     memset(&exchange, 0, sizeof exchange);
     exchange.upstream = -1;
     exchange.active = 1;
+    exchange.beganAt = simNow;
     if (wasActive != 0) {
         SimFail("the client raised its priority twice without an exchange ending");
+    }
+}
+
+// A silent attempt waits its time-out in half-second selects, one more than the time-out holds:
+// 5.5, 60.5, 120.5, 240.5 and 480.5 s for the ladder's five.
+void CheckSilentAttempt() {
+    static const SimTime TIMEOUTS_S[SILENCES_BEFORE_TROUBLE] = {5, 60, 120, 240, 480};
+    const SimTime polls = TIMEOUTS_S[silences] * 2 + 1;
+    const SimTime want = polls * 500 * NS_PER_MS;
+    const SimTime took = simNow - exchange.beganAt;
+    if (took < want || took > want + polls * SLEEP_LATENCY_MAX + NS_PER_MS) {
+        SimFail("a silent attempt of the ladder (the %d. in a row) waited %.3f s, not %.1f s", silences + 1,
+                static_cast<double>(took) / 1e9, static_cast<double>(want) / 1e9);
     }
 }
 
@@ -218,6 +269,7 @@ void EndExchange() {
     } else {
         lastUnhealthyAt = simNow;
         if (result == SNTP_NO_RESPONSE) {
+            CheckSilentAttempt();
             if (++silences == SILENCES_BEFORE_TROUBLE) {
                 silences = 0;
                 RuleSet(SNTP_NO_RESPONSE);
@@ -227,6 +279,9 @@ void EndExchange() {
             RuleSet(static_cast<uint8_t>(result));
         }
     }
+    lastExchangeEnd = simNow;
+    lastExchangeResult = result;
+    ++exchangesThisThread;
     Journal(J_EXCHANGE_END, result, silences);
 }
 
@@ -437,6 +492,8 @@ uint32_t lastTick = 0;
 uint64_t tickWraps = 0;
 uint64_t restartsByControl = 0;
 uint64_t restartsByRecheck = 0;
+SimTime lastRecheckRestart = 0;
+const SimTime RECHECK_SPACING = 60 * NS_PER_SECOND;
 uint64_t stopsSeen = 0;
 uint64_t timeThreads[2] = {0, 0};  // client, server
 uint64_t bindFailures = 0;
@@ -526,6 +583,7 @@ void ObserveThreadStart(SimFiber* fiber) {
         }
         clientFiber = fiber;
         clientStartedAt = simNow;
+        exchangesThisThread = 0;
         silences = 0;
         exchange.active = 0;
         snprintf(clientText, sizeof clientText, "%s", settingValue);
@@ -565,6 +623,14 @@ void ObserveSleep(uint32_t milliseconds) {
         RuleClearAll();
         WorldRestartBegun();
         lastStartCause = role == ROLE_DISPATCHER ? 1 : 2;
+        if (role == ROLE_HOST && service.loopEnded == 0) {
+            // The setting is re-read at most once a minute, and a restart follows a re-reading.
+            if (lastRecheckRestart >= service.startedAt && simNow - lastRecheckRestart < RECHECK_SPACING) {
+                SimFail("the re-check restarted synchronisation again after %.3f s",
+                        static_cast<double>(simNow - lastRecheckRestart) / 1e9);
+            }
+            lastRecheckRestart = simNow;
+        }
         if (service.loopEnded != 0) {
             ++stopsSeen;
         } else if (role == ROLE_DISPATCHER) {
@@ -749,7 +815,10 @@ void ObserveReport(const uint8_t* report, uint32_t size) {
 }
 
 // The supervision loop waits again: everything queued before its last wake has been drained.
-void OracleLoopPulse(SimTime lastWake) {
+void OracleLoopPulse(SimTime lastWake, uint32_t timeoutMs) {
+    if (timeoutMs > SUPERVISION_STEP_MS_MAX) {
+        SimFail("the supervision loop waits %u ms between deliveries of troubles", timeoutMs);
+    }
     if (expectedCount != 0 && expected[expectedHead].at < lastWake && sinkInstalled != 0) {
         SimFail("a trouble report of code %u queued %.1f ms ago was not delivered by the drain since",
                 expected[expectedHead].code, static_cast<double>(simNow - expected[expectedHead].at) / 1e6);

@@ -24,8 +24,8 @@ void OracleServiceEnded();
 void OracleStatus(uint32_t state, uint32_t accepted);
 void OracleSinkInstalled();
 void OracleLoopEnded();
-// The supervision loop waits again; lastWake is when its previous wait ended.
-void OracleLoopPulse(SimTime lastWake);
+// The supervision loop waits again, at most timeoutMs; lastWake is when its previous wait ended.
+void OracleLoopPulse(SimTime lastWake, uint32_t timeoutMs);
 void OracleLookup(int32_t result);
 void OracleWorkstation(int32_t listening);
 void OracleMinute();

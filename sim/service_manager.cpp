@@ -47,7 +47,7 @@ void SignalStop() {
 }
 
 int32_t WaitForStop(uint32_t timeoutMs) {
-    OracleLoopPulse(service.lastPulse);
+    OracleLoopPulse(service.lastPulse, timeoutMs);
     if (stopSignal.signalled == 0) {
         WaitFiberOnFor(&stopSignal, SleepDuration(timeoutMs));
     }
