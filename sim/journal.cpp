@@ -128,7 +128,23 @@ void SimFail(const char* format, ...) {
         printf("    %s  [%s %u]  %s  a=%" PRId64 " b=%" PRId64 "\n", when, RoleName(entry.role),
                entry.fiber, KIND_NAMES[entry.kind], entry.a, entry.b);
     }
-    printf("  replay: scripts/simulate.sh <years> %" PRIu64 "\n", simSeed);
+    printf("  threads:\n");
+    static const char* const WAITS[] = {"something", "a lock", "a thread to end"};
+    for (uint32_t i = 1; i < SIM_MAX_FIBERS; ++i) {
+        const SimFiber& fiber = simFibers[i];
+        if (fiber.state == FIBER_UNUSED) {
+            continue;
+        }
+        printf("    %-10s  %s", RoleName(fiber.role), fiber.state == FIBER_ENDED ? "ended, not joined" : "");
+        if (fiber.state == FIBER_LIVE && fiber.wakeAt == SIM_NEVER) {
+            printf("waits for %s since %.3f s", WAITS[fiber.waitKind < 3 ? fiber.waitKind : 0],
+                   static_cast<double>(simNow - fiber.waitingSince) / 1e9);
+        } else if (fiber.state == FIBER_LIVE) {
+            printf("wakes in %.3f s", static_cast<double>(fiber.wakeAt - simNow) / 1e9);
+        }
+        printf("\n");
+    }
+    printf("  replay: scripts/simulate.sh <years> %" PRIu64 " (any span that reaches the date)\n", simSeed);
     fflush(stdout);
     if (failureCleanup != nullptr) {
         failureCleanup();

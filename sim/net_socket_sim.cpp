@@ -218,7 +218,7 @@ int32_t ReceivePlatformSocket(uint64_t handle, void* buffer, int32_t capacity, N
         return -1;
     }
     while (socket->count == 0) {
-        WaitFiberOn(socket);  // a blocking receive waits as long as it takes
+        WaitFiberOn(socket, WAIT_OTHER);  // a blocking receive waits as long as it takes
         socket = SocketOf(handle);
         if (socket == nullptr) {
             *error = EBADF;

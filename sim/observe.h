@@ -15,6 +15,8 @@
 extern int32_t threadStartsFail;
 void ObserveThreadStart(SimFiber* fiber);
 void ObserveThreadStartFailed(uint8_t role);
+// The fiber that holds a simulated lock (the object of a WAIT_LOCK wait), or null.
+SimFiber* SimLockOwner(const void* lock);
 void ObserveThreadEnd(SimFiber* fiber);
 // A sleep of the calling fiber is about to begin.
 void ObserveSleep(uint32_t milliseconds);

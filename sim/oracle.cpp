@@ -921,6 +921,22 @@ void OracleMinute() {
         return;
     }
 
+    // A deadlock: a cycle of untimed waits, each for a lock another holds or a thread another is.
+    for (uint32_t i = 1; i < SIM_MAX_FIBERS; ++i) {
+        const SimFiber* fiber = &simFibers[i];
+        for (uint32_t step = 0; step < SIM_MAX_FIBERS && fiber != nullptr && fiber->state == FIBER_LIVE &&
+                                fiber->wakeAt == SIM_NEVER && fiber->waitingOn != nullptr;
+             ++step) {
+            fiber = fiber->waitKind == WAIT_LOCK   ? SimLockOwner(fiber->waitingOn)
+                    : fiber->waitKind == WAIT_JOIN ? static_cast<const SimFiber*>(fiber->waitingOn)
+                                                   : nullptr;
+            if (fiber == &simFibers[i]) {
+                SimFail("deadlock: the %s thread waits, through a cycle of locks and joins, for itself",
+                        RoleName(fiber->role));
+            }
+        }
+    }
+
     // Liveness: also while the service stops, whose stop must end every thread.
     if (service.loopEnded == 0 && simNow - service.lastPulse > STALL_LIMIT) {
         SimFail("the supervision loop has not run for %.1f s", static_cast<double>(simNow - service.lastPulse) / 1e9);

@@ -29,6 +29,10 @@ const uint32_t LOCK_INITIALISED = 0x4C4F434Bu;
 SimLock* Simulated(Lock* lock) { return reinterpret_cast<SimLock*>(lock->storage); }
 }  // namespace
 
+SimFiber* SimLockOwner(const void* lock) {
+    return Simulated(static_cast<Lock*>(const_cast<void*>(lock)))->owner;
+}
+
 void InitPlatformLock(Lock* lock) {
     SimLock* simulated = Simulated(lock);
     memset(simulated, 0, sizeof *simulated);
@@ -51,6 +55,7 @@ void EnterPlatformLock(Lock* lock) {
     if (simulated->owner == nullptr) {
         simulated->owner = simCurrent;
         simulated->depth = 1;
+        ++simCurrent->locksHeld;
         return;
     }
     if (simulated->owner == simCurrent) {
@@ -59,11 +64,12 @@ void EnterPlatformLock(Lock* lock) {
     }
     ++simulated->waiters;
     do {
-        WaitFiberOn(lock);
+        WaitFiberOn(lock, WAIT_LOCK);
     } while (simulated->owner != nullptr);
     --simulated->waiters;
     simulated->owner = simCurrent;
     simulated->depth = 1;
+    ++simCurrent->locksHeld;
 }
 
 void LeavePlatformLock(Lock* lock) {
@@ -73,6 +79,7 @@ void LeavePlatformLock(Lock* lock) {
     }
     if (--simulated->depth == 0) {
         simulated->owner = nullptr;
+        --simCurrent->locksHeld;
         if (simulated->waiters != 0) {
             WakeFibersOn(lock);  // they compete for it; the seed decides who wins
         }
@@ -201,7 +208,7 @@ int32_t SimStartJoinableThread(ThreadFunction function, uint64_t argument, Threa
 void SimJoinThread(ThreadHandle handle) {
     SimFiber* fiber = handle->fiber;
     while (fiber->state == FIBER_LIVE) {
-        WaitFiberOn(fiber);
+        WaitFiberOn(fiber, WAIT_JOIN);
     }
     ReleaseFiber(fiber);
     free(handle);

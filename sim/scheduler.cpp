@@ -82,6 +82,10 @@ void FiberEntry(transfer_t from) {
     KeepSuspended(from);
     SimFiber* self = simCurrent;
     self->function(self->argument);
+    if (self->locksHeld != 0) {
+        SimFail("the %s thread ended holding %u lock(s): whoever waits for them waits for ever", RoleName(self->role),
+                self->locksHeld);
+    }
     self->state = FIBER_ENDED;
     self->wakeAt = SIM_NEVER;
     WakeFibersOn(self);
@@ -180,6 +184,7 @@ SimFiber* StartFiber(ThreadFunction function, uint64_t argument, uint8_t role, u
         fiber->joinable = joinable;
         fiber->waitingOn = nullptr;
         fiber->woken = 0;
+        fiber->locksHeld = 0;
         fiber->randomState = 1;  // the C runtime's state of a new thread
         fiber->wakeAt = simNow;
         if (i + 1 > fiberHigh) {
@@ -247,9 +252,10 @@ void SleepFiber(SimTime duration) {
     WaitFiber();
 }
 
-void WaitFiberOn(const void* object) {
+void WaitFiberOn(const void* object, uint8_t kind) {
     simCurrent->wakeAt = SIM_NEVER;
     simCurrent->waitingOn = object;
+    simCurrent->waitKind = kind;
     simCurrent->waitingSince = simNow;
     simCurrent->woken = 0;
     WaitFiber();
@@ -259,6 +265,7 @@ int32_t WaitFiberOnFor(const void* object, SimTime duration) {
     simCurrent->wakeAt = simNow + duration;
     simCurrent->waitingOn = object;
     simCurrent->waitingSince = simNow;
+    simCurrent->waitKind = WAIT_OTHER;
     simCurrent->woken = 0;
     WaitFiber();
     simCurrent->waitingOn = nullptr;

@@ -38,6 +38,14 @@ enum FiberRole : uint8_t {
     ROLE_OTHER,
 };
 
+// What an untimed wait is for: the oracle follows locks to their owners and joins to the threads
+// joined, to find a cycle of waits.
+enum WaitKind : uint8_t {
+    WAIT_OTHER = 0,
+    WAIT_LOCK,
+    WAIT_JOIN,
+};
+
 enum FiberState : uint8_t {
     FIBER_UNUSED = 0,
     FIBER_LIVE,
@@ -57,6 +65,8 @@ struct SimFiber {
     uint8_t role;
     uint8_t woken;          // 1 when the wait was ended by a signal rather than by time
     uint8_t joinable;
+    uint8_t waitKind;       // of the current untimed wait
+    uint32_t locksHeld;     // simulated locks it holds: a thread that ends holding one is a fault
     char* stack;
 };
 
@@ -95,8 +105,8 @@ void ReleaseFiber(SimFiber* fiber);
 void WaitFiber();
 // Waits a time: ns from now (jitter included by the caller if wanted).
 void SleepFiber(SimTime duration);
-// Waits untimed for object: until WakeFibersOn(object).
-void WaitFiberOn(const void* object);
+// Waits untimed for object (a lock, a thread to join, or something else): until WakeFibersOn(object).
+void WaitFiberOn(const void* object, uint8_t kind);
 // Waits for object, at most duration: 1 when woken by WakeFibersOn, 0 when the time ran out.
 int32_t WaitFiberOnFor(const void* object, SimTime duration);
 // Ends the waits of every fiber waiting on object: they run next, in random order.

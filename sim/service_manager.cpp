@@ -100,7 +100,7 @@ uint32_t RunHost(uint64_t) {
 uint32_t RunDispatcher(uint64_t) {
     while (service.running != 0) {
         if (controlCount == 0) {
-            WaitFiberOn(controls);
+            WaitFiberOn(controls, WAIT_OTHER);
             continue;
         }
         const uint32_t control = controls[controlHead];
