@@ -1,6 +1,8 @@
-// The simulated twin of ipv4_posix.cpp: the machine's name, its host entry and its one adapter
-// (a static 127.0.0.10), and name resolution answered by the world. inet_addr is the C library's:
-// parsing text touches no machine state. The portable ipv4.cpp is unchanged.
+// The machine's IPv4 platform, installed in place of the system's table (the IPv4 routines' own
+// seam, InstallIpv4Platform): the machine's name, its host entry and its one adapter (a static
+// 127.0.0.10), and name resolution answered by the world. inet_addr is the C library's: parsing a
+// text touches no machine state. The portable ipv4.cpp is unchanged; ipv4_posix.cpp is linked
+// as it is, for the registry readers, and never called.
 #include <arpa/inet.h>
 
 #include <cstdlib>
@@ -8,6 +10,7 @@
 
 #include "net/ipv4.h"
 #include "net/ipv4_platform.h"
+#include "net/net_test_seams.h"
 #include "sim/network.h"
 #include "sim/observe.h"
 
@@ -15,7 +18,6 @@ namespace {
 const char HOST_NAME[] = "controlws";
 const char HOST_ADDRESS_TEXT[] = "127.0.0.10";
 const char HOST_MASK_TEXT[] = "255.0.0.0";
-char emptyText[1] = {'\0'};
 
 int32_t StartNothing() { return 0; }
 
@@ -51,23 +53,9 @@ int32_t ReadAdapters(AdapterSetting** adapters, size_t* count) {
     return 0;
 }
 
-char* EmptyRegistryText(const char* keyPath, char* buffer) {
-    if (keyPath == nullptr || buffer == nullptr) {
-        emptyText[0] = '\0';
-        return emptyText;
-    }
-    buffer[0] = '\0';
-    buffer[REGISTRY_TEXT_SIZE - 1] = '\0';
-    return buffer;
-}
-}  // namespace
-
-const Ipv4Platform systemIpv4Platform = {
+const Ipv4Platform MACHINE_IPV4 = {
     StartNothing, ParseText, WorldLookupHost, ReadHostName, ReadHostEntry, ReadAdapters,
 };
+}  // namespace
 
-char* ReadRegistryString(const char* keyPath, const char*, char* buffer) { return EmptyRegistryText(keyPath, buffer); }
-
-char* ReadRegistryStringList(const char* keyPath, const char*, char* buffer) {
-    return EmptyRegistryText(keyPath, buffer);
-}
+void InstallMachineIpv4() { InstallIpv4Platform(&MACHINE_IPV4); }

@@ -6,6 +6,7 @@ uint32_t tickAtStartMs = 0;
 
 namespace {
 const int64_t PPB = 1000000000;
+const uint64_t NTP_UNIX_OFFSET = 2208988800ULL;  // seconds from 1900 to 1970
 
 int64_t DriftOf(int64_t elapsed, int64_t driftPpb) {
     return static_cast<int64_t>(static_cast<__int128>(elapsed) * driftPpb / PPB);
@@ -54,4 +55,11 @@ int64_t MachineWallSeconds() { return FloorDivide(ReadClockModel(&systemClock, s
 
 SimTime SleepDuration(uint32_t milliseconds) {
     return static_cast<SimTime>(milliseconds) * NS_PER_MS + static_cast<SimTime>(SimRandomBelow(SLEEP_LATENCY_MAX));
+}
+
+uint64_t NtpStampOf(int64_t unixNs) {
+    const int64_t seconds = FloorDivide(unixNs, NS_PER_SECOND);
+    const uint64_t rest = static_cast<uint64_t>(unixNs - seconds * NS_PER_SECOND);
+    const uint64_t ntpSeconds = static_cast<uint64_t>(seconds) + NTP_UNIX_OFFSET;
+    return (ntpSeconds << 32) | ((rest << 32) / static_cast<uint64_t>(NS_PER_SECOND));
 }

@@ -40,4 +40,7 @@ int64_t MachineWallSeconds();  // _time64: whole seconds since 1970
 SimTime SleepDuration(uint32_t milliseconds);
 
 int64_t UnixNsToFileTime(int64_t unixNs);
+// A clock's reading as a 32.32 NTP stamp: seconds since 1900 modulo 2^32 (the era wraps on
+// 2036-02-07), as every server sends it.
+uint64_t NtpStampOf(int64_t unixNs);
 int64_t FileTimeToUnixNs(int64_t fileTime);

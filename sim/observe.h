@@ -36,8 +36,11 @@ void ObserveDatagramRead(SimSocket* socket, const Datagram* datagram);
 void ObserveWaitStart(SimSocket* socket);
 void ObserveWaitFailed(SimSocket* socket);
 
-// The name service (IPv4 twin): 0 and the address, RESOLVE_TRY_AGAIN, or another failure.
+// The name service (the machine's IPv4 table): 0 and the address, RESOLVE_TRY_AGAIN, or another
+// failure.
 int32_t WorldLookupHost(const char* name, uint32_t* address);
+// Installs the machine's IPv4 table (sim/ipv4_sim.cpp).
+void InstallMachineIpv4();
 
 // The workstation mailslot (report twin): one written report.
 void ObserveReport(const uint8_t* report, uint32_t size);

@@ -43,7 +43,6 @@ const int64_t RETAINED_MAX = 16;  // first-use tables that live as long as the p
 const uint32_t EXPECTED_CAPACITY = 8192;
 const uint32_t CODES = SNTP_RESULT_COUNT;
 const uint32_t REPORT_TEXT_UNITS = WORKSTATION_REPORT_TEXT_UNITS - 1;
-const uint64_t NTP_UNIX_OFFSET = 2208988800ULL;
 
 // ---- The trouble rules, as the workstation must see them ----
 
@@ -411,23 +410,10 @@ uint64_t LoadStamp(const uint8_t* bytes) {
     return value;
 }
 
-// The machine's clock as the server must stamp it: 32.32 since 1900, the era wrapping.
-uint64_t MachineNtpStamp() {
-    const int64_t unixNs = ReadClockModel(&systemClock, simNow);
-    int64_t seconds = unixNs / NS_PER_SECOND;
-    int64_t rest = unixNs % NS_PER_SECOND;
-    if (rest < 0) {
-        rest += NS_PER_SECOND;
-        seconds -= 1;
-    }
-    return ((static_cast<uint64_t>(seconds) + NTP_UNIX_OFFSET) << 32) |
-           ((static_cast<uint64_t>(rest) << 32) / static_cast<uint64_t>(NS_PER_SECOND));
-}
-
 void CheckServedStamp(const uint8_t* bytes, const char* which) {
     // GetSystemTime keeps whole milliseconds: the stamp may be up to 1 ms behind the clock, and
     // the conversion's double rounds either way by a fraction of a microsecond.
-    const int64_t behind = static_cast<int64_t>(MachineNtpStamp() - LoadStamp(bytes));
+    const int64_t behind = static_cast<int64_t>(NtpStampOf(ReadClockModel(&systemClock, simNow)) - LoadStamp(bytes));
     const int64_t MICROSECOND = static_cast<int64_t>((1ULL << 32) / 1000000);
     const int64_t MILLISECOND = static_cast<int64_t>((1ULL << 32) / 1000);
     if (behind < -MICROSECOND || behind > MILLISECOND + MICROSECOND) {

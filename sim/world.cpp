@@ -83,7 +83,6 @@ const SimTime SPIKE_MIN = 20 * NS_PER_MS;
 const SimTime SPIKE_MAX = 300 * NS_PER_MS;
 const SimTime PROCESSING_MIN = 20 * NS_PER_US;
 const SimTime PROCESSING_MAX = 300 * NS_PER_US;
-const uint64_t NTP_UNIX_OFFSET = 2208988800ULL;
 const uint16_t OTHER_PORT = 124;
 const char TIME_HOST[] = "timehost";
 
@@ -144,20 +143,6 @@ void StoreStamp(uint8_t* at, uint64_t value) {
         at[i] = static_cast<uint8_t>(value);
         value >>= 8;
     }
-}
-
-// A clock's reading as a 32.32 NTP stamp: seconds since 1900 modulo 2^32 (the era wraps on
-// 2036-02-07), as every server sends it.
-uint64_t NtpStampOf(int64_t unixNs) {
-    int64_t seconds = unixNs / NS_PER_SECOND;
-    int64_t rest = unixNs % NS_PER_SECOND;
-    if (rest < 0) {
-        rest += NS_PER_SECOND;
-        seconds -= 1;
-    }
-    const uint64_t ntpSeconds = static_cast<uint64_t>(seconds) + NTP_UNIX_OFFSET;
-    const uint64_t fraction = (static_cast<uint64_t>(rest) << 32) / static_cast<uint64_t>(NS_PER_SECOND);
-    return (ntpSeconds << 32) | fraction;
 }
 
 int32_t UpstreamAt(uint32_t address) {
@@ -471,6 +456,7 @@ void InitWorld(const RunPlan* plan, const char* scratchRoot) {
     mkdir(directory, 0755);
     snprintf(settingPath, sizeof settingPath, "%s/Vantor.dat", directory);
     OverrideInstallRoot(scratchRoot);
+    InstallMachineIpv4();
     WriteSetting(SET_CLIENT_A);  // an installation as usually set up: a client of its server
 
     ScheduleEvent(endAt, EV_END, 0, 0);
