@@ -132,7 +132,6 @@ uint64_t OpenPlatformSocket(int32_t* error) {
             socket->count = 0;
             socket->role = simCurrent->role;
             socket->serial = ++socketSerial;
-            ObserveSocketOpen(socket);
             return SOCKET_HANDLE_BASE + i;
         }
     }

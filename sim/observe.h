@@ -25,7 +25,6 @@ void ObservePriority(int32_t priority);
 void ObserveClockWrite(int64_t fileTime);
 
 // Sockets (NetSocket's platform twin).
-void ObserveSocketOpen(SimSocket* socket);
 void ObserveSocketClose(SimSocket* socket);
 void ObserveBind(SimSocket* socket, uint16_t port, int32_t failed);
 // A datagram leaves the machine: the world carries it.

@@ -464,7 +464,6 @@ struct Peaks {
 };
 
 Peaks yearPeaks = {};
-Peaks runPeaks = {};
 const uint32_t YEARS_MAX = 64;
 Peaks peaksByYear[YEARS_MAX];
 int32_t yearOf[YEARS_MAX];
@@ -674,8 +673,6 @@ void ObserveClockWrite(int64_t fileTime) {
     lastClockSetAt = simNow;
 }
 
-void ObserveSocketOpen(SimSocket*) {}
-
 void ObserveSocketClose(SimSocket* socket) {
     if (socket->role == ROLE_SERVER && socket->serial == serverSocketSerial) {
         ResolvePending();
@@ -840,8 +837,6 @@ void OracleServiceStarted() {
     serverNotStartedPending = 0;
 }
 
-void OracleLoopEnded() {}
-
 void OracleServiceEnded() {
     // A stop ends every thread of the service and gives back every socket.
     if (CountFibers(ROLE_CLIENT) + CountFibers(ROLE_SERVER) + CountFibers(ROLE_AGEING) != 0) {
@@ -986,13 +981,6 @@ void OracleYear(int32_t year) {
         yearOf[yearsSeen] = year;
         ++yearsSeen;
     }
-    Raise(&runPeaks.fibers, yearPeaks.fibers);
-    Raise(&runPeaks.sockets, yearPeaks.sockets);
-    Raise(&runPeaks.libraryUsers, yearPeaks.libraryUsers);
-    Raise(&runPeaks.peerSockets, yearPeaks.peerSockets);
-    Raise(&runPeaks.peers, yearPeaks.peers);
-    Raise(&runPeaks.queued, yearPeaks.queued);
-    Raise(&runPeaks.allocations, yearPeaks.allocations);
     yearPeaks = Peaks{};
     peakPeers = 0;
 }

@@ -23,7 +23,6 @@ void OracleServiceStarted();
 void OracleServiceEnded();
 void OracleStatus(uint32_t state, uint32_t accepted);
 void OracleSinkInstalled();
-void OracleLoopEnded();
 // The supervision loop waits again, at most timeoutMs; lastWake is when its previous wait ended.
 void OracleLoopPulse(SimTime lastWake, uint32_t timeoutMs);
 void OracleLookup(int32_t result);

@@ -55,7 +55,6 @@ int32_t WaitForStop(uint32_t timeoutMs) {
     if (stopSignal.signalled != 0) {
         stopSignal.signalled = 0;
         service.loopEnded = 1;
-        OracleLoopEnded();
         return 1;
     }
     return 0;
