@@ -258,7 +258,11 @@ int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs) {
     if (socket == nullptr) {
         return -1;
     }
-    return socket->count > 0 ? 1 : 0;
+    if (socket->count == 0) {
+        ObserveWaitTimedOut(socket);
+        return 0;
+    }
+    return 1;
 }
 
 uint16_t NetworkPort(uint16_t hostPort) { return static_cast<uint16_t>((hostPort >> 8) | (hostPort << 8)); }

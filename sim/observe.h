@@ -31,8 +31,9 @@ void ObserveBind(SimSocket* socket, uint16_t port, int32_t failed);
 void ObserveDatagramSent(SimSocket* socket, const NetAddress* to, const uint8_t* data, int32_t length);
 // The service read this datagram from the socket (before the peer admission).
 void ObserveDatagramRead(SimSocket* socket, const Datagram* datagram);
-// A readable wait begins; it failed (as a select error does).
+// A readable wait begins; it ended with nothing to read; it failed (as a select error does).
 void ObserveWaitStart(SimSocket* socket);
+void ObserveWaitTimedOut(SimSocket* socket);
 void ObserveWaitFailed(SimSocket* socket);
 
 // The name service (the machine's IPv4 table): 0 and the address, RESOLVE_TRY_AGAIN, or another

@@ -29,8 +29,8 @@ const SimTime START_DELAY_MAX = 119 * NS_PER_SECOND;
 // The countdown's 86 399 one-second sleeps each end up to SLEEP_LATENCY_MAX late.
 const SimTime COUNTDOWN_LATENESS = 86400 * SLEEP_LATENCY_MAX;
 const SimTime DAILY_DEADLINE = NS_PER_DAY + START_DELAY_MAX + COUNTDOWN_LATENESS + 10 * NS_PER_SECOND;
-const SimTime STALL_LIMIT = 30 * NS_PER_SECOND;
-const uint32_t SUPERVISION_STEP_MS_MAX = 100;     // troubles reach the workstation within 100 ms   // the loop, a control, a join
+const SimTime STALL_LIMIT = 30 * NS_PER_SECOND;  // the loop, a control, a join
+const uint32_t SUPERVISION_STEP_MS_MAX = 100;    // troubles reach the workstation within 100 ms
 const SimTime SETTLED_AFTER = 150 * NS_PER_SECOND;  // two re-checks and a restart
 const int64_t PEER_KEEP_SECONDS = 5;
 const int64_t PEER_GONE_AFTER_SECONDS = 7;       // swept by then: a sweep runs every second
@@ -119,6 +119,7 @@ struct ExchangeRecord {
     uint8_t requestSent;
     uint8_t datagramRead;
     uint8_t waitFailed;
+    uint8_t stopSeen;      // a half-second wait ended empty while a stop was asked for
     int32_t firstCode;     // the rules' verdict on the first datagram read
     int32_t lookupResult;
     uint32_t lookups;
@@ -252,7 +253,7 @@ void EndExchange() {
         result = SNTP_CANNOT_RESOLVE;
     } else if (exchange.datagramRead != 0) {
         result = exchange.firstCode;
-    } else if (exchange.waitFailed != 0 || stopRequested.load() != 0) {
+    } else if (exchange.waitFailed != 0 || exchange.stopSeen != 0) {
         result = SNTP_SOCKET_ERROR;
     }
     exchange.active = 0;
@@ -741,6 +742,13 @@ void ObserveDatagramRead(SimSocket* socket, const Datagram* datagram) {
 void ObserveWaitStart(SimSocket* socket) {
     if (socket->role == ROLE_SERVER) {
         ResolvePending();
+    }
+}
+
+void ObserveWaitTimedOut(SimSocket* socket) {
+    // The exchange looks at the stop flag when a wait ends empty, and only then.
+    if (socket->role == ROLE_CLIENT && exchange.active != 0 && stopRequested.load() != 0) {
+        exchange.stopSeen = 1;
     }
 }
 
