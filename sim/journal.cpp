@@ -52,6 +52,7 @@ const char* const KIND_NAMES[J_KIND_COUNT] = {
     "stop flag now a",
     "host name resolution: a",
     "new time threads refused: a",
+    "the name service asks to try again: a",
 };
 
 const char* const ROLE_NAMES[] = {"main", "host", "dispatcher", "client", "server", "ageing", "other"};

@@ -35,6 +35,7 @@ enum JournalKind : uint16_t {
     J_STOP_FLAG,          // a = new value
     J_RESOLVE,            // a = result
     J_THREADS_REFUSED,    // a = 1 the machine refuses new time threads, 0 it starts them
+    J_RESOLVER_SPELL,     // a = 1 the name service asks to try again, 0 it answers
     J_KIND_COUNT,
 };
 

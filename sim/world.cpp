@@ -615,7 +615,7 @@ void HandleWorldEvent(const SimEvent& event) {
                &worldCounts.socketErrorSpells);
         return;
     case EV_RESOLVER:
-        Toggle(&resolverTryAgain, EV_RESOLVER, MEAN_RESOLVER_WORKING_DAYS, 1, 1800, J_RESOLVE,
+        Toggle(&resolverTryAgain, EV_RESOLVER, MEAN_RESOLVER_WORKING_DAYS, 1, 1800, J_RESOLVER_SPELL,
                &worldCounts.resolverSpells);
         return;
     case EV_THREADS_REFUSED:
