@@ -117,7 +117,8 @@ struct HostVirtualTime {
 // the time thread (stop stays accepted until the stopped report).
 const ServiceHostCalls DOUBLE_STOP_CALLS = {
     [](uint32_t state, uint32_t accepted) {
-        stopReports.push_back(std::to_string(state) + "/" + std::to_string(accepted));
+        stopReports.push_back(std::to_string(state) + "/" + std::to_string(accepted) + " at " +
+                              std::to_string(VirtualElapsedMs()));
     },
     [] { stopSignal.open = true; },
     [] {
@@ -162,6 +163,8 @@ TEST(ServiceHostStop, ASecondStopDuringTheShutdownLeavesTheClosedStopSignalAlone
 
 TEST(ServiceHostStop, ASecondStopIsAnsweredStopPendingAndTheManagerHearsStoppedLast) {
     RunDoubleStop();
-    // Start, running; the handler's and the loop's stop pending; the second stop's; stopped.
-    EXPECT_EQ(stopReports, std::vector<std::string>({"2/0", "4/5", "3/5", "3/5", "3/5", "1/0"}));
+    // Start, running; the handler's and the loop's stop pending; the second stop's; stopped. The
+    // first stop ends the loop on its own wait.
+    EXPECT_EQ(stopReports, std::vector<std::string>({"2/0 at 0", "4/5 at 0", "3/5 at 300", "3/5 at 300",
+                                                     "3/5 at 300", "1/0 at 300"}));
 }
