@@ -29,7 +29,8 @@ struct ServiceHostCalls {
     // The work the host supervises.
     void (*installTroubleSink)();
     void (*drainTroubles)();
-    // The SNTP_IP setting as it stands in the data directory (empty when unreadable).
+    // The SNTP_IP setting as it stands in the data directory (empty when unreadable), cut to
+    // capacity.
     void (*readSetting)(char* setting, uint32_t capacity);
     uint8_t (*serverRole)();
     int32_t (*startSntp)();

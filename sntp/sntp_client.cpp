@@ -8,6 +8,7 @@
 #include "runtime/text.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
+#include "sntp/sntp_control.h"
 #include "sntp/sntp_test_seams.h"
 #include "sntp/sntp_troubles.h"
 
@@ -20,7 +21,6 @@ std::atomic<uint64_t> lastDelay{0};
 std::atomic<uint32_t> upstreamStratum{0};
 
 namespace {
-const uint32_t SERVER_TEXT_SIZE = 256;      // characters, terminator included
 const int32_t START_DELAY_MIN_S = 60;       // countdown 60..119: first exchange 59..118 s after start
 const int32_t START_DELAY_SPREAD_S = 60;
 const int32_t RANDOM_RANGE = 32768;         // rand() gives 0..32767
@@ -104,9 +104,9 @@ void SetSntpExchanger(SntpExchangeFunction function) {
 }
 
 uint32_t SntpClientThread(uint64_t serverText) {
-    char server[SERVER_TEXT_SIZE];
+    char server[SNTP_SETTING_SIZE];
     const char* text = reinterpret_cast<const char*>(static_cast<uintptr_t>(serverText));
-    CopyText(server, text, SERVER_TEXT_SIZE);
+    CopyText(server, text, SNTP_SETTING_SIZE);
     clientRunning = 1;
 
     // The start delay spreads the workstations of an installation that power up together.
