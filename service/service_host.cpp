@@ -24,6 +24,9 @@ const uint32_t ACCEPTED_WHEN_RUNNING = HOST_ACCEPT_STOP | HOST_ACCEPT_SHUTDOWN;
 uint32_t currentState = HOST_STOPPED;
 uint32_t acceptedControls = 0;
 bool stopSignalOpen = false;
+// Set by the handler's stop as well as the signal: a stop signal that the platform could not
+// make never ends a wait, and the loop must still see the stop at its next step.
+bool stopAsked = false;
 
 // Lives as long as the process: the dispatcher's thread may still be in the handler while the
 // process exits.
@@ -66,6 +69,7 @@ void HandleStop(const ServiceHostCalls* calls) {
         return;
     }
     currentState = HOST_STOP_PENDING;
+    stopAsked = true;
     calls->reportStatus(HOST_STOP_PENDING, acceptedControls);
     if (stopSignalOpen) {
         calls->signalStop();
@@ -76,6 +80,12 @@ void CreateStopSignal(const ServiceHostCalls* calls) {
     LockHold hold(StatusLock());
     calls->createStopSignal();
     stopSignalOpen = true;
+    stopAsked = false;
+}
+
+bool StopAsked() {
+    LockHold hold(StatusLock());
+    return stopAsked;
 }
 
 void CloseStopSignal(const ServiceHostCalls* calls) {
@@ -139,7 +149,7 @@ void RunServiceHost(const ServiceHostCalls* calls) {
             RecheckRole(calls, &address);
             RestartTimer(&recheckTimer);
         }
-        if (calls->waitForStop(SUPERVISION_STEP_MS) != 0) {
+        if (calls->waitForStop(SUPERVISION_STEP_MS) != 0 || StopAsked()) {
             break;
         }
     }

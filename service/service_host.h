@@ -21,7 +21,8 @@ struct ServiceHostCalls {
     void (*reportStatus)(uint32_t state, uint32_t controlsAccepted);
     void (*createStopSignal)();
     void (*signalStop)();
-    // 1 when the stop was signalled within timeoutMs, else 0.
+    // 1 when the stop was signalled within timeoutMs, else 0 (also when the signal could not be
+    // made: the wait then still takes its time, and the host sees the stop by its own flag).
     int32_t (*waitForStop)(uint32_t timeoutMs);
     void (*closeStopSignal)();
     // Stops the other time service and enables the right to set the clock.

@@ -32,6 +32,11 @@ void SignalStop() { SetEvent(stopEvent.Get()); }
 void CloseStopSignal() { stopEvent.Reset(); }
 
 int32_t WaitForStop(uint32_t timeoutMs) {
+    if (!stopEvent.Valid()) {
+        // No event could be made: a wait on nothing would fail at once and spin the loop.
+        SleepFor(timeoutMs);
+        return 0;
+    }
     return WaitForSingleObject(stopEvent.Get(), timeoutMs) == WAIT_OBJECT_0 ? 1 : 0;
 }
 

@@ -168,3 +168,41 @@ TEST(ServiceHostStop, ASecondStopIsAnsweredStopPendingAndTheManagerHearsStoppedL
     EXPECT_EQ(stopReports, std::vector<std::string>({"2/0 at 0", "4/5 at 0", "3/5 at 300", "3/5 at 300",
                                                      "3/5 at 300", "1/0 at 300"}));
 }
+
+namespace {
+uint64_t stoppedAtMs = 0;
+
+// The platform could not make the stop signal: no wait ever ends signalled. The manager stops the
+// service at 300 ms.
+const ServiceHostCalls NO_SIGNAL_CALLS = {
+    [](uint32_t state, uint32_t) {
+        if (state == HOST_STOPPED) {
+            stoppedAtMs = VirtualElapsedMs();
+        }
+    },
+    [] {},
+    [] {},
+    [](uint32_t timeoutMs) -> int32_t {
+        AdvanceVirtualTime(timeoutMs);
+        if (VirtualElapsedMs() == FIRST_STOP_AT_MS) {
+            HandleServiceControl(&NO_SIGNAL_CALLS, HOST_CONTROL_STOP);
+        }
+        return VirtualElapsedMs() >= NO_STOP_LIMIT_MS ? 1 : 0;
+    },
+    [] {},
+    [] {},
+    [] {},
+    [] {},
+    [](char* destination, uint32_t capacity) { CopyText(destination, "127.0.0.1", capacity); },
+    []() -> uint8_t { return 1; },
+    []() -> int32_t { return 0; },
+    []() -> int32_t { return 0; },
+    []() -> int32_t { return 0; }};
+}  // namespace
+
+TEST(ServiceHostStop, AStopEndsTheLoopWhenTheStopSignalCouldNotBeMade) {
+    stoppedAtMs = 0;
+    HostVirtualTime time;
+    RunServiceHost(&NO_SIGNAL_CALLS);
+    EXPECT_EQ(FIRST_STOP_AT_MS, stoppedAtMs) << "stopped at its next step, not at the test's limit";
+}
