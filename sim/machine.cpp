@@ -3,6 +3,7 @@
 
 ClockModel systemClock = {0, 0, 0};
 uint32_t tickAtStartMs = 0;
+SimTime timerPhase = 0;
 
 namespace {
 const int64_t PPB = 1000000000;
@@ -16,6 +17,9 @@ int64_t FloorDivide(int64_t value, int64_t divisor) {
     const int64_t quotient = value / divisor;
     return (value % divisor != 0 && (value < 0) != (divisor < 0)) ? quotient - 1 : quotient;
 }
+
+// The timer's interrupts from the first, at or before simNow 0, to the last at or before a time.
+int64_t InterruptsBy(SimTime at) { return (at + timerPhase) / TIMER_TICK; }
 }  // namespace
 
 int64_t ReadClockModel(const ClockModel* clock, SimTime at) {
@@ -34,10 +38,14 @@ void SetClockDrift(ClockModel* clock, int64_t driftPpb, SimTime at) {
     clock->driftPpb = driftPpb;
 }
 
-uint32_t MachineTickCount() { return static_cast<uint32_t>(tickAtStartMs + static_cast<uint64_t>(simNow / NS_PER_MS)); }
+// Both counters count from the first interrupt, as Windows counts both from its start.
+uint32_t MachineTickCount() {
+    const int64_t elapsedMs = InterruptsBy(simNow) * TIMER_TICK / NS_PER_MS;
+    return static_cast<uint32_t>(tickAtStartMs + static_cast<uint64_t>(elapsedMs));
+}
 
 uint64_t MachinePreciseTickUs() {
-    return static_cast<uint64_t>(tickAtStartMs) * 1000u + static_cast<uint64_t>(simNow / NS_PER_US);
+    return static_cast<uint64_t>(tickAtStartMs) * 1000u + static_cast<uint64_t>((simNow + timerPhase) / NS_PER_US);
 }
 
 int64_t UnixNsToFileTime(int64_t unixNs) {
@@ -53,8 +61,12 @@ int64_t MachineFileTime() {
 
 int64_t MachineWallSeconds() { return FloorDivide(ReadClockModel(&systemClock, simNow), NS_PER_SECOND); }
 
-SimTime SleepDuration(uint32_t milliseconds) {
-    return static_cast<SimTime>(milliseconds) * NS_PER_MS + static_cast<SimTime>(SimRandomBelow(SLEEP_LATENCY_MAX));
+SimTime WaitDuration(uint32_t milliseconds) {
+    if (milliseconds == 0) {
+        return 0;
+    }
+    const SimTime due = simNow + static_cast<SimTime>(milliseconds) * NS_PER_MS;
+    return (InterruptsBy(due) + 1) * TIMER_TICK - timerPhase - simNow;
 }
 
 uint64_t NtpStampOf(int64_t unixNs) {

@@ -253,7 +253,7 @@ int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs) {
     if (socket->count > 0) {
         return 1;
     }
-    WaitFiberOnFor(socket, SleepDuration(timeoutMs));
+    WaitFiberOnFor(socket, WaitDuration(timeoutMs));
     socket = SocketOf(handle);
     if (socket == nullptr) {
         return -1;

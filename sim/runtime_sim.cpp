@@ -169,7 +169,7 @@ uint64_t SimPreciseTick() { return MachinePreciseTickUs(); }
 
 void SimSleep(uint32_t milliseconds) {
     ObserveSleep(milliseconds);
-    SleepFiber(SleepDuration(milliseconds));
+    SleepFiber(WaitDuration(milliseconds));
 }
 
 int64_t SimWallClock() { return MachineWallSeconds(); }
@@ -218,7 +218,7 @@ int32_t SimSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
     if (wakeup->signalled != 0) {
         return 1;
     }
-    WaitFiberOnFor(wakeup, SleepDuration(milliseconds));
+    WaitFiberOnFor(wakeup, WaitDuration(milliseconds));
     return wakeup->signalled;
 }
 }  // namespace

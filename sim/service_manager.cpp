@@ -49,7 +49,7 @@ void SignalStop() {
 int32_t WaitForStop(uint32_t timeoutMs) {
     OracleLoopPulse(service.lastPulse, timeoutMs);
     if (stopSignal.signalled == 0) {
-        WaitFiberOnFor(&stopSignal, SleepDuration(timeoutMs));
+        WaitFiberOnFor(&stopSignal, WaitDuration(timeoutMs));
     }
     service.lastPulse = simNow;
     if (stopSignal.signalled != 0) {

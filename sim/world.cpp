@@ -438,6 +438,7 @@ void InitWorld(const RunPlan* plan, const char* scratchRoot) {
 
     // The tick count starts a few minutes before its wrap: the first of the run's wraps comes at once.
     tickAtStartMs = static_cast<uint32_t>(0x100000000ULL - (60000 + SimRandomBelow(540000)));
+    timerPhase = static_cast<SimTime>(SimRandomBelow(static_cast<uint64_t>(TIMER_TICK)));
     SetClockModel(&systemClock, trueStartNs + SignedRandom(SYSTEM_OFFSET_MAX), 0);
     systemClock.driftPpb = SignedRandom(SYSTEM_DRIFT_MAX_PPB);
     for (uint32_t u = 0; u < UPSTREAM_COUNT; ++u) {
