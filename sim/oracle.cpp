@@ -26,9 +26,10 @@ namespace {
 // Limits of the promises.
 const SimTime CLOCK_TOLERANCE = 1 * NS_PER_MS;
 const SimTime START_DELAY_MAX = 119 * NS_PER_SECOND;
-// The countdown's 86 399 one-second sleeps each end up to SLEEP_LATENCY_MAX late.
-const SimTime COUNTDOWN_LATENESS = 86400 * SLEEP_LATENCY_MAX;
-const SimTime DAILY_DEADLINE = NS_PER_DAY + START_DELAY_MAX + COUNTDOWN_LATENESS + 10 * NS_PER_SECOND;
+// A countdown's exchange comes its whole seconds after its anchor, however many steps it counts:
+// either way by up to the anchor's reading of the tick count and the last step's late end.
+const SimTime COUNTDOWN_ALLOWANCE = TICK_COUNT_LAG_MAX + SLEEP_LATENCY_MAX;
+const SimTime DAILY_DEADLINE = NS_PER_DAY + START_DELAY_MAX + COUNTDOWN_ALLOWANCE;
 const SimTime STALL_LIMIT = 30 * NS_PER_SECOND;  // the loop, a control, a join
 const uint32_t SUPERVISION_STEP_MS_MAX = 100;    // troubles reach the workstation within 100 ms
 const SimTime SETTLED_AFTER = 150 * NS_PER_SECOND;  // two re-checks and a restart
@@ -189,33 +190,34 @@ int32_t ClassifyAnswer(const Datagram* datagram) {
     return SNTP_OK;
 }
 
-// The client's schedule: the first exchange 59..118 s after its start, the next one a day after a
-// success, 1199 s after a failure, and the ladder's attempts straight after each other. Each
-// one-second step of a countdown may end up to SLEEP_LATENCY_MAX late.
+// The client's schedule, from the countdown's anchor (the thread's start, or the end of the last
+// ladder): the first exchange 59..118 s after the start, the next one 86 399 s after a success,
+// 1199 s after a failure, each within COUNTDOWN_ALLOWANCE; the ladder's attempts straight after
+// each other.
 void CheckExchangeStart() {
     SimTime earliest = 0;
-    SimTime steps = 0;
+    SimTime latest = 0;
+    SimTime allowance = COUNTDOWN_ALLOWANCE;
     const char* what = "";
     const bool first = exchangesThisThread == 0;
     if (first) {
         earliest = 59 * NS_PER_SECOND;
-        steps = 118;
+        latest = 118 * NS_PER_SECOND;
         what = "the first exchange after the start";
     } else if (lastExchangeResult == SNTP_OK) {
         earliest = 86399 * NS_PER_SECOND;
-        steps = 86399;
+        latest = earliest;
         what = "the exchange a day after a success";
     } else if (lastExchangeResult == SNTP_NO_RESPONSE && silences != 0) {
-        steps = 0;
+        allowance = 0;
         what = "the ladder's next attempt";
     } else {
         earliest = 1199 * NS_PER_SECOND;
-        steps = 1199;
+        latest = earliest;
         what = "the exchange 1200 s after a failure";
     }
     const SimTime since = simNow - (first ? clientStartedAt : lastExchangeEnd);
-    const SimTime latest = (steps == 0 ? 0 : steps * NS_PER_SECOND) + steps * SLEEP_LATENCY_MAX + NS_PER_MS;
-    if (since < earliest || since > latest) {
+    if (since < earliest - allowance || since > latest + allowance) {
         SimFail("%s began after %.3f s", what, static_cast<double>(since) / 1e9);
     }
 }
@@ -232,7 +234,8 @@ void BeginExchange() {
 }
 
 // A silent attempt waits its time-out in half-second selects, one more than the time-out holds:
-// 5.5, 60.5, 120.5, 240.5 and 480.5 s for the ladder's five.
+// 5.5, 60.5, 120.5, 240.5 and 480.5 s for the ladder's five. Each select may end a timer tick
+// late: the attempt's time-out is stated in selects, so their lateness adds up.
 void CheckSilentAttempt() {
     static const SimTime TIMEOUTS_S[SILENCES_BEFORE_TROUBLE] = {5, 60, 120, 240, 480};
     const SimTime polls = TIMEOUTS_S[silences] * 2 + 1;
@@ -610,7 +613,9 @@ void ObserveSleep(uint32_t milliseconds) {
         lastStartCause = role == ROLE_DISPATCHER ? 1 : 2;
         if (role == ROLE_HOST && service.loopEnded == 0) {
             // The setting is re-read at most once a minute, and a restart follows a re-reading.
-            if (lastRecheckRestart >= service.startedAt && simNow - lastRecheckRestart < RECHECK_SPACING) {
+            // The host times the minute on the tick count, whose readings lag.
+            if (lastRecheckRestart >= service.startedAt &&
+                simNow - lastRecheckRestart < RECHECK_SPACING - TICK_COUNT_LAG_MAX) {
                 SimFail("the re-check restarted synchronisation again after %.3f s",
                         static_cast<double>(simNow - lastRecheckRestart) / 1e9);
             }
