@@ -1,5 +1,5 @@
 #!/bin/bash
-# The oracle can fail: each fault of sim/faults/ (five faults this service once had) is applied in
+# The oracle can fail: each fault of sim/faults/ (six faults this service once had) is applied in
 # turn to a scratch copy of this tree (build/faults/tree), the simulator is built there and run,
 # and the run must fail, naming its seed and simulated date. Exit 0 when every fault was caught.
 # About 2 minutes for the first build, then some seconds a fault.
@@ -21,6 +21,7 @@ declare -A runs=(
   [3-stop-lost-before-the-thread-ran]="3 13"
   [4-socket-kept-at-failed-bind]="3 14"
   [5-silence-cleared-twice]="3 15"
+  [6-day-counted-in-one-second-sleeps]="1 16"
 )
 
 status=0

@@ -2,7 +2,7 @@
 # Sets everything up on a fresh Debian machine, builds and runs every test: the native build
 # (ASan, UBSan), the concurrency tests under ThreadSanitizer, the Windows build under Wine, each
 # fuzz target for FUZZ_SECONDS (default 60; 0 skips), and in the simulator a year of the whole
-# service (a fixed seed and one drawn and printed) and the check that it catches its five known
+# service (a fixed seed and one drawn and printed) and the check that it catches its six known
 # faults. The Windows tests mostly wait on the service's timers, so the native, ThreadSanitizer and
 # fuzz runs go beside them, in a network namespace of their own and at the lowest CPU priority,
 # never delaying the service whose clock setting they measure; the simulator, which would load the
