@@ -1,6 +1,7 @@
 // The simulated machine's clocks. True time is simNow. The system timer interrupts every
 // TIMER_TICK: the tick count moves only then (by 15 or 16 ms at Windows' default), and every
-// sleep and timed wait ends on one of its interrupts; the fine counter runs at true time. Both
+// sleep and timed wait that runs its time out ends on one of its interrupts; the fine counter
+// runs at true time. Both
 // counters start close to a wrap of the 32-bit millisecond count. The system clock is a model
 // that drifts against true time and is moved by the client's settings, and the wall clock
 // (_time64) is read from it.
@@ -12,8 +13,8 @@
 
 const int64_t FILETIME_UNIX_EPOCH = 116444736000000000LL;  // 1970-01-01 in 100 ns ticks since 1601
 const int64_t NS_PER_FILETIME_TICK = 100;
-// The system timer's period: 64 interrupts a second, Windows' default. A run with a timer raised
-// to its finest builds with -DSIM_TIMER_TICK_US=1000 (the machine's clocks before 2026-11-25).
+// The system timer's period: 64 interrupts a second, Windows' default. A run on a timer raised
+// to 1 ms builds with -DSIM_TIMER_TICK_US=1000.
 #ifndef SIM_TIMER_TICK_US
 #define SIM_TIMER_TICK_US 15625
 #endif
