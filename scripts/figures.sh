@@ -180,14 +180,15 @@ if wants fuzz; then
        "(libFuzzer with ASan+UBSan, each target from its kept corpus)"
   awk '!/^#/ && NF >= 4 {
          seconds += $3; runs += 1; executions += $4; per[$2] += $3; perx[$2] += $4
+         if (NF >= 5) { cpu += $5; perc[$2] += $5 }
          if (first == "" || $1 < first) first = $1
          if ($1 > last) last = $1
        }
        END {
          if (runs == 0) { print "fuzz: no runs recorded yet"; exit }
-         printf "fuzz: %.2f h (%d s) in %d target runs, %d executions, %s .. %s\n",
-                seconds / 3600, seconds, runs, executions, first, last
-         for (t in per) printf "  %s: %d s, %d executions\n", t, per[t], perx[t]
+         printf "fuzz: %.2f h (%d s) in %d target runs, %.0f executions, %s .. %s; %d CPU seconds where logged\n",
+                seconds / 3600, seconds, runs, executions, first, last, cpu
+         for (t in per) printf "  %s: %d s, %.0f executions, %d CPU seconds where logged\n", t, per[t], perx[t], perc[t]
        }' "$bench_root/fuzz/hours.log"
 fi
 

@@ -2,7 +2,9 @@
 # Builds the libFuzzer targets (clang, ASan+UBSan) and runs each for a bounded time, from its kept
 # seed corpus (fuzz/corpus/<target>) plus a scratch corpus under build/fuzz. A failing input lands
 # in build/fuzz/artifacts/<target>; copied into fuzz/corpus/<target>, the ctest fuzz_replay_<target>
-# replays it ever after. Each run appends "date target seconds executions" to fuzz/hours.log.
+# replays it ever after. Each run appends "date target seconds executions cpu-seconds" to
+# fuzz/hours.log (wall time, then the fuzzer's own user and system time: on a busy machine the
+# second is what the fuzzing got).
 # Usage: scripts/fuzz.sh [seconds per target, default 60] [target...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -15,11 +17,16 @@ for target in "$@"; do
   mkdir -p "build/fuzz/corpus/$target" "$artifacts" build/fuzz/logs
   echo "=== fuzz $target for ${seconds}s"
   started=$SECONDS
-  (cd build/fuzz && ./fuzz/$target -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-     -artifact_prefix="../../$artifacts/" "corpus/$target" "../../fuzz/corpus/$target" >"../../$log" 2>&1) || status=1
+  cpu=build/fuzz/logs/$target.cpu
+  TIMEFORMAT='%U %S'
+  { time (cd build/fuzz && ./fuzz/$target -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+     -print_final_stats=1 -artifact_prefix="../../$artifacts/" "corpus/$target" "../../fuzz/corpus/$target" \
+     >"../../$log" 2>&1) ; } 2>"$cpu" || status=1
   tail -n 12 "$log"
   executions=$(sed -n 's/^stat::number_of_executed_units: *\([0-9]*\).*/\1/p' "$log" | tail -n 1)
-  printf '%s %s %d %d\n' "$(date -u +%Y-%m-%dT%H:%M:%SZ)" "$target" "$((SECONDS - started))" "${executions:-0}" >>fuzz/hours.log
+  cpuSeconds=$(awk '{printf "%d", $1 + $2}' "$cpu")
+  printf '%s %s %d %d %d\n' "$(date -u +%Y-%m-%dT%H:%M:%SZ)" "$target" "$((SECONDS - started))" "${executions:-0}" \
+    "${cpuSeconds:-0}" >>fuzz/hours.log
   failing=$(find "$artifacts" -maxdepth 1 -type f \( -name 'crash-*' -o -name 'leak-*' -o -name 'timeout-*' -o -name 'oom-*' \))
   [ -z "$failing" ] || { status=1; printf 'fuzz: %s left failing inputs:\n%s\n' "$target" "$failing"
     echo "fuzz: copy each into fuzz/corpus/$target/ (a name saying what it hits); the ctest fuzz_replay_$target" \
