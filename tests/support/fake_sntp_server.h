@@ -41,7 +41,10 @@ public:
     void SetAnswer(FakeAnswer answer) { answer_ = answer; }
     // From now on good answers carry this host's clock plus aheadMs (read to the microsecond when
     // the request was read, and again just before the answer is sent) instead of FAKE_SERVER_TIME.
-    void AnswerFromHostClock(int64_t aheadMs) { aheadMs_ = aheadMs, hostClock_ = true; }
+    void AnswerFromHostClock(int64_t aheadMs) {
+        aheadMs_ = aheadMs;
+        hostClock_ = true;
+    }
 
     uint32_t Requests() const { return requests_.load(); }
     // The last request as received (its full length).
