@@ -32,7 +32,11 @@ std::atomic<uint32_t> cachedMask{0};
 
 const Ipv4Platform& Platform() { return *activePlatform.load(); }
 
-// The socket library is started here only when no NetSocket has started it already.
+// The socket library is started here only when no NetSocket has started it already, and this
+// start is never undone, on purpose: the library counts its starts, so an extra one only keeps
+// it loaded for the life of the process, which is what a service that tests its own addresses
+// every minute wants (no load and unload around each test). Nothing grows but that count, one
+// a minute at most between exchanges: its 32 bits would last some four thousand years.
 int32_t StartLibraryIfIdle() {
     if (NetLibraryUsers() != 0) {
         return 0;

@@ -9,6 +9,7 @@
 
 #include "net/ipv4_platform.h"
 #include "net/net_socket.h"
+#include "net/socket_platform.h"
 
 // Installs a table for the whole process; null restores the system table. Returns the previous.
 const Ipv4Platform* InstallIpv4Platform(const Ipv4Platform* platform);
@@ -27,6 +28,7 @@ int32_t PeerThreadRunning();
 // Ageing threads started and not yet joined: 1 while the library runs, 0 after its stop.
 uint32_t CountAgeingThreads();
 
-// While non-zero every WaitNetSocketReadable fails as a select error does: a failure no loopback
-// socket can be made to produce.
-extern std::atomic<int32_t> failNetSocketWaits;
+// Installs a table of socket calls for the whole process (a test replaces one call, e.g. a wait
+// that fails as select does, which no loopback socket can be made to do); null restores
+// systemSocketPlatform. Returns the previous one.
+const SocketPlatform* InstallSocketPlatform(const SocketPlatform* platform);

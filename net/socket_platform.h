@@ -37,6 +37,24 @@ int32_t ReceiveQueuedPlatformSocket(uint64_t handle, void* buffer, int32_t capac
 // 1 readable, 0 time-out, -1 error (including an invalid handle).
 int32_t WaitPlatformReadable(uint64_t handle, uint32_t timeoutMs);
 
+// The calls above as one table. NetSocket reaches the platform only through the table installed
+// (systemSocketPlatform, unless a test replaces a call: net_test_seams.h).
+struct SocketPlatform {
+    int32_t (*startLibrary)();
+    void (*stopLibrary)();
+    uint64_t (*open)(int32_t* error);
+    void (*close)(uint64_t handle);
+    int32_t (*setOption)(uint64_t handle, int32_t option, int32_t value);
+    int32_t (*bind)(uint64_t handle, const NetAddress* address, int32_t* error);
+    int32_t (*readName)(uint64_t handle, NetAddress* address);
+    int32_t (*send)(uint64_t handle, const void* data, int32_t length, const NetAddress* to, int32_t* error);
+    int32_t (*receive)(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from, int32_t* error);
+    int32_t (*receiveQueued)(uint64_t handle, void* buffer, int32_t capacity, NetAddress* from, int32_t* error);
+    int32_t (*waitReadable)(uint64_t handle, uint32_t timeoutMs);
+};
+
+extern const SocketPlatform systemSocketPlatform;
+
 // Ports and addresses cross the wire big-endian; these swap on little-endian hosts only.
 uint16_t NetworkPort(uint16_t hostPort);
 uint16_t HostPort(uint16_t networkPort);

@@ -8,6 +8,8 @@
 #include <cstdint>
 
 struct Wakeup;
+struct JoinableThread;
+typedef uint32_t (*ThreadFunction)(uint64_t argument);
 
 struct PlatformDriver {
     uint32_t (*tickCount)();                        // GetTickCount: ms since system start, wraps
@@ -24,6 +26,11 @@ struct PlatformDriver {
     // Sleeps up to milliseconds, returning at once with 1 when the wakeup is (or becomes)
     // signalled; 0 when the time ran out. WaitForSingleObject on an event.
     int32_t (*sleepUnlessWoken)(Wakeup* wakeup, uint32_t milliseconds);
+    // Starts function(argument) on a thread that joinThread waits for: 1 and *thread when it was
+    // created, else 0 (_beginthreadex; WaitForSingleObject and CloseHandle). Through the driver
+    // so that what decides time also decides which threads run, and a failed start can be tested.
+    int32_t (*startJoinableThread)(ThreadFunction function, uint64_t argument, JoinableThread** thread);
+    void (*joinThread)(JoinableThread* thread);
 };
 
 // The operating system's own driver (runtime_win32.cpp or runtime_posix.cpp).

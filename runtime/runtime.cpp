@@ -22,6 +22,8 @@ const PlatformDriver* InstallPlatformDriver(const PlatformDriver* driver) {
     return activeDriver.exchange(driver != nullptr ? driver : &systemDriver, std::memory_order_acq_rel);
 }
 
+const PlatformDriver* ActivePlatformDriver() { return &Driver(); }
+
 uint32_t ReadTickCount() { return Driver().tickCount(); }
 uint64_t ReadPreciseTick() { return Driver().preciseTickUs(); }
 int64_t ReadSystemFileTime() { return Driver().readSystemClock(); }
@@ -40,6 +42,20 @@ int32_t SleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
         return 0;
     }
     return Driver().sleepUnlessWoken(wakeup, milliseconds);
+}
+
+int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle) {
+    if (handle == nullptr) {
+        return 0;
+    }
+    *handle = nullptr;
+    return Driver().startJoinableThread(function, argument, handle);
+}
+
+void JoinThread(ThreadHandle handle) {
+    if (handle != nullptr) {
+        Driver().joinThread(handle);
+    }
 }
 
 int32_t PauseBriefly() { return SleepFor(10); }

@@ -66,15 +66,13 @@ int32_t TimerExpiredAt(const TickTimer* timer, uint32_t now);
 // Has no effect; 0 for a timer, 1 for a null pointer.
 int32_t ReleaseTimer(TickTimer* timer);
 
-typedef uint32_t (*ThreadFunction)(uint64_t argument);
-
 // Runs function(argument) on a new detached thread. 1 when the thread was created, 0 otherwise.
 // An exception escaping the function ends the process with exit status 1.
 int32_t StartThread(ThreadFunction function, uint64_t argument);
 
 // A thread whose end is waited for: the few threads that must be gone before their owner goes on
 // (the peer registry's ageing thread, the time thread). Null when none runs.
-typedef struct JoinableThread* ThreadHandle;
+typedef JoinableThread* ThreadHandle;
 
 // Runs function(argument) on a new thread that JoinThread waits for. 1 and *handle when the
 // thread was created, 0 and a null *handle otherwise (the thread starter's polarity).

@@ -98,11 +98,15 @@ int32_t SystemNextRandom() {
     randomState = randomState * 214013u + 2531011u;
     return static_cast<int32_t>((randomState >> 16) & 0x7FFFu);
 }
+
+// The joinable threads, defined below beside the thread type.
+int32_t SystemStartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle);
+void SystemJoinThread(ThreadHandle handle);
 }  // namespace
 
 const PlatformDriver systemDriver = {
     SystemTickCount,  SystemPreciseTick, SystemSleep,      SystemWallClock,       SystemReadClock, SystemWriteClock,
-    SystemSeedRandom, SystemNextRandom, SystemSleepUnlessWoken,
+    SystemSeedRandom, SystemNextRandom, SystemSleepUnlessWoken, SystemStartJoinableThread, SystemJoinThread,
 };
 
 // A condition variable on the monotonic clock stands in for the Windows event.
@@ -199,11 +203,8 @@ int32_t StartThread(ThreadFunction function, uint64_t argument) {
     return CreatePlatformThread(function, argument, true, &thread);
 }
 
-int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle) {
-    if (handle == nullptr) {
-        return 0;
-    }
-    *handle = nullptr;
+namespace {
+int32_t SystemStartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle) {
     JoinableThread* joinable = static_cast<JoinableThread*>(calloc(1, sizeof(JoinableThread)));
     if (joinable == nullptr) {
         return 0;
@@ -216,12 +217,10 @@ int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHa
     return 1;
 }
 
-void JoinThread(ThreadHandle handle) {
-    if (handle == nullptr) {
-        return;
-    }
+void SystemJoinThread(ThreadHandle handle) {
     pthread_join(handle->thread, nullptr);
     free(handle);
 }
+}  // namespace
 
 void SetCurrentThreadPriority(int32_t) {}

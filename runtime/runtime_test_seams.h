@@ -7,3 +7,6 @@
 
 // Installs a driver for the whole process; null restores systemDriver. Returns the previous one.
 const PlatformDriver* InstallPlatformDriver(const PlatformDriver* driver);
+
+// The driver in force, for a test that replaces one of its entries in a copy.
+const PlatformDriver* ActivePlatformDriver();

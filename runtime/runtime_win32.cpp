@@ -75,11 +75,14 @@ void SystemSeedRandom(uint32_t seed) { srand(seed); }
 int32_t SystemNextRandom() { return rand(); }
 
 int32_t SystemSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds);
+// The joinable threads, defined below beside the thread type.
+int32_t SystemStartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle);
+void SystemJoinThread(ThreadHandle handle);
 }  // namespace
 
 const PlatformDriver systemDriver = {
     SystemTickCount,  SystemPreciseTick, SystemSleep,      SystemWallClock,       SystemReadClock, SystemWriteClock,
-    SystemSeedRandom, SystemNextRandom, SystemSleepUnlessWoken,
+    SystemSeedRandom, SystemNextRandom, SystemSleepUnlessWoken, SystemStartJoinableThread, SystemJoinThread,
 };
 
 // A manual-reset event: once signalled, every later wait returns at once.
@@ -145,11 +148,8 @@ int32_t StartThread(ThreadFunction function, uint64_t argument) {
     return thread.Valid() ? 1 : 0;
 }
 
-int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle) {
-    if (handle == nullptr) {
-        return 0;
-    }
-    *handle = nullptr;
+namespace {
+int32_t SystemStartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHandle* handle) {
     JoinableThread* joinable = new (std::nothrow) JoinableThread;
     if (joinable == nullptr) {
         return 0;
@@ -163,13 +163,11 @@ int32_t StartJoinableThread(ThreadFunction function, uint64_t argument, ThreadHa
     return 1;
 }
 
-void JoinThread(ThreadHandle handle) {
-    if (handle == nullptr) {
-        return;
-    }
+void SystemJoinThread(ThreadHandle handle) {
     WaitForSingleObject(handle->thread.Get(), INFINITE);
     delete handle;
 }
+}  // namespace
 
 void SetCurrentThreadPriority(int32_t priority) {
     SetThreadPriority(GetCurrentThread(), priority);

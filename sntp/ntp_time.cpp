@@ -15,6 +15,10 @@ namespace {
 const uint64_t US_PER_SECOND = 1000000;
 double ntpUnitsPerTick = 0.0;  // 2^32 / 10^7 fraction units per 100 ns tick, set by NtpInitEpoch
 const double TWO_POW_63 = 9223372036854775808.0;
+const uint64_t ERA_SECONDS = 1ULL << 32;               // 136 years: 1900-01-01 to 2036-02-07 06:28:16
+const uint64_t FIRST_ERA_BIT = 1ULL << 63;             // seconds' top bit: set from 1968 to 2036
+const uint64_t FILETIME_TICKS_PER_SECOND = 10000000;   // 100 ns ticks
+const uint64_t ERA_TICKS = ERA_SECONDS * FILETIME_TICKS_PER_SECOND;
 const double TWO_POW_64 = 18446744073709551616.0;
 
 // Truncation of a non-negative double to unsigned 64 bits through the signed conversion.
@@ -32,7 +36,7 @@ uint64_t TruncateToUnsigned(double value) {
 void NtpInitEpoch() {
     ntpEpochFileTime = 94354848000000000LL;  // 109207 days of 100 ns ticks
     ntpUnitsPerTick = 429.4967296;
-    ntpToUnixSeconds = 2208988800ULL;
+    ntpToUnixSeconds = NTP_TO_UNIX_SECONDS;
 }
 
 uint64_t LoadBigEndian64(const uint8_t* bytes) {
@@ -53,7 +57,13 @@ void StoreBigEndian64(uint8_t* bytes, uint64_t value) {
 NtpTimestamp FileTimeToNtp(int64_t fileTime) {
     // Dividing by 4 before the double multiplication keeps the product far below 2^63; the
     // multiplication by 4 afterwards leaves the two lowest fraction bits zero.
-    const int64_t sinceEpoch = static_cast<int64_t>(static_cast<uint64_t>(fileTime) - static_cast<uint64_t>(ntpEpochFileTime));
+    int64_t sinceEpoch = static_cast<int64_t>(static_cast<uint64_t>(fileTime) - static_cast<uint64_t>(ntpEpochFileTime));
+    // After the wrap the stamp counts from the wrap: an era is exactly 2^64 stamp units, so this
+    // gives the same stamp as the count from 1900 would modulo 2^64, while the double keeps the
+    // precision it has in the first era (counted from 1900 the quarters pass 2^53 there).
+    if (sinceEpoch >= static_cast<int64_t>(ERA_TICKS)) {
+        sinceEpoch -= static_cast<int64_t>(ERA_TICKS);
+    }
     const int64_t quarters = sinceEpoch / 4;
     const double units = static_cast<double>(quarters) * ntpUnitsPerTick;
     uint64_t truncated;
@@ -68,7 +78,15 @@ NtpTimestamp FileTimeToNtp(int64_t fileTime) {
 int64_t NtpToFileTime(NtpTimestamp value) {
     const uint64_t quarters = value >> 2;
     const uint64_t ticks = TruncateToUnsigned(static_cast<double>(quarters) / ntpUnitsPerTick);
-    return static_cast<int64_t>(static_cast<uint64_t>(ntpEpochFileTime) + 4u * ticks);
+    // A stamp of the second era counts from the wrap, not from 1900: read as 1900 it would set
+    // the clock back 136 years at the first synchronisation after 2036-02-07.
+    const uint64_t era = (value & FIRST_ERA_BIT) != 0 ? 0 : ERA_TICKS;
+    return static_cast<int64_t>(static_cast<uint64_t>(ntpEpochFileTime) + era + 4u * ticks);
+}
+
+int64_t NtpEraSeconds(NtpTimestamp value) {
+    const uint64_t seconds = value >> 32;
+    return static_cast<int64_t>((value & FIRST_ERA_BIT) != 0 ? seconds : seconds + ERA_SECONDS);
 }
 
 NtpTimestamp TickToNtp(uint32_t tickMs) {

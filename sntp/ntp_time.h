@@ -10,6 +10,11 @@
 //  +-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+
 //
 // Big-endian inside packets and in every 8-byte buffer written here; host order in memory.
+//
+// The 32 bits of seconds wrap on 2036-02-07 06:28:16 UTC. A stamp names its era by its most
+// significant bit: set, the seconds count from 1900 (1968 to 2036); clear, from the wrap (2036 to
+// 2104). Every conversion of a stamp into a date follows that rule; the local clock is never
+// consulted for it.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +22,8 @@
 #include "sntp/sntp_packet.h"
 
 typedef uint64_t NtpTimestamp;
+
+const uint64_t NTP_TO_UNIX_SECONDS = 2208988800ULL;  // 1900-01-01 to 1970-01-01
 
 // Written once by NtpInitEpoch, read everywhere after.
 extern int64_t ntpEpochFileTime;    // 1900-01-01 as a FILETIME: 94354848000000000
@@ -38,9 +45,13 @@ void NtpComputeTime(NtpTimestamp* time, const uint8_t* destination, uint8_t* pac
 // The one place where a clock observer would attach; called after every read and setting.
 void NtpClockHook();
 
-// The pure conversions behind NtpNow and NtpSetSystemClock.
+// The pure conversions behind NtpNow and NtpSetSystemClock. A FILETIME after the wrap gives the
+// era's stamp (the 64-bit arithmetic wraps with it); a stamp gives its date by the era rule.
 NtpTimestamp FileTimeToNtp(int64_t fileTime);
 int64_t NtpToFileTime(NtpTimestamp value);
+// The whole seconds of a stamp counted from 1900-01-01 by the era rule: 0..2^32-1 for a stamp of
+// the first era (most significant bit set), 2^32 and up for one of the second.
+int64_t NtpEraSeconds(NtpTimestamp value);
 NtpTimestamp TickToNtp(uint32_t tickMs);
 NtpTimestamp MicrosToNtp(uint64_t micros);
 

@@ -27,9 +27,11 @@ const int32_t RANDOM_RANGE = 32768;         // rand() gives 0..32767
 const uint32_t COUNTDOWN_STEP_MS = 1000;
 const int32_t AFTER_SUCCESS_S = 86400;      // the next exchange 86399 s later
 const int32_t AFTER_FAILURE_S = 1200;       // the next ladder 1199 s later
+// The ladder of time-outs: a first attempt of 5 s, then LADDER_STEPS attempts of 60 s shifted left
+// by the step (60, 120, 240, 480 s). Only the last step's silence is reported.
 const int32_t FIRST_TIMEOUT_S = 5;
-const int32_t LADDER_TIMEOUT_BASE_S = 60;   // then 60, 120, 240, 480 s
-const int32_t LAST_RETRY_ATTEMPT = 3;       // the attempt index before the fifth time-out
+const int32_t LADDER_TIMEOUT_BASE_S = 60;
+const int32_t LADDER_STEPS = 4;
 const uint64_t HALF_SECOND_FRACTION = 0x80000000ULL;  // rounds a 32.32 stamp to the nearest second
 const int32_t SYNC_NOW_NOT_RUNNING = SNTP_CLIENT_NOT_STARTED;
 
@@ -40,14 +42,14 @@ void ReportClockSet(NtpTimestamp time) {
     if (listener == nullptr) {
         return;
     }
-    const uint64_t ntpSeconds = (time + HALF_SECOND_FRACTION) >> 32;
-    listener(static_cast<int64_t>(ntpSeconds) - static_cast<int64_t>(ntpToUnixSeconds));
+    const int64_t ntpSeconds = NtpEraSeconds(time + HALF_SECOND_FRACTION);
+    listener(ntpSeconds - static_cast<int64_t>(ntpToUnixSeconds));
 }
 
 // One ladder of exchanges; returns the countdown to the next one.
 int32_t RunExchangeLadder(const char* server) {
     int32_t timeoutSeconds = FIRST_TIMEOUT_S;
-    int32_t attempt = -1;
+    int32_t step = -1;  // -1 the first attempt, then 0 .. LADDER_STEPS - 1
     for (;;) {
         // Seeded from the last success so that an exchanger which leaves an output alone keeps it.
         NtpTimestamp time = lastSyncTime.load();
@@ -82,9 +84,7 @@ int32_t RunExchangeLadder(const char* server) {
             lastResult = result;
             return AFTER_FAILURE_S;
         }
-        const int32_t previous = attempt;
-        attempt += 1;
-        if (previous == LAST_RETRY_ATTEMPT) {
+        if (step == LADDER_STEPS - 1) {
             // The fifth silence in a row: only now is the server reported as silent.
             SetSntpTrouble(SNTP_NO_RESPONSE);
             lastResult = SNTP_NO_RESPONSE;
@@ -93,7 +93,8 @@ int32_t RunExchangeLadder(const char* server) {
         // Reported at once so that a waiting SntpSyncNow learns of the silence after the first
         // attempt, while the ladder goes on with its longer ones.
         lastResult = SNTP_NO_RESPONSE;
-        timeoutSeconds = LADDER_TIMEOUT_BASE_S << attempt;
+        step += 1;
+        timeoutSeconds = LADDER_TIMEOUT_BASE_S << step;
     }
 }
 }  // namespace

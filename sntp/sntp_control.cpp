@@ -12,6 +12,7 @@
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_server.h"
+#include "sntp/sntp_test_seams.h"
 #include "sntp/sntp_troubles.h"
 #include "trouble/trouble_queue.h"
 
@@ -124,7 +125,9 @@ void JoinTimeThread() {
     timeThread = nullptr;
 }
 
-// Steps 1 to 6 of a start, with no time thread running.
+// A start, with no time thread running: the setting read, the role chosen, the thread started.
+// 1 when no thread could be started; the role's "could not start" trouble then says so, since
+// nothing would run until the next restart.
 int32_t StartTimeThread() {
     InitialiseOnce();
     serverRole = 1;
@@ -136,13 +139,20 @@ int32_t StartTimeThread() {
     // Cleared here, before the thread exists, so that no stop asked for after this start can be
     // lost to a clearing that comes late.
     stopRequested = 0;
+    int32_t started = 0;
+    SntpResult notStarted = SNTP_SERVER_NOT_STARTED;
     if (ChooseServerRole(sntpServerSetting) != 0) {
-        StartJoinableThread(SntpServerThread, 0, &timeThread);
+        started = StartJoinableThread(SntpServerThread, 0, &timeThread);
     } else {
         serverRole = 0;
+        notStarted = SNTP_CLIENT_NOT_STARTED;
         // The client copies the text at its start; the next write comes after it was joined.
-        StartJoinableThread(SntpClientThread, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(sntpServerSetting)),
-                            &timeThread);
+        started = StartJoinableThread(SntpClientThread,
+                                      static_cast<uint64_t>(reinterpret_cast<uintptr_t>(sntpServerSetting)), &timeThread);
+    }
+    if (started == 0) {
+        SetSntpTrouble(notStarted);
+        return 1;
     }
     return 0;
 }

@@ -12,15 +12,14 @@ extern std::atomic<uint8_t> serverRole;  // 1 server, 0 client
 extern char sntpServerSetting[SNTP_SETTING_SIZE];
 
 // Start, restart and stop may be called from any thread, in any order: each joins the time
-// thread it replaces, so at most one runs. A thread that cannot be created leaves none.
+// thread it replaces, so at most one runs. A thread that cannot be created leaves none: start
+// and restart then return 1 and raise the role's "could not start" trouble.
 int32_t StartSntp();
 // Stop flag, clear all troubles, 1200 ms, the old thread joined, then StartSntp's steps. The
 // service host calls it under controlLock. After StopSntp it does nothing until StartSntp.
 int32_t RestartSntp();
 // Stop flag, clear all troubles, 1200 ms, the thread joined.
 int32_t StopSntp();
-// 1 while a time thread has been started and not yet joined.
-int32_t TimeThreadRunning();
 // SNTP_IP of <directory>\Vantor.dat into value (256 bytes); a missing file or key reads as "".
 int32_t ReadSntpIp(char* value, const char* directory);
 // Sets SNTP_IP in <directory>\Vantor.dat and saves; the save result (1 if it cannot be opened).

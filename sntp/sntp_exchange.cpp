@@ -52,7 +52,7 @@ SntpResult CheckSntpAnswer(const uint8_t* request, const uint8_t* answer, uint32
         return SNTP_NOT_SYNCHRONISED;
     }
     // Stratum 0 is unspecified or a kiss-o'-death: nothing to set the clock from.
-    if (answer[NTP_STRATUM_OFFSET] == 0) {
+    if (answer[NTP_STRATUM_OFFSET] == NTP_STRATUM_UNSPECIFIED) {
         return SNTP_UNKNOWN_ERROR;
     }
     // A zero transmit stamp means the server has no time to give.

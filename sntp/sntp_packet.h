@@ -32,6 +32,11 @@ const uint32_t NTP_ORIGINATE_OFFSET = 24;
 const uint32_t NTP_RECEIVE_OFFSET = 32;
 const uint32_t NTP_TRANSMIT_OFFSET = 40;
 
+// The stratum byte: 0 says "unspecified" (a kiss-o'-death, or a server not synchronised yet),
+// 1 a primary source, one that serves its own reference clock.
+const uint8_t NTP_STRATUM_UNSPECIFIED = 0;
+const uint8_t NTP_STRATUM_PRIMARY = 1;
+
 // The first byte.
 const uint8_t NTP_MODE_MASK = 0x07;
 const uint8_t NTP_MODE_SYMMETRIC_ACTIVE = 1;

@@ -14,7 +14,7 @@
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_troubles.h"
 
-std::atomic<int32_t> serverMode{0};
+std::atomic<int32_t> serverMode{SERVER_MODE_LOCAL_CLOCK};
 std::atomic<uint32_t> upstreamAddress{0};
 std::atomic<uint16_t> sntpServerPort{SNTP_PORT};
 
@@ -23,9 +23,10 @@ const uint32_t SELECT_STEP_MS = 1000;     // also how soon a stop request is see
 const uint32_t IDLE_STEP_MS = 1000;
 const int32_t REQUEST_CAPACITY = 512;     // bytes; anything but 48 is dropped anyway
 // Datagrams answered per wait at most, so that a flood still lets the stop flag be seen within
-// milliseconds; the socket's own queue (some hundred datagrams) bounds it below that anyway.
+// milliseconds: the receive queue asked for below holds thousands of requests, and draining it
+// whole before looking at the flag again could take a while.
 const int32_t BATCH_LIMIT = 64;
-const int32_t RECEIVE_QUEUE_BYTES = 1 << 20;
+const int32_t RECEIVE_QUEUE_BYTES = 1 << 20;  // 1 MiB: some milliseconds of requests at full load
 const uint8_t PRECISION = 0xFA;  // -6: 2^-6 s, about the 15.6 ms tick of the clock we serve
 
 const char REFERENCE_LOCAL[4] = {'L', 'O', 'C', 'L'};
@@ -78,23 +79,24 @@ int32_t BuildSntpAnswer(const uint8_t* request, int32_t length, const uint8_t* r
     std::memcpy(answer + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, NTP_STAMP_SIZE);
 
     const int32_t mode = serverMode.load();
-    if (mode == 0) {
+    if (mode == SERVER_MODE_LOCAL_CLOCK) {
         std::memcpy(answer + NTP_REFERENCE_ID_OFFSET, REFERENCE_LOCAL, sizeof REFERENCE_LOCAL);
-        answer[NTP_STRATUM_OFFSET] = 1;
+        answer[NTP_STRATUM_OFFSET] = NTP_STRATUM_PRIMARY;
     } else if (synchronised.load() == 0) {
         // Relaying an upstream that has not been reached yet: say so with the alarm.
         std::memcpy(answer + NTP_REFERENCE_ID_OFFSET, REFERENCE_INIT, sizeof REFERENCE_INIT);
-        answer[NTP_STRATUM_OFFSET] = 0;
+        answer[NTP_STRATUM_OFFSET] = NTP_STRATUM_UNSPECIFIED;
         answerHeader |= NTP_LEAP_ALARM;
-    } else if (mode == 1) {
+    } else if (mode == SERVER_MODE_UPSTREAM) {
         const uint32_t upstream = upstreamAddress.load();  // already in network order
         std::memcpy(answer + NTP_REFERENCE_ID_OFFSET, &upstream, sizeof upstream);
         PutHostOrderStamp(answer, lastSyncTime.load());
         answer[NTP_STRATUM_OFFSET] = static_cast<uint8_t>(static_cast<uint8_t>(upstreamStratum.load()) + 1);
     } else {
+        // Any other mode: the top of a hierarchy of its own, a primary source again.
         std::memcpy(answer + NTP_REFERENCE_ID_OFFSET, REFERENCE_TOP, sizeof REFERENCE_TOP);
         PutHostOrderStamp(answer, lastSyncTime.load());
-        answer[NTP_STRATUM_OFFSET] = 1;
+        answer[NTP_STRATUM_OFFSET] = NTP_STRATUM_PRIMARY;
     }
     answer[0] = answerHeader;
     answer[NTP_POLL_OFFSET] = request[NTP_POLL_OFFSET];
@@ -123,9 +125,9 @@ uint32_t SntpServerThread(uint64_t upstream) {
     SetNetSocketReceiveBuffer(&socket, RECEIVE_QUEUE_BYTES);
     if (upstream != 0) {
         upstreamAddress = static_cast<uint32_t>(upstream);
-        serverMode = 1;
+        serverMode = SERVER_MODE_UPSTREAM;
     } else {
-        serverMode = 0;
+        serverMode = SERVER_MODE_LOCAL_CLOCK;
     }
     synchronised = 0;
 

@@ -8,7 +8,12 @@
 // The most distinct clients answered within any five seconds.
 const uint64_t SNTP_SERVER_PEER_LIMIT = 201;
 
-extern std::atomic<int32_t> serverMode;        // 0: the local clock is the reference
+// What the server names as its reference: its own clock (as this service always starts it), or
+// an upstream server that the client synchronised to.
+const int32_t SERVER_MODE_LOCAL_CLOCK = 0;
+const int32_t SERVER_MODE_UPSTREAM = 1;
+
+extern std::atomic<int32_t> serverMode;        // SERVER_MODE_*
 extern std::atomic<uint32_t> upstreamAddress;  // reference id in mode 1, network order
 
 // Thread entry: argument is the upstream address (0 for none). Returns 0 when stopped.

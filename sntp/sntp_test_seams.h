@@ -21,3 +21,6 @@ extern std::atomic<uint16_t> sntpServerPort;
 // that tell the stamps of one batch apart. Null restores NtpNow.
 typedef void (*SntpServerClock)(uint8_t* out);
 void SetSntpServerClock(SntpServerClock clock);
+
+// 1 while the controller has a time thread started and not yet joined.
+int32_t TimeThreadRunning();

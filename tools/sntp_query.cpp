@@ -25,7 +25,6 @@
 
 namespace {
 const double FRACTION_PER_MS = 4294967.296;  // 2^32 / 1000
-const int64_t SECONDS_PER_DAY = 86400;
 const size_t TEXT_LIMIT = 256;
 const size_t LINE_LIMIT = 512;
 
@@ -59,31 +58,6 @@ void Narrow(const char16_t* text, char* out, size_t capacity) {
 
 double StampToMs(int64_t value) { return static_cast<double>(value) / FRACTION_PER_MS; }
 
-// A host-order stamp as "YYYY-MM-DD hh:mm:ss.mmm" UTC (days to civil date after H. Hinnant).
-void FormatUtc(NtpTimestamp stamp, char* out, size_t capacity) {
-    const int64_t unixSeconds = static_cast<int64_t>(stamp >> 32) - static_cast<int64_t>(ntpToUnixSeconds);
-    const uint32_t ms = static_cast<uint32_t>(((stamp & 0xFFFFFFFFULL) * MS_PER_SECOND) >> 32);
-    int64_t days = unixSeconds / SECONDS_PER_DAY;
-    int64_t secondOfDay = unixSeconds % SECONDS_PER_DAY;
-    if (secondOfDay < 0) {
-        secondOfDay += SECONDS_PER_DAY;
-        days -= 1;
-    }
-    const int64_t z = days + 719468;
-    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-    const int64_t dayOfEra = z - era * 146097;
-    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-    const int64_t shiftedMonth = (5 * dayOfYear + 2) / 153;
-    const int64_t day = dayOfYear - (153 * shiftedMonth + 2) / 5 + 1;
-    const int64_t month = shiftedMonth < 10 ? shiftedMonth + 3 : shiftedMonth - 9;
-    const int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
-    std::snprintf(out, capacity, "%04lld-%02lld-%02lld %02lld:%02lld:%02lld.%03u", static_cast<long long>(year),
-                  static_cast<long long>(month), static_cast<long long>(day),
-                  static_cast<long long>(secondOfDay / 3600), static_cast<long long>(secondOfDay / 60 % 60),
-                  static_cast<long long>(secondOfDay % 60), ms);
-}
-
 SntpResult QueryOnce(long number, const QueryOptions& options, QuerySample* sample) {
     NtpTimestamp serverTime = 0;
     NtpTimestamp delay = 0;
@@ -102,7 +76,7 @@ SntpResult QueryOnce(long number, const QueryOptions& options, QuerySample* samp
         return result;
     }
     char when[64];
-    FormatUtc(serverTime, when, sizeof when);
+    FormatServerTime(serverTime, when, sizeof when);
     const int64_t offset = static_cast<int64_t>(LoadBigEndian64(localStamp) - serverTime);
     *sample = QuerySample{1, StampToMs(offset), StampToMs(static_cast<int64_t>(delay))};
     std::printf("%ld  %d %s  server %s UTC  offset %+.3f ms  delay %.3f ms  stratum %u\n", number, result, text, when,

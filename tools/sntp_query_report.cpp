@@ -1,4 +1,5 @@
-// SntpQuery's command line, run summary and monitoring verdict (see sntp_query_report.h).
+// SntpQuery's command line, the server's time as printed, run summary and monitoring verdict (see
+// sntp_query_report.h).
 #include "tools/sntp_query_report.h"
 
 #include "runtime/runtime.h"
@@ -13,6 +14,9 @@
 
 namespace {
 const char* const STATUS_WORDS[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+const int64_t SECONDS_PER_DAY = 86400;
+const int64_t SECONDS_PER_HOUR = 3600;
+const int64_t SECONDS_PER_MINUTE = 60;
 
 bool IsOption(const char* argument, const char* longForm, const char* shortForm) {
     return std::strcmp(argument, longForm) == 0 || std::strcmp(argument, shortForm) == 0;
@@ -36,6 +40,32 @@ void FormatThreshold(double ms, char* out, size_t capacity) {
     std::snprintf(out, capacity, "%g", ms / static_cast<double>(MS_PER_SECOND));
 }
 }  // namespace
+
+// Days since 1970 to the civil date: H. Hinnant's civil_from_days.
+void FormatServerTime(NtpTimestamp stamp, char* out, size_t capacity) {
+    const int64_t unixSeconds = NtpEraSeconds(stamp) - static_cast<int64_t>(NTP_TO_UNIX_SECONDS);
+    const uint32_t ms = static_cast<uint32_t>(((stamp & 0xFFFFFFFFULL) * MS_PER_SECOND) >> 32);
+    int64_t days = unixSeconds / SECONDS_PER_DAY;
+    int64_t secondOfDay = unixSeconds % SECONDS_PER_DAY;
+    if (secondOfDay < 0) {
+        secondOfDay += SECONDS_PER_DAY;
+        days -= 1;
+    }
+    const int64_t z = days + 719468;
+    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+    const int64_t dayOfEra = z - era * 146097;
+    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const int64_t shiftedMonth = (5 * dayOfYear + 2) / 153;
+    const int64_t day = dayOfYear - (153 * shiftedMonth + 2) / 5 + 1;
+    const int64_t month = shiftedMonth < 10 ? shiftedMonth + 3 : shiftedMonth - 9;
+    const int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
+    std::snprintf(out, capacity, "%04lld-%02lld-%02lld %02lld:%02lld:%02lld.%03u", static_cast<long long>(year),
+                  static_cast<long long>(month), static_cast<long long>(day),
+                  static_cast<long long>(secondOfDay / SECONDS_PER_HOUR),
+                  static_cast<long long>(secondOfDay / SECONDS_PER_MINUTE % SECONDS_PER_MINUTE),
+                  static_cast<long long>(secondOfDay % SECONDS_PER_MINUTE), ms);
+}
 
 int32_t ParseQueryOptions(int argc, char** argv, QueryOptions* options) {
     if (argv == nullptr || options == nullptr) {

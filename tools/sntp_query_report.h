@@ -1,10 +1,12 @@
-// SntpQuery's pure parts: its command line, the summary of a run of exchanges and the monitoring
-// verdict (status, exit code and the one-line plugin summary). No clock, socket or output here,
-// so the unit tests call them directly.
+// SntpQuery's pure parts: its command line, the server's time as printed, the summary of a run of
+// exchanges and the monitoring verdict (status, exit code and the one-line plugin summary). No
+// clock, socket or output here, so the unit tests call them directly.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+
+#include "sntp/ntp_time.h"
 
 const long QUERY_MAX_COUNT = 100000;
 const long QUERY_MAX_INTERVAL_S = 86400;
@@ -45,6 +47,9 @@ struct QuerySummary {
 // an unknown option, a missing or malformed value, no server or two, a warning above the
 // critical threshold. Long and short forms: --count/-n, --interval/-i, --timeout/-t.
 int32_t ParseQueryOptions(int argc, char** argv, QueryOptions* options);
+
+// A host-order stamp as "YYYY-MM-DD hh:mm:ss.mmm" (UTC), its date by the stamp's era.
+void FormatServerTime(NtpTimestamp stamp, char* out, size_t capacity);
 
 // Min, median (the mean of the middle two for an even number) and max of the answered samples.
 // 0, or 1 for a null argument or more than QUERY_MAX_COUNT samples.

@@ -335,3 +335,67 @@ TEST(RegistryValues, ReadersWantTheirTypeAndNarrowWithBarsAsBangs) {
     RegDeleteTreeA(HKEY_LOCAL_MACHINE, KEY);
 }
 #endif
+
+namespace {
+// Socket calls that touch no platform socket: open gives a made-up handle until opens are told to
+// fail, and every receive reads one datagram from 127.0.0.9.
+const uint64_t SCRIPTED_HANDLE = 0x5C0C;
+const int32_t SCRIPTED_OPEN_ERROR = 10024;  // WSAEMFILE: no more sockets
+std::atomic<bool> scriptedOpensFail{false};
+
+class ScriptedSockets {
+public:
+    ScriptedSockets() : platform_(systemSocketPlatform) {
+        scriptedOpensFail = false;
+        platform_.open = [](int32_t* error) -> uint64_t {
+            if (scriptedOpensFail.load()) {
+                *error = SCRIPTED_OPEN_ERROR;
+                return NET_INVALID_HANDLE;
+            }
+            return SCRIPTED_HANDLE;
+        };
+        platform_.close = [](uint64_t) {};
+        platform_.setOption = [](uint64_t, int32_t, int32_t) -> int32_t { return 0; };
+        platform_.bind = [](uint64_t, const NetAddress*, int32_t*) -> int32_t { return 0; };
+        platform_.readName = [](uint64_t, NetAddress*) -> int32_t { return 0; };
+        platform_.receive = [](uint64_t, void* buffer, int32_t capacity, NetAddress* from, int32_t*) -> int32_t {
+            std::memset(buffer, 0x1C, static_cast<size_t>(capacity));
+            from->address = Address(127, 0, 0, 9);
+            from->port = NetworkPort(123);
+            return capacity;
+        };
+        previous_ = InstallSocketPlatform(&platform_);
+    }
+    ~ScriptedSockets() { InstallSocketPlatform(previous_); }
+    ScriptedSockets(const ScriptedSockets&) = delete;
+    ScriptedSockets& operator=(const ScriptedSockets&) = delete;
+
+private:
+    SocketPlatform platform_;
+    const SocketPlatform* previous_ = nullptr;
+};
+}  // namespace
+
+// Heard from, then reopened without success: the socket has no handle but is in the registry, whose
+// ageing sweep would read it after its storage is gone unless the destroy takes it out.
+TEST(NetSocket, ADestroyTakesASocketWithoutAHandleOutOfTheRegistry) {
+    NetSocket keeper;  // keeps the library up: the last destroy would empty the registry anyway
+    ASSERT_EQ(0, CreateNetSocket(&keeper, NET_SOCKET_DATAGRAM));
+    const size_t socketsBefore = CountPeerSockets();
+    {
+        ScriptedSockets scripted;
+        NetSocket socket;
+        ASSERT_EQ(0, CreateNetSocket(&socket, NET_SOCKET_DATAGRAM));
+        ASSERT_EQ(0, OpenNetSocket(&socket, 0, 1));
+        uint8_t datagram[48];
+        uint32_t from = 0;
+        uint16_t port = 0;
+        ASSERT_EQ(48, ReceiveNetSocket(&socket, datagram, sizeof datagram, &from, &port, 1));
+        scriptedOpensFail = true;
+        ASSERT_EQ(SCRIPTED_OPEN_ERROR, OpenNetSocket(&socket, 0, 1));
+        ASSERT_EQ(NET_INVALID_HANDLE, socket.handle);
+        DestroyNetSocket(&socket);
+    }
+    EXPECT_EQ(socketsBefore, CountPeerSockets());
+    DestroyNetSocket(&keeper);
+}

@@ -9,6 +9,8 @@
 #include "runtime/platform.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_test_seams.h"
+#include "tests/support/civil_time.h"
+#include "tests/support/fake_sntp_server.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"
 #include "trouble/trouble_queue.h"
@@ -122,4 +124,62 @@ TEST(SntpClient, AStopDuringTheExchangeEndsTheThreadWithoutATrouble) {
     RunClient({SNTP_SOCKET_ERROR}, SIZE_MAX);
     EXPECT_EQ(std::make_pair(std::vector<uint64_t>{59 * S}, 59 * S), std::make_pair(callAt, VirtualElapsedMs()));
     EXPECT_TRUE(TakeTroubles().empty());
+}
+
+namespace {
+#ifdef _WIN32
+const char WRAP_SERVER[] = "127.0.0.1";  // Wine answers from the whole interface's address
+#else
+const char WRAP_SERVER[] = "127.0.0.22";
+#endif
+const int64_t LOCAL_START = FileTimeOf(2036, 2, 7, 6, 27, 0);  // 76 s before the era's wrap
+const NtpTimestamp SERVER_START = 44ULL << 32;                 // 2036-02-07 06:29:00, past the wrap
+const uint64_t FIRST_EXCHANGE_MS = 59 * S;                     // start delay 60: 59 sleeps
+
+// The real exchange, from the client thread in virtual time, against a fake server on loopback
+// whose clock runs two minutes ahead of this machine's and has already wrapped.
+class SntpClientAcrossTheWrap : public testing::Test {
+protected:
+    void SetUp() override {
+        NtpInitEpoch();
+        SetSntpExchanger(nullptr);
+        InstallVirtualTime(LOCAL_START);
+        HoldWakeableSleeps(true);  // the socket library's sweeps must not move the clocks
+        QueueRandomValues({0, 0});
+        ASSERT_EQ(0, fake.Start(WRAP_SERVER, FakeAnswer::GOOD));
+        fake.AnswerFromVirtualClock(SERVER_START);
+    }
+    void TearDown() override {
+        fake.Stop();
+        stopRequested = 0;
+        SetTimeSetListener(nullptr);
+        RemoveVirtualTime();
+    }
+    // Runs the client until the first countdown sleep after its first clock setting (or a day).
+    void RunUntilTheClockIsSet() {
+        SetSleepHook([](uint32_t) {
+            if (!RecordedClockSettings().empty() || VirtualElapsedMs() > 86400 * S) {
+                stopRequested = 1;
+            }
+        });
+        std::thread client([] { SntpClientThread(reinterpret_cast<uintptr_t>(WRAP_SERVER)); });
+        client.join();
+    }
+    FakeSntpServer fake;
+};
+}  // namespace
+
+TEST_F(SntpClientAcrossTheWrap, TheClockIsSetToTheServersTimeAfterTheWrap) {
+    RunUntilTheClockIsSet();
+    const int64_t serverAtExchange = FileTimeOf(2036, 2, 7, 6, 29, 0) + FIRST_EXCHANGE_MS * FILETIME_TICKS_PER_MS;
+    const std::vector<int64_t> settings = RecordedClockSettings();
+    ASSERT_EQ(1u, settings.size());
+    EXPECT_NEAR(serverAtExchange, settings[0], FILETIME_TICKS_PER_MS) << "FILETIME set, against the server's";
+}
+
+TEST_F(SntpClientAcrossTheWrap, TheListenerHearsTheServersTimeAfterTheWrap) {
+    SetTimeSetListener([](int64_t unixSeconds) { listenedTime = unixSeconds; });
+    RunUntilTheClockIsSet();
+    const int64_t serverAtExchange = (FileTimeOf(2036, 2, 7, 6, 29, 59) - UNIX_EPOCH_FILETIME) / 10000000;
+    EXPECT_EQ(serverAtExchange, listenedTime.load());
 }

@@ -11,6 +11,7 @@
 
 #include "config/config_test_seams.h"
 #include "config/directories.h"
+#include "runtime/runtime_test_seams.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_control.h"
 #include "sntp/sntp_test_seams.h"
@@ -153,4 +154,38 @@ TEST_F(SntpController, RacingStartsRestartsAndStopsLeaveOneThreadAndTheLastStopN
     LoopbackUdp port{~0ULL};
     EXPECT_EQ(0, OpenLoopbackUdp(&port, "127.0.0.1", TEST_SERVER_PORT, false));
     CloseLoopbackUdp(&port);
+}
+
+namespace {
+// No thread can be started while it is in scope (as when the process has run out of them); the
+// driver in force before is restored after.
+class FailingThreadStarts {
+public:
+    FailingThreadStarts() : previous_(ActivePlatformDriver()), driver_(*previous_) {
+        driver_.startJoinableThread = [](ThreadFunction, uint64_t, JoinableThread**) -> int32_t { return 0; };
+        InstallPlatformDriver(&driver_);
+    }
+    ~FailingThreadStarts() { InstallPlatformDriver(previous_); }
+    FailingThreadStarts(const FailingThreadStarts&) = delete;
+    FailingThreadStarts& operator=(const FailingThreadStarts&) = delete;
+
+private:
+    const PlatformDriver* previous_;
+    PlatformDriver driver_;
+};
+}  // namespace
+
+TEST_F(SntpController, AServerThreadThatCannotStartIsReported) {
+    FailingThreadStarts failing;
+    EXPECT_EQ(1, StartSntp());
+    EXPECT_EQ(0, TimeThreadRunning());
+    EXPECT_EQ(" +8", Seen()) << "Local SNTP Server could not start";
+}
+
+TEST_F(SntpController, AClientThreadThatCannotStartIsReported) {
+    WriteSetting("SNTP_IP 127.0.0.2");
+    FailingThreadStarts failing;
+    EXPECT_EQ(1, StartSntp());
+    EXPECT_EQ(0, TimeThreadRunning());
+    EXPECT_EQ(" +9", Seen()) << "Local SNTP Client not started";
 }

@@ -12,6 +12,7 @@
 #include "sntp/sntp_server.h"
 #include "sntp/sntp_test_seams.h"
 #include "tests/support/chrony_peer.h"
+#include "tests/support/civil_time.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"
 #include "tools/loopback_udp.h"
@@ -63,6 +64,23 @@ protected:
     }
     Client first{"127.0.0.41"};
     std::thread server;
+};
+
+// Every wait on a socket fails as a failing select does, which no loopback socket can be made to
+// do; the socket calls are the system's again when it goes out of scope.
+class FailingWaits {
+public:
+    FailingWaits() : platform_(systemSocketPlatform) {
+        platform_.waitReadable = [](uint64_t, uint32_t) -> int32_t { return -1; };
+        previous_ = InstallSocketPlatform(&platform_);
+    }
+    ~FailingWaits() { InstallSocketPlatform(previous_); }
+    FailingWaits(const FailingWaits&) = delete;
+    FailingWaits& operator=(const FailingWaits&) = delete;
+
+private:
+    SocketPlatform platform_;
+    const SocketPlatform* previous_ = nullptr;
 };
 
 thread_local bool onServerThread = false;  // the socket library's ageing thread sleeps too
@@ -168,7 +186,68 @@ TEST_F(SntpServerTest, ATakenPortRaisesTroubleEightOnceAndAFailingWaitTroubleOne
     // The library given back while idle: restarted every minute, the server would pile up sockets.
     EXPECT_EQ(std::make_pair(std::vector<uint32_t>(3, 1000), 0u), std::make_pair(pauses, libraryUsersWhilePausing));
 
-    failNetSocketWaits = 1, RunServerUntilPauses(5), failNetSocketWaits = 0;
+    {
+        FailingWaits failing;
+        RunServerUntilPauses(5);
+    }
     EXPECT_EQ(std::vector<SeenTrouble>(5, SeenTrouble{SNTP_SOCKET_ERROR, TROUBLE_SET}), TakeTroubles());
     EXPECT_EQ(std::make_pair(std::vector<uint32_t>(5, 1000), 1u), std::make_pair(pauses, libraryUsersWhilePausing));
+}
+
+namespace {
+// The server thread on its own clock (NtpNow through the platform driver) in virtual time that
+// stands still: only the seconds that the clock reads decide the stamps.
+class SntpServerInLaterYears : public testing::Test {
+protected:
+    void SetUp() override {
+        NtpInitEpoch();
+        sntpServerPort = TEST_PORT;
+        stopRequested = 0;
+        SetSntpServerClock(nullptr);
+    }
+    void TearDown() override {
+        StopServer();
+        sntpServerPort = SNTP_PORT;
+        RemoveVirtualTime();
+    }
+    // The server's answer to one request while the clock reads fileTime: false when none came.
+    bool AnswerAt(int64_t fileTime, Client* client) {
+        InstallVirtualTime(fileTime);
+        HoldWakeableSleeps(true);  // the socket library's sweeps must not move the clock
+        server = std::thread([] { SntpServerThread(0); });
+        for (int probe = 0; probe < 30; ++probe) {
+            client->Ask(1);
+            if (client->Answer(SILENCE_MS) == static_cast<int32_t>(NTP_PACKET_SIZE)) {
+                return true;
+            }
+        }
+        return false;
+    }
+    void StopServer() {
+        if (server.joinable()) {
+            stopRequested = 1;
+            server.join();
+            stopRequested = 0;
+        }
+    }
+    std::thread server;
+};
+}  // namespace
+
+TEST_F(SntpServerInLaterYears, StampsAfterTheWrapCarryTheErasSeconds) {
+    const struct {
+        const char* label;
+        int64_t fileTime;
+        uint64_t seconds;  // on the wire: counted from 2036-02-07 06:28:16
+    } rows[] = {
+        {"2036-08-01", FileTimeOf(2036, 8, 1), 0x00E7AD00},
+        {"2100-01-01", FileTimeOf(2100, 1, 1), 0x7830D580},
+    };
+    for (const auto& row : rows) {
+        Client client("127.0.0.42");
+        ASSERT_TRUE(AnswerAt(row.fileTime, &client)) << row.label;
+        EXPECT_EQ(row.seconds, client.Stamp(NTP_RECEIVE_OFFSET) >> 32) << row.label << ", receive";
+        EXPECT_EQ(row.seconds, client.Stamp(NTP_TRANSMIT_OFFSET) >> 32) << row.label << ", transmit";
+        StopServer();
+    }
 }

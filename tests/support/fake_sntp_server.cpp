@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "sntp/ntp_time.h"
+#include "tests/support/virtual_time.h"
 
 namespace {
 const uint32_t RECEIVE_STEP_MS = 50;        // how soon Stop is noticed
@@ -102,6 +103,12 @@ void FakeSntpServer::Answer(const uint8_t* request, uint32_t client, uint16_t cl
         const uint64_t sentAt = HostClockNtp();
         StoreBigEndian64(&answer[NTP_RECEIVE_OFFSET], ahead < 0 ? receivedAt - offset : receivedAt + offset);
         StoreBigEndian64(&answer[NTP_TRANSMIT_OFFSET], ahead < 0 ? sentAt - offset : sentAt + offset);
+    }
+    if (virtualClock_.load()) {
+        const uint64_t elapsedMs = VirtualElapsedMs();
+        const uint64_t since = ((elapsedMs / 1000) << 32) + ((elapsedMs % 1000) << 32) / 1000;
+        StoreBigEndian64(&answer[NTP_RECEIVE_OFFSET], virtualStart_.load() + since);
+        StoreBigEndian64(&answer[NTP_TRANSMIT_OFFSET], virtualStart_.load() + since);
     }
     switch (answer_.load()) {
         case FakeAnswer::SILENT: return;

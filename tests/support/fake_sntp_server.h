@@ -45,6 +45,12 @@ public:
         aheadMs_ = aheadMs;
         hostClock_ = true;
     }
+    // From now on good answers carry a clock that reads startStamp when the virtual time (of
+    // tests/support/virtual_time.h) starts and moves with it; it wraps as NTP stamps do.
+    void AnswerFromVirtualClock(uint64_t startStamp) {
+        virtualStart_ = startStamp;
+        virtualClock_ = true;
+    }
 
     uint32_t Requests() const { return requests_.load(); }
     // The last request as received (its full length).
@@ -63,6 +69,8 @@ private:
     std::atomic<uint32_t> requests_{0};
     std::atomic<bool> hostClock_{false};
     std::atomic<int64_t> aheadMs_{0};
+    std::atomic<bool> virtualClock_{false};
+    std::atomic<uint64_t> virtualStart_{0};
     mutable std::mutex lastMutex_;
     std::vector<uint8_t> last_;
     std::thread thread_;

@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <deque>
+#include <chrono>
 #include <mutex>
+#include <thread>
 
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
@@ -19,6 +21,8 @@ std::vector<int64_t> clockSettings;
 std::deque<int32_t> randomValues;
 uint32_t randomSeed = 0;
 std::function<void(uint32_t)> sleepHook;
+std::atomic<bool> holdWakeable{false};
+const auto WAKEUP_POLL = std::chrono::milliseconds(1);
 
 int64_t CurrentFileTime() {
     std::lock_guard<std::mutex> hold(stateMutex);
@@ -47,6 +51,10 @@ void VirtualSleep(uint32_t milliseconds) {
 // at once; otherwise the whole sleep passes.
 int32_t VirtualSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
     if (WakeupSignalled(wakeup) != 0) return 1;
+    if (holdWakeable.load()) {
+        while (WakeupSignalled(wakeup) == 0) std::this_thread::sleep_for(WAKEUP_POLL);
+        return 1;
+    }
     RunSleepHook(milliseconds);
     if (WakeupSignalled(wakeup) != 0) return 1;
     elapsedMs.fetch_add(milliseconds);
@@ -82,12 +90,14 @@ int32_t VirtualNextRandom() {
 
 const PlatformDriver virtualDriver = {
     VirtualTick,       VirtualPreciseTick, VirtualSleep,      VirtualWallClock,        VirtualReadClock, VirtualWriteClock,
-    VirtualSeedRandom, VirtualNextRandom, VirtualSleepUnlessWoken,
+    VirtualSeedRandom, VirtualNextRandom, VirtualSleepUnlessWoken, systemDriver.startJoinableThread,
+    systemDriver.joinThread,
 };
 
 const PlatformDriver guardDriver = {
     systemDriver.tickCount, systemDriver.preciseTickUs, systemDriver.sleep, systemDriver.wallClock, systemDriver.readSystemClock,
     [](int64_t) {},         systemDriver.seedRandom, systemDriver.nextRandom, systemDriver.sleepUnlessWoken,
+    systemDriver.startJoinableThread, systemDriver.joinThread,
 };
 }  // namespace
 
@@ -103,6 +113,7 @@ void InstallVirtualTime(int64_t fileTime, uint32_t tick) {
         sleepHook = nullptr;
     }
     elapsedMs.store(0);
+    holdWakeable.store(false);
     InstallPlatformDriver(&virtualDriver);
 }
 
@@ -135,5 +146,7 @@ void SetSleepHook(std::function<void(uint32_t)> hook) {
     std::lock_guard<std::mutex> hold(stateMutex);
     sleepHook = std::move(hook);
 }
+
+void HoldWakeableSleeps(bool hold) { holdWakeable.store(hold); }
 
 void InstallGuardDriver() { InstallPlatformDriver(&guardDriver); }

@@ -30,6 +30,12 @@ uint32_t RecordedRandomSeed();
 // may block to hold that thread at a point the test chooses. An empty function removes it.
 void SetSleepHook(std::function<void(uint32_t)> hook);
 
+// While on, a sleep on a wakeup (the socket library's ageing thread between its sweeps) lasts
+// until its wakeup is signalled and moves no virtual time: the clocks then move only with the
+// sleeps of the thread under test, as they would if that thread were the only one that waits for
+// time to pass. Off again at InstallVirtualTime.
+void HoldWakeableSleeps(bool hold);
+
 // Reinstalls the guard driver: the operating system's clocks, a clock writer that does nothing.
 void InstallGuardDriver();
 

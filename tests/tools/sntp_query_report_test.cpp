@@ -176,3 +176,22 @@ TEST(SntpQueryStatus, LineRefusesANullBuffer) {
     const int32_t status = FormatQueryStatusLine(Answered(1, 1, 0, 0), Thresholds(1, 2), MONITOR_OK, nullptr, nullptr, 8);
     EXPECT_EQ(status, 1);
 }
+
+// The server's time as printed: the date of the stamp's own era, whatever this machine's clock says.
+TEST(SntpQueryServerTime, PrintsTheDateOfTheStampsEra) {
+    const struct {
+        NtpTimestamp stamp;
+        const char* printed;
+    } rows[] = {
+        {0xEEB0A38080000000ULL, "2026-11-25 00:00:00.500"},
+        {0xFFFFFFFFFFFFFFFFULL, "2036-02-07 06:28:15.999"},
+        {0x0000000000000000ULL, "2036-02-07 06:28:16.000"},
+        {0x0000002C00000000ULL, "2036-02-07 06:29:00.000"},
+        {0x7FFFFFFF00000000ULL, "2104-02-26 09:42:23.000"},
+    };
+    for (const auto& row : rows) {
+        char printed[64];
+        FormatServerTime(row.stamp, printed, sizeof printed);
+        EXPECT_STREQ(row.printed, printed) << std::hex << row.stamp;
+    }
+}

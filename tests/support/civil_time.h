@@ -1,0 +1,24 @@
+// Dates as the tests' expectations are written: a UTC calendar date and time of day as a FILETIME
+// (100 ns ticks since 1601-01-01), computed from the calendar alone, apart from the code under
+// test (the days-from-civil algorithm of H. Hinnant's date library).
+#pragma once
+
+#include <cstdint>
+
+inline int64_t DaysFromCivil(int64_t year, int64_t month, int64_t day) {
+    year -= month <= 2 ? 1 : 0;
+    const int64_t era = (year >= 0 ? year : year - 399) / 400;
+    const int64_t yearOfEra = year - era * 400;
+    const int64_t dayOfYear = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
+    const int64_t dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
+    return era * 146097 + dayOfEra - 719468;  // days since 1970-01-01
+}
+
+// FILETIME of year-month-day hour:minute:second UTC.
+inline int64_t FileTimeOf(int64_t year, int64_t month, int64_t day, int64_t hour = 0, int64_t minute = 0,
+                          int64_t second = 0) {
+    const int64_t TICKS_PER_SECOND = 10000000;
+    const int64_t FILETIME_OF_1970 = 116444736000000000LL;
+    const int64_t seconds = DaysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second;
+    return FILETIME_OF_1970 + seconds * TICKS_PER_SECOND;
+}
