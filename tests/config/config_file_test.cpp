@@ -149,10 +149,6 @@ TEST_F(ConfigFileTest, GetWithoutAnEntry) {
     for (const auto& c : cases) EXPECT_STREQ(c.answer, c.expected) << c.label;
 }
 
-TEST_F(ConfigFileTest, NullKeyNeverMatches) {
-    EXPECT_EQ(CompareKeys(nullptr, "A"), 1);
-}
-
 TEST_F(ConfigFileTest, StatusAtTheEdges) {
     OpenStore missing(PathOf("missing.dat"));
     OpenStore unnamed("");
@@ -165,6 +161,7 @@ TEST_F(ConfigFileTest, StatusAtTheEdges) {
         {"load of a missing file", LoadConfigFile(&missing.file, PathOf("missing.dat").c_str()), 1},
         {"save without a path", SaveConfigFile(&unnamed.file, ""), 1},
         {"load without a path", LoadConfigFile(&unnamed.file, ""), 0},
+        {"compare with a null key", CompareKeys(nullptr, "A"), 1},
     };
     for (const auto& c : calls) EXPECT_EQ(c.status, c.expected) << c.call;
 }
@@ -186,44 +183,36 @@ TEST_F(ConfigFileTest, SaveMergesChangesIntoTheFileKeepingItsLayout) {
                                                  "  # indented\nDELTA \nMID #m\nZETA \"z\tz\"\n");
 }
 
-TEST_F(ConfigFileTest, SaveKeepsThePreviousFileAsItsBackup) {
-    WriteFileText(PathOf("backup.dat"), "K 1\n");
-    OpenStore store(PathOf("backup.dat"));
-    SetConfigString(&store.file, "K", "2");
-    SaveConfigFile(&store.file, nullptr);
-    EXPECT_EQ(ReadFileText(PathOf("backup.da~")), "K 1\n");
-}
-
-TEST_F(ConfigFileTest, BackupOfANameEndingInTildeEndsInA) {
-    WriteFileText(PathOf("y.da~"), "OLD 1\n");
-    OpenStore store(PathOf("y.da~"));
-    SetConfigString(&store.file, "old", "2");
-    SaveConfigFile(&store.file, nullptr);
-    EXPECT_EQ(ReadFileText(PathOf("y.daa")), "OLD 1\n");
-}
-
-TEST_F(ConfigFileTest, SaveWithoutChangesLeavesTheFileAsItWas) {
-    const std::string text = "# header\nalpha 1   # first\n\"two words\" 2\n";
-    WriteFileText(PathOf("same.dat"), text);
-    OpenStore store(PathOf("same.dat"));
-    SaveConfigFile(&store.file, nullptr);
-    EXPECT_EQ(ReadFileText(PathOf("same.dat")), text);
-}
-
-TEST_F(ConfigFileTest, SaveOfAStoreFromAMissingFileCreatesIt) {
-    OpenStore store(PathOf("missing.dat"));
-    SetConfigString(&store.file, "k", "v");
-    SaveConfigFile(&store.file, PathOf("new.dat").c_str());
-    EXPECT_EQ(ReadFileText(PathOf("new.dat")), "K v\n");
-}
-
-// Quoting adds two bytes to a value with white space; the written token keeps 4095 of them, so a
-// value near the limit loses its closing quote (and a reload reads to the end of the line).
-TEST_F(ConfigFileTest, SaveCutsAQuotedValueTo4095Bytes) {
-    OpenStore store("");
-    SetConfigString(&store.file, "Q", ("x " + std::string(4093, 'y')).c_str());
-    SaveConfigFile(&store.file, PathOf("quoted.dat").c_str());
-    EXPECT_EQ(ReadFileText(PathOf("quoted.dat")), "Q \"x " + std::string(4092, 'y') + "\n");
+// What one change and a save leave on disk.
+TEST_F(ConfigFileTest, SaveWritesTheChangeBesideABackup) {
+    const std::string unchanged = "# header\nalpha 1   # first\n\"two words\" 2\n";
+    const struct {
+        const char* rule;
+        const char* file;    // the store's; "" for none
+        const char* before;  // its text; null: no such file
+        const char* key;     // null: no change
+        std::string value;
+        const char* saveAs;  // null: the store's own file
+        const char* read;
+        std::string after;
+    } cases[] = {
+        {"the previous file is the backup", "b.dat", "K 1\n", "K", "2", nullptr, "b.da~", "K 1\n"},
+        {"a name ending in '~' backs up to 'a'", "y.da~", "OLD 1\n", "old", "2", nullptr, "y.daa", "OLD 1\n"},
+        {"without a change the file stays as it was", "same.dat", unchanged.c_str(), nullptr, "", nullptr, "same.dat",
+         unchanged},
+        {"a store from a missing file creates it", "missing.dat", nullptr, "k", "v", "new.dat", "new.dat", "K v\n"},
+        // Quoting adds two bytes to a value with white space and the written token keeps 4095, so a
+        // value near the limit loses its closing quote (a reload reads to the end of the line).
+        {"a quoted value is cut to 4095 bytes", "", nullptr, "Q", "x " + std::string(4093, 'y'), "q.dat", "q.dat",
+         "Q \"x " + std::string(4092, 'y') + "\n"},
+    };
+    for (const auto& c : cases) {
+        if (c.before != nullptr) WriteFileText(PathOf(c.file), c.before);
+        OpenStore store(c.file[0] == '\0' ? "" : PathOf(c.file));
+        if (c.key != nullptr) SetConfigString(&store.file, c.key, c.value.c_str());
+        SaveConfigFile(&store.file, c.saveAs == nullptr ? nullptr : PathOf(c.saveAs).c_str());
+        EXPECT_EQ(ReadFileText(PathOf(c.read)), c.after) << c.rule;
+    }
 }
 
 // Without a backup (its name here is a directory's) the save leaves the file alone, not writes over it.
