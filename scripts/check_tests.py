@@ -13,12 +13,12 @@ import subprocess
 import sys
 
 # Rewritten in a later step; until then their findings are listed but do not fail the check.
-PENDING = ("tests/sntp/", "tests/net/net_test.cpp", "tests/service/", "tests/e2e/service_e2e.py",
+PENDING = ("tests/net/net_test.cpp", "tests/service/", "tests/e2e/service_e2e.py",
            "tests/e2e/winerig.py")
 
 ASSERTION = re.compile(r"\b(EXPECT_[A-Z_]+|ASSERT_[A-Z_]+|CHECK)\s*\(")
 CHANGING_CALL = re.compile(
-    r"\b(Set|Start|Stop|Restart|Write|Queue|Push|Pop|Insert|Remove|Save|Load|Open|Close|Create|Destroy|Install|"
+    r"\b(Set|Start|Stop|Restart|Write|Queue|Push|Pop|Insert|Remove|Save|Open|Close|Create|Destroy|Install|"
     r"Init|Enter|Leave|Delete|Release|Lock|Drain|Take|Advance|Sleep|Pause|Send|Receive|Free|Override|Signal|Join|"
     r"Run|Clear|Raise|Store|Append|Copy|Seed|Next|Summarise|Parse|Build|Format|Exchange|Answer|Ask|Wait|Reset|Add|"
     r"Register|Unregister)(?:[A-Z0-9_]\w*)?\s*\(")

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "tests/support/install_root.h"
+#include "tests/support/scoped_seams.h"
 
 namespace {
 using namespace std::string_literals;

@@ -13,7 +13,7 @@
 
 #include "config/directories.h"
 #include "sntp/sntp_troubles.h"
-#include "tests/support/install_root.h"
+#include "tests/support/scoped_seams.h"
 
 namespace {
 using namespace std::string_literals;
