@@ -11,7 +11,7 @@
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_test_seams.h"
 #include "tests/support/civil_time.h"
-#include "tests/support/fake_sntp_server.h"
+#include "tests/support/sntp_answers.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"
 #include "trouble/trouble_queue.h"
@@ -212,30 +212,25 @@ TEST_F(SntpClient, AStopDuringTheExchangeEndsTheThreadWithoutATrouble) {
 }
 
 namespace {
-#ifdef _WIN32
-const char WRAP_SERVER[] = "127.0.0.1";  // Wine answers from the whole interface's address
-#else
-const char WRAP_SERVER[] = "127.0.0.22";
-#endif
 const int64_t LOCAL_START = FileTimeOf(2036, 2, 7, 6, 27, 0);  // 76 s before the era's wrap
 const NtpTimestamp SERVER_START = 44ULL << 32;                 // 2036-02-07 06:29:00, past the wrap
 const uint64_t FIRST_EXCHANGE_MS = 59 * S;                     // start delay 60: 59 sleeps
 
-// The real exchange, from the client thread in virtual time, against a fake server on loopback
-// whose clock runs two minutes ahead of this machine's and has already wrapped. The socket
-// library's sweeps are held, so that they do not move the clocks.
+// The real exchange, from the client thread in virtual time, on scripted sockets: the server's
+// clock runs two minutes ahead of this machine's, has already wrapped, and moves with virtual time.
+// The socket library's sweeps are held, so that they do not move the clocks.
 class SntpClientAcrossTheWrap : public testing::Test {
 protected:
     void SetUp() override {
         NtpInitEpoch();
         HoldWakeableSleeps(true);
         QueueRandomValues({0, 0});
-        const int32_t started = fake.Start(WRAP_SERVER, FakeAnswer::GOOD);
-        ASSERT_EQ(0, started) << "the fake server's bind";
-        fake.AnswerFromVirtualClock(SERVER_START);
+        sockets.OnSend([this](const ScriptedDatagram& request) {
+            const uint64_t ms = VirtualElapsedMs();
+            sockets.Queue(GoodAnswerTo(request, SERVER_START + ((ms / 1000) << 32) + ((ms % 1000) << 32) / 1000));
+        });
     }
     void TearDown() override {
-        fake.Stop();
         stopRequested = 0;
         SetTimeSetListener(nullptr);
     }
@@ -244,10 +239,10 @@ protected:
         ScopedSleepHook hook([](uint32_t) {
             if (!RecordedClockSettings().empty() || VirtualElapsedMs() > 86400 * S) stopRequested = 1;
         });
-        RunClientThread(WRAP_SERVER);
+        RunClientThread(SERVER);
     }
     ScopedVirtualTime time{LOCAL_START};
-    FakeSntpServer fake;
+    ScriptedSockets sockets;
 };
 }  // namespace
 

@@ -8,6 +8,7 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "net/net_test_seams.h"
 
@@ -15,6 +16,9 @@ namespace {
 std::mutex scriptMutex;
 std::deque<ScriptedDatagram> queued;
 std::vector<ScriptedDatagram> sent;
+std::vector<uint32_t> waits;
+std::function<void(const ScriptedDatagram&)> sendHook;
+std::function<void()> closeHook;
 std::atomic<int32_t> openError{0};
 std::atomic<bool> waitsFail{false};
 
@@ -38,14 +42,20 @@ const SocketPlatform scriptedPlatform = {
         *error = openError.load();
         return *error == 0 ? SCRIPTED_HANDLE : NET_INVALID_HANDLE;
     },
-    [](uint64_t) {},
+    [](uint64_t) {
+        if (closeHook) closeHook();
+    },
     [](uint64_t, int32_t, int32_t) { return 0; },
     [](uint64_t, const NetAddress*, int32_t*) { return 0; },
     [](uint64_t, NetAddress*) { return 0; },
     [](uint64_t, const void* data, int32_t length, const NetAddress* to, int32_t*) {
         const uint8_t* bytes = static_cast<const uint8_t*>(data);
-        std::lock_guard<std::mutex> hold(scriptMutex);
-        sent.push_back({to->address, HostPort(to->port), std::vector<uint8_t>(bytes, bytes + length)});
+        const ScriptedDatagram datagram{to->address, HostPort(to->port), std::vector<uint8_t>(bytes, bytes + length)};
+        {
+            std::lock_guard<std::mutex> hold(scriptMutex);
+            sent.push_back(datagram);
+        }
+        if (sendHook) sendHook(datagram);
         return length;
     },
     [](uint64_t, void* buffer, int32_t capacity, NetAddress* from, int32_t*) {
@@ -54,10 +64,11 @@ const SocketPlatform scriptedPlatform = {
     [](uint64_t, void* buffer, int32_t capacity, NetAddress* from, int32_t*) {
         return NextDatagram(buffer, capacity, from, NET_NOTHING_QUEUED);
     },
-    [](uint64_t, uint32_t) {
+    [](uint64_t, uint32_t timeoutMs) {
         if (waitsFail.load()) return -1;
         {
             std::lock_guard<std::mutex> hold(scriptMutex);
+            waits.push_back(timeoutMs);
             if (!queued.empty()) return 1;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));  // a wait with nothing to read, in short
@@ -71,18 +82,29 @@ ScriptedSockets::ScriptedSockets() {
         std::lock_guard<std::mutex> hold(scriptMutex);
         queued.clear();
         sent.clear();
+        waits.clear();
     }
+    sendHook = nullptr;
+    closeHook = nullptr;
     openError = 0;
     waitsFail = false;
     previous_ = InstallSocketPlatform(&scriptedPlatform);
 }
 
-ScriptedSockets::~ScriptedSockets() { InstallSocketPlatform(previous_); }
+ScriptedSockets::~ScriptedSockets() {
+    InstallSocketPlatform(previous_);
+    sendHook = nullptr;
+    closeHook = nullptr;
+}
 
 void ScriptedSockets::Queue(const ScriptedDatagram& datagram) {
     std::lock_guard<std::mutex> hold(scriptMutex);
     queued.push_back(datagram);
 }
+
+void ScriptedSockets::OnSend(std::function<void(const ScriptedDatagram&)> onSend) { sendHook = std::move(onSend); }
+
+void ScriptedSockets::OnClose(std::function<void()> onClose) { closeHook = std::move(onClose); }
 
 void ScriptedSockets::FailOpens(int32_t error) { openError = error; }
 
@@ -96,4 +118,9 @@ bool ScriptedSockets::Drained() const {
 std::vector<ScriptedDatagram> ScriptedSockets::Sent() const {
     std::lock_guard<std::mutex> hold(scriptMutex);
     return sent;
+}
+
+std::vector<uint32_t> ScriptedSockets::WaitsMs() const {
+    std::lock_guard<std::mutex> hold(scriptMutex);
+    return waits;
 }
