@@ -18,9 +18,10 @@ std::deque<ScriptedDatagram> queued;
 std::vector<ScriptedDatagram> sent;
 std::vector<uint32_t> waits;
 std::function<void(const ScriptedDatagram&)> sendHook;
-std::function<void()> closeHook;
+std::function<void(uint64_t)> closeHook;
 std::atomic<int32_t> openError{0};
 std::atomic<bool> waitsFail{false};
+std::atomic<uint16_t> nextPort{40000};  // each open is bound to a port of its own
 
 int32_t NextDatagram(void* buffer, int32_t capacity, NetAddress* from, int32_t nothing) {
     std::lock_guard<std::mutex> hold(scriptMutex);
@@ -42,12 +43,15 @@ const SocketPlatform scriptedPlatform = {
         *error = openError.load();
         return *error == 0 ? SCRIPTED_HANDLE : NET_INVALID_HANDLE;
     },
-    [](uint64_t) {
-        if (closeHook) closeHook();
+    [](uint64_t handle) {
+        if (closeHook) closeHook(handle);
     },
     [](uint64_t, int32_t, int32_t) { return 0; },
     [](uint64_t, const NetAddress*, int32_t*) { return 0; },
-    [](uint64_t, NetAddress*) { return 0; },
+    [](uint64_t, NetAddress* address) {
+        address->port = NetworkPort(nextPort.fetch_add(1));
+        return 0;
+    },
     [](uint64_t, const void* data, int32_t length, const NetAddress* to, int32_t*) {
         const uint8_t* bytes = static_cast<const uint8_t*>(data);
         const ScriptedDatagram datagram{to->address, HostPort(to->port), std::vector<uint8_t>(bytes, bytes + length)};
@@ -104,7 +108,7 @@ void ScriptedSockets::Queue(const ScriptedDatagram& datagram) {
 
 void ScriptedSockets::OnSend(std::function<void(const ScriptedDatagram&)> onSend) { sendHook = std::move(onSend); }
 
-void ScriptedSockets::OnClose(std::function<void()> onClose) { closeHook = std::move(onClose); }
+void ScriptedSockets::OnClose(std::function<void(uint64_t)> onClose) { closeHook = std::move(onClose); }
 
 void ScriptedSockets::FailOpens(int32_t error) { openError = error; }
 

@@ -30,8 +30,8 @@ public:
     void Queue(const ScriptedDatagram& datagram);
     // Called with each datagram sent, after it was recorded; it may queue the answer.
     void OnSend(std::function<void(const ScriptedDatagram& sent)> onSend);
-    // Called as a socket is closed.
-    void OnClose(std::function<void()> onClose);
+    // Called with each handle closed (an invalid one too: the platform's close is handed any).
+    void OnClose(std::function<void(uint64_t handle)> onClose);
     // 0: opens succeed; otherwise each open fails with this platform error.
     void FailOpens(int32_t error);
     void FailWaits(bool fail);
