@@ -38,6 +38,7 @@ def read_image(data):
 
 
 class VersionResourceTest(unittest.TestCase):
+    maxDiff = None  # a failure shows each fact that differs, by name
     def check(self, path, expected, description):
         with open(path, "rb") as image:
             facts = read_image(image.read())
