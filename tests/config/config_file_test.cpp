@@ -179,6 +179,7 @@ TEST_F(ConfigFileTest, SaveMergesChangesIntoTheFileKeepingItsLayout) {
     SetConfigString(&store.file, "delta", "");  // set, so rewritten though not different
     const int32_t saved = SaveConfigFile(&store.file, nullptr);
     EXPECT_EQ(saved, 0);
+    EXPECT_EQ(store.file.entries->cursorCount, 0u) << "no cursor of the save left on the list";
     EXPECT_EQ(ReadFileText(PathOf("merge.dat")), "# header\n\nalpha 1   # first\nBETA \"new \"\"v\"\"\"  trailing words\n"
                                                  "  # indented\nDELTA \nMID #m\nZETA \"z\tz\"\n");
 }
@@ -273,9 +274,10 @@ TEST_F(ConfigFileTest, LockOfAFileNameExcludesOthersUntilReleased) {
     EXPECT_TRUE(takenOnceReleased);
 }
 
+// Names that differ in their first character alone.
 TEST_F(ConfigFileTest, LockOfAnotherFileNameIsFreeWhileOneIsHeld) {
-    ConfigFileLock* holder = LockConfigFile(PathOf("held_" + RUN_TAG + ".dat").c_str());
-    LockTaker taker("other_" + RUN_TAG + ".dat");
+    ConfigFileLock* holder = LockConfigFile(PathOf("a" + RUN_TAG + ".dat").c_str());
+    LockTaker taker(PathOf("b" + RUN_TAG + ".dat"));
     const bool taken = taker.TakenWithin(GRANT_MS);
     ReleaseConfigFileLock(holder);
     EXPECT_TRUE(taken);

@@ -154,6 +154,15 @@ TEST_F(SntpController, WithoutASettingFileTheServerStarts) {
     EXPECT_TRUE(answers);
 }
 
+// The first start readies the clock's arithmetic, so the client sets the server's time.
+TEST_F(SntpController, AClientSetsTheServersTime) {
+    WriteSetting("SNTP_IP 127.0.0.2");
+    StartSntp();
+    const bool set = WaitUntil([] { return !RecordedClockSettings().empty(); });
+    EXPECT_TRUE(set);
+    EXPECT_EQ(std::vector<int64_t>{VIRTUAL_START_FILETIME}, RecordedClockSettings()) << "2026-01-01, the server's";
+}
+
 TEST_F(SntpController, ASecondStartReplacesTheFirstThread) {
     const size_t threadsBefore = CountProcessThreads();
     StartSntp();
