@@ -129,6 +129,14 @@ TEST_F(ConfigFileTest, LoadCutsLinesValuesAndKeysToTheirLimits) {
     EXPECT_NE(FindPtrList(store.file.entries, std::string(55, 'K').c_str()), nullptr) << "the key as stored";
 }
 
+TEST_F(ConfigFileTest, LoadingAnotherFileReadsThatOne) {
+    WriteFileText(PathOf("first.dat"), "K 1\n");
+    WriteFileText(PathOf("second.dat"), "K 2\n");
+    OpenStore store(PathOf("first.dat"));
+    LoadConfigFile(&store.file, PathOf("second.dat").c_str());
+    EXPECT_EQ(store.Get("K"), "2");
+}
+
 TEST_F(ConfigFileTest, SetCutsTheValueTo4095Characters) {
     OpenStore store("");
     SetConfigString(&store.file, "W", std::string(5000, 'w').c_str());
@@ -150,6 +158,7 @@ TEST_F(ConfigFileTest, GetWithoutAnEntry) {
 }
 
 TEST_F(ConfigFileTest, StatusAtTheEdges) {
+    WriteFileText(PathOf("present.dat"), "K 1\n");
     OpenStore missing(PathOf("missing.dat"));
     OpenStore unnamed("");
     const struct {
@@ -161,6 +170,7 @@ TEST_F(ConfigFileTest, StatusAtTheEdges) {
         {"load of a missing file", LoadConfigFile(&missing.file, PathOf("missing.dat").c_str()), 1},
         {"save without a path", SaveConfigFile(&unnamed.file, ""), 1},
         {"load without a path", LoadConfigFile(&unnamed.file, ""), 0},
+        {"load of a file", LoadConfigFile(&unnamed.file, PathOf("present.dat").c_str()), 0},
         {"compare with a null key", CompareKeys(nullptr, "A"), 1},
     };
     for (const auto& c : calls) EXPECT_EQ(c.status, c.expected) << c.call;

@@ -147,6 +147,18 @@ TEST(Ipv4, ResolvesLocalhostToLoopback) {
     EXPECT_EQ(LOOPBACK, address);
 }
 
+// The host's own name resolves on this machine (to 127.0.0.1 in the sandbox).
+TEST(Ipv4, TheSystemListsTheAddressesOfThisHostsName) {
+    char name[256] = "";
+    uint32_t addresses[HOST_ENTRY_LIMIT];
+    size_t count = 0;
+    systemIpv4Platform.startLibrary();
+    systemIpv4Platform.readHostName(name, sizeof name);
+    const int32_t listed = systemIpv4Platform.readHostEntry(name, addresses, HOST_ENTRY_LIMIT, &count);
+    EXPECT_EQ(0, listed) << name;
+    EXPECT_LE(1u, count) << name;
+}
+
 // "Try again" costs a second of virtual time; three retries at most; not found is no retry.
 TEST(Ipv4, ResolutionRetriesATemporaryFailure) {
     ScriptedIpv4 scripted;
@@ -189,6 +201,7 @@ TEST(Ipv4, FindsThisHostsAddresses) {
         uint32_t address;
     } rows[] = {
         {"loopback is always this host", {0, "workstation"}, LOOPBACK, 1, 1, UNTOUCHED},
+        {"listed first in the entry", {0, "workstation", entry}, Address(10, 0, 0, 5), 1, 0, Address(10, 0, 0, 5)},
         {"listed in the entry", {0, "workstation", entry}, LISTED, 1, 0, Address(10, 0, 0, 5)},
         {"not listed", {0, "workstation", entry}, Address(127, 0, 0, 3), 0, 0, Address(10, 0, 0, 5)},
         {"no name", {0, "", entry}, LISTED, 0, 1, UNTOUCHED},
@@ -370,6 +383,18 @@ TEST(NetSocket, OpeningATakenPortGivesThePlatformsError) {
     EXPECT_NE(0, busy);
     EXPECT_NE(1, busy) << "the platform's code, not the null-object status";
     EXPECT_EQ(NET_STATE_FAILED, early.state);
+}
+
+// A wait on a real socket: 0 while nothing is queued, 1 once a datagram is.
+TEST(NetSocket, AWaitTellsADatagramFromATimeOut) {
+    Socket receiver;
+    Socket sender;
+    OpenNetSocket(&receiver, 0, SERVER_LIMIT);
+    const int32_t empty = WaitNetSocketReadable(&receiver, 0);
+    SendNetSocket(&sender, "x", 2, &LOOPBACK, receiver.localPort, 1);
+    const int32_t queued = WaitNetSocketReadable(&receiver, 2000);
+    EXPECT_EQ(0, empty);
+    EXPECT_EQ(1, queued);
 }
 
 // A send opens a fresh socket; the receive binds its port. Datagrams sent before that are lost:

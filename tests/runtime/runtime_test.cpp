@@ -166,6 +166,27 @@ TEST(SystemDriver, TickCountMovesWithThePreciseTick) {
     EXPECT_NEAR(tickMs, preciseMs, 50);
 }
 
+// Through the system's own driver: a sleep nobody wakes runs out and says so (signalled after 2 s
+// at the latest, so that one which would not run out ends too).
+TEST(SystemDriver, ASleepNobodyWakesRunsOut) {
+    Wakeup* wakeup = CreateWakeup();
+    std::atomic<int32_t> woken{-1};
+    std::thread sleeper([&] { woken = systemDriver.sleepUnlessWoken(wakeup, 20); });
+    for (int i = 0; i < 200 && woken.load() == -1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    SignalWakeup(wakeup);
+    sleeper.join();
+    DestroyWakeup(wakeup);
+    EXPECT_EQ(0, woken.load());
+}
+
+TEST(SystemDriver, ASignalledWakeupEndsASleepAtOnce) {
+    Wakeup* wakeup = CreateWakeup();
+    SignalWakeup(wakeup);
+    const int32_t woken = systemDriver.sleepUnlessWoken(wakeup, 60000);
+    DestroyWakeup(wakeup);
+    EXPECT_EQ(1, woken);
+}
+
 // The same sequence on every build, so that above 32767 the client's start delay stays 60..119 s.
 TEST(SystemDriver, RandomSequenceIsTheSameOnEveryBuild) {
     systemDriver.seedRandom(1);

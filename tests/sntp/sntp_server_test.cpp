@@ -42,8 +42,8 @@ uint64_t StampOf(const ScriptedDatagram& answer, size_t offset) { return LoadBig
 
 // Runs the server thread until it has read every queued datagram, then stops it: the batch it is
 // in ends first, and after the join every answer has been sent and every trouble queued.
-void Serve(const ScriptedSockets& sockets) {
-    std::thread server([] { SntpServerThread(0); });
+void Serve(const ScriptedSockets& sockets, uint64_t upstream = 0) {
+    std::thread server([upstream] { SntpServerThread(upstream); });
     for (int ms = 0; ms < 10000 && !sockets.Drained(); ++ms) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     stopRequested = 1;
     server.join();
@@ -191,6 +191,19 @@ TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
     });
     EXPECT_EQ(SNTP_SERVER_PEER_LIMIT + 1, answers.size()) << "every admitted sender, the first one twice";
     EXPECT_EQ(0, answeredRefused);
+}
+
+// Started for an upstream server (10.1.2.3 as stored), it says so with the alarm until the client
+// has reached that server, whatever an earlier run left.
+TEST_F(SntpServerThreadTest, ForAnUpstreamItAnswersInitUntilReached) {
+    synchronised = 1;
+    sockets.Queue(Request(FIRST, 1));
+    Serve(sockets, 0x0302010A);
+    serverMode = SERVER_MODE_LOCAL_CLOCK;
+    const std::vector<ScriptedDatagram> answers = sockets.Sent();
+    ASSERT_EQ(1u, answers.size());
+    EXPECT_EQ(0xDC, answers[0].bytes[0]) << "alarm, version 3, server";
+    EXPECT_EQ(0, std::memcmp("INIT", &answers[0].bytes[NTP_REFERENCE_ID_OFFSET], 4));
 }
 
 // The library given back while idle: restarted every minute, the server would pile up sockets.
