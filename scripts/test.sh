@@ -1,9 +1,12 @@
 #!/bin/bash
 # Sets everything up on a fresh Debian machine, builds and runs every test: the native build
-# (ASan, UBSan), the concurrency tests under ThreadSanitizer, the Windows build under Wine, then each
-# fuzz target for FUZZ_SECONDS (default 60; 0 skips). The Windows tests mostly wait on the service's
-# timers, so the rest runs beside them, in a network namespace of its own and at the lowest CPU
-# priority, never delaying the service whose clock setting they measure.
+# (ASan, UBSan), the concurrency tests under ThreadSanitizer, the Windows build under Wine, each
+# fuzz target for FUZZ_SECONDS (default 60; 0 skips), and in the simulator a year of the whole
+# service (a fixed seed and one drawn and printed) and the check that it catches its six known
+# faults. The Windows tests mostly wait on the service's timers, so the native, ThreadSanitizer and
+# fuzz runs go beside them, in a network namespace of their own and at the lowest CPU priority,
+# never delaying the service whose clock setting they measure; the simulator, which would load the
+# second core, runs after the Windows tests, beside the fuzzing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -13,7 +16,7 @@ stamp() { printf '=== %s (%d s)\n' "$1" $((SECONDS - started)); }
 bash scripts/setup.sh
 stamp "setup done"
 
-for preset in native tsan windows fuzz; do
+for preset in native tsan windows fuzz sim; do
   stamp "$preset: configure and build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"
@@ -41,6 +44,12 @@ beside_pid=$!
 status=0
 ctest --preset windows || status=1
 stamp "windows tests done"
+# The simulator once nothing that measures time runs any more, beside the fuzzing: a core each.
+bash scripts/simulate.sh 1 20261201 || status=1
+bash scripts/simulate.sh 1 || status=1
+stamp "simulated years done"
+bash scripts/simulate-faults.sh || status=1
+stamp "the simulator's known faults caught"
 wait $beside_pid || status=1
 cat build/logs/beside.log
 stamp "all done, status $status"

@@ -1,9 +1,8 @@
 // The service host's rules: start order, supervision loop, control decisions, stop order.
 #include "service/service_host.h"
 
-#include <atomic>
-
 #include "service/service.h"
+#include "sntp/sntp_control.h"
 
 Lock controlLock;
 
@@ -15,17 +14,84 @@ struct ControlLockMade {
 } controlLockMade;
 
 const uint32_t ACCEPTED_WHEN_RUNNING = HOST_ACCEPT_STOP | HOST_ACCEPT_SHUTDOWN;
-const uint32_t SETTING_CAPACITY = 256;
 
-// Written by the service's thread, read by the handler on the dispatcher's thread: the handler
-// answers every control with the state in force.
-std::atomic<uint32_t> currentState{HOST_STOPPED};
-std::atomic<uint32_t> acceptedControls{0};
+// The hand-over between the handler on the dispatcher's thread and the service's thread: the
+// state in force, the stop signal's life, and every report but the last, all under StatusLock.
+// So the handler never signals the stop signal after the shutdown has closed it (the handle
+// could name another object by then), and it never answers with a state older than the one the
+// manager last heard. The stop stays accepted until the stopped report, so a second stop during
+// the shutdown is normal, and the platform's own shutdown may deliver one even later.
+uint32_t currentState = HOST_STOPPED;
+uint32_t acceptedControls = 0;
+bool stopSignalOpen = false;
+// Set by the handler's stop as well as the signal: a stop signal that the platform could not
+// make never ends a wait, and the loop must still see the stop at its next step.
+bool stopAsked = false;
+
+// Lives as long as the process: the dispatcher's thread may still be in the handler while the
+// process exits.
+Lock* StatusLock() {
+    static PermanentLock lock;
+    return lock.Get();
+}
 
 void Report(const ServiceHostCalls* calls, uint32_t state, uint32_t accepted) {
-    currentState.store(state);
-    acceptedControls.store(accepted);
+    LockHold hold(StatusLock());
+    currentState = state;
+    acceptedControls = accepted;
     calls->reportStatus(state, accepted);
+}
+
+// After this report the process may end at any moment. The state changes under the lock, so no
+// later answer of the handler reports anything but stopped; the report itself is made outside
+// it, as the platform may take its dispatcher's lock to report a stop while that dispatcher
+// holds the same lock around the handler (Wine's does both).
+void ReportStopped(const ServiceHostCalls* calls) {
+    {
+        LockHold hold(StatusLock());
+        currentState = HOST_STOPPED;
+        acceptedControls = 0;
+    }
+    calls->reportStatus(HOST_STOPPED, 0);
+}
+
+void ReportStateInForce(const ServiceHostCalls* calls) {
+    LockHold hold(StatusLock());
+    calls->reportStatus(currentState, acceptedControls);
+}
+
+// Stop and shutdown: stop pending, then the signal, unless the stop has already been reported
+// done (answered with it) or the shutdown has closed the signal (its loop has already ended).
+void HandleStop(const ServiceHostCalls* calls) {
+    LockHold hold(StatusLock());
+    if (currentState == HOST_STOPPED) {
+        calls->reportStatus(currentState, acceptedControls);
+        return;
+    }
+    currentState = HOST_STOP_PENDING;
+    stopAsked = true;
+    calls->reportStatus(HOST_STOP_PENDING, acceptedControls);
+    if (stopSignalOpen) {
+        calls->signalStop();
+    }
+}
+
+void CreateStopSignal(const ServiceHostCalls* calls) {
+    LockHold hold(StatusLock());
+    calls->createStopSignal();
+    stopSignalOpen = true;
+    stopAsked = false;
+}
+
+bool StopAsked() {
+    LockHold hold(StatusLock());
+    return stopAsked;
+}
+
+void CloseStopSignal(const ServiceHostCalls* calls) {
+    LockHold hold(StatusLock());
+    stopSignalOpen = false;
+    calls->closeStopSignal();
 }
 
 void RestartUnderControlLock(const ServiceHostCalls* calls) {
@@ -34,8 +100,8 @@ void RestartUnderControlLock(const ServiceHostCalls* calls) {
 }
 
 void RecheckRole(const ServiceHostCalls* calls, uint32_t* address) {
-    char setting[SETTING_CAPACITY] = {0};
-    calls->readSetting(setting, SETTING_CAPACITY);
+    char setting[SNTP_SETTING_SIZE] = {0};
+    calls->readSetting(setting, SNTP_SETTING_SIZE);
     if (RoleChangeNeeded(setting, address, calls->serverRole()) != 0) {
         RestartUnderControlLock(calls);
     }
@@ -46,17 +112,16 @@ void HandleServiceControl(const ServiceHostCalls* calls, uint32_t control) {
     switch (control) {
     case HOST_CONTROL_STOP:
     case HOST_CONTROL_SHUTDOWN:
-        Report(calls, HOST_STOP_PENDING, acceptedControls.load());
-        calls->signalStop();
+        HandleStop(calls);
         return;
     case CONTROL_FORCE_RESTART:
         // The whole restart, its 1200 ms pause included, runs before the manager is answered.
         RestartUnderControlLock(calls);
-        calls->reportStatus(currentState.load(), acceptedControls.load());
+        ReportStateInForce(calls);
         return;
     default:
         // Pause, continue, interrogate and the other user controls: report, change nothing.
-        calls->reportStatus(currentState.load(), acceptedControls.load());
+        ReportStateInForce(calls);
         return;
     }
 }
@@ -64,7 +129,7 @@ void HandleServiceControl(const ServiceHostCalls* calls, uint32_t control) {
 void RunServiceHost(const ServiceHostCalls* calls) {
     // Made before stop is accepted: a stop that arrives right after "running" is then never lost
     // on a signal that does not exist yet.
-    calls->createStopSignal();
+    CreateStopSignal(calls);
     Report(calls, HOST_START_PENDING, 0);
     // Running is reported before any of the service's own work, so that the manager never waits
     // on the takeover of the clock or on the first reading of the setting.
@@ -84,16 +149,16 @@ void RunServiceHost(const ServiceHostCalls* calls) {
             RecheckRole(calls, &address);
             RestartTimer(&recheckTimer);
         }
-        if (calls->waitForStop(SUPERVISION_STEP_MS) != 0) {
+        if (calls->waitForStop(SUPERVISION_STEP_MS) != 0 || StopAsked()) {
             break;
         }
     }
 
     Report(calls, HOST_STOP_PENDING, ACCEPTED_WHEN_RUNNING);
-    calls->closeStopSignal();
+    CloseStopSignal(calls);
     // The clears that stopping queues are never drained: a trouble that is still true when the
     // service stops must not read as resolved on the operator's workstation.
     calls->stopSntp();
-    Report(calls, HOST_STOPPED, 0);
+    ReportStopped(calls);
     ReleaseTimer(&recheckTimer);
 }

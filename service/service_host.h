@@ -21,7 +21,8 @@ struct ServiceHostCalls {
     void (*reportStatus)(uint32_t state, uint32_t controlsAccepted);
     void (*createStopSignal)();
     void (*signalStop)();
-    // 1 when the stop was signalled within timeoutMs, else 0.
+    // 1 when the stop was signalled within timeoutMs, else 0 (also when the signal could not be
+    // made: the wait then still takes its time, and the host sees the stop by its own flag).
     int32_t (*waitForStop)(uint32_t timeoutMs);
     void (*closeStopSignal)();
     // Stops the other time service and enables the right to set the clock.
@@ -29,7 +30,8 @@ struct ServiceHostCalls {
     // The work the host supervises.
     void (*installTroubleSink)();
     void (*drainTroubles)();
-    // The SNTP_IP setting as it stands in the data directory (empty when unreadable).
+    // The SNTP_IP setting as it stands in the data directory (empty when unreadable), cut to
+    // capacity.
     void (*readSetting)(char* setting, uint32_t capacity);
     uint8_t (*serverRole)();
     int32_t (*startSntp)();

@@ -6,6 +6,7 @@
 #include "config/directories.h"
 #include "runtime/handles_win32.h"
 #include "runtime/runtime.h"
+#include "runtime/text.h"
 #include "service/service.h"
 #include "service/service_host.h"
 #include "sntp/sntp_control.h"
@@ -31,6 +32,11 @@ void SignalStop() { SetEvent(stopEvent.Get()); }
 void CloseStopSignal() { stopEvent.Reset(); }
 
 int32_t WaitForStop(uint32_t timeoutMs) {
+    if (!stopEvent.Valid()) {
+        // No event could be made: a wait on nothing would fail at once and spin the loop.
+        SleepFor(timeoutMs);
+        return 0;
+    }
     return WaitForSingleObject(stopEvent.Get(), timeoutMs) == WAIT_OBJECT_0 ? 1 : 0;
 }
 
@@ -41,10 +47,14 @@ void TakeOverClock() {
 
 void InstallTroubleSink() { SetReportCallback(SendWorkstationReport); }
 
-void ReadSetting(char* setting, uint32_t) {
+// The controller reads the whole setting; the caller gets what its buffer holds, cut, never
+// overrun.
+void ReadSetting(char* setting, uint32_t capacity) {
     char directory[PATH_CAPACITY];
     GetDataDirectory(directory, PATH_CAPACITY);
-    ReadSntpIp(setting, directory);
+    char value[SNTP_SETTING_SIZE] = {0};
+    ReadSntpIp(value, directory);
+    CopyText(setting, value, capacity);
 }
 
 uint8_t ServerRole() { return serverRole.load(); }

@@ -8,6 +8,7 @@
 #include "runtime/text.h"
 #include "sntp/ntp_time.h"
 #include "sntp/sntp_client.h"
+#include "sntp/sntp_control.h"
 #include "sntp/sntp_test_seams.h"
 #include "sntp/sntp_troubles.h"
 
@@ -20,7 +21,6 @@ std::atomic<uint64_t> lastDelay{0};
 std::atomic<uint32_t> upstreamStratum{0};
 
 namespace {
-const uint32_t SERVER_TEXT_SIZE = 256;      // characters, terminator included
 const int32_t START_DELAY_MIN_S = 60;       // countdown 60..119: first exchange 59..118 s after start
 const int32_t START_DELAY_SPREAD_S = 60;
 const int32_t RANDOM_RANGE = 32768;         // rand() gives 0..32767
@@ -44,6 +44,15 @@ void ReportClockSet(NtpTimestamp time) {
     }
     const int64_t ntpSeconds = NtpEraSeconds(time + HALF_SECOND_FRACTION);
     listener(ntpSeconds - static_cast<int64_t>(ntpToUnixSeconds));
+}
+
+// What is left of a countdown step that ends at due on the tick count: 0 .. COUNTDOWN_STEP_MS.
+uint32_t StepRemainder(uint32_t due) {
+    const int32_t left = static_cast<int32_t>(due - ReadTickCount());  // across the count's wrap
+    if (left <= 0) {
+        return 0;  // behind: the steps catch up without sleeping until they are on time again
+    }
+    return left < static_cast<int32_t>(COUNTDOWN_STEP_MS) ? static_cast<uint32_t>(left) : COUNTDOWN_STEP_MS;
 }
 
 // One ladder of exchanges; returns the countdown to the next one.
@@ -104,9 +113,9 @@ void SetSntpExchanger(SntpExchangeFunction function) {
 }
 
 uint32_t SntpClientThread(uint64_t serverText) {
-    char server[SERVER_TEXT_SIZE];
+    char server[SNTP_SETTING_SIZE];
     const char* text = reinterpret_cast<const char*>(static_cast<uintptr_t>(serverText));
-    CopyText(server, text, SERVER_TEXT_SIZE);
+    CopyText(server, text, SNTP_SETTING_SIZE);
     clientRunning = 1;
 
     // The start delay spreads the workstations of an installation that power up together.
@@ -118,7 +127,11 @@ uint32_t SntpClientThread(uint64_t serverText) {
     synchronised = 0;
     int32_t countdown = r * START_DELAY_SPREAD_S / RANDOM_RANGE + START_DELAY_MIN_S;
 
-    // A countdown of N means N - 1 sleeps before the exchange.
+    // A countdown of N means N - 1 one-second steps before the exchange. The steps end on a
+    // grid of whole seconds of the tick count rather than after whole seconds of sleep: a sleep
+    // ends late by up to a tick of the system timer (15.6 ms on Windows), and the 86 399 sleeps
+    // of a day would put each day's exchange up to 22 minutes after the day, later every day.
+    uint32_t stepDue = ReadTickCount() + COUNTDOWN_STEP_MS;
     do {
         countdown -= 1;
         syncCountdown = countdown;
@@ -127,12 +140,14 @@ uint32_t SntpClientThread(uint64_t serverText) {
                 countdown = 1;
                 syncCountdown = countdown;
             }
-            SleepFor(COUNTDOWN_STEP_MS);
+            SleepFor(StepRemainder(stepDue));
+            stepDue += COUNTDOWN_STEP_MS;
             // Re-read: whoever stored 1 here gets an exchange on the next pass.
             countdown = syncCountdown.load();
             continue;
         }
         countdown = RunExchangeLadder(server);
+        stepDue = ReadTickCount() + COUNTDOWN_STEP_MS;  // the next day counts from the ladder's end
     } while (stopRequested.load() == 0);
 
     clientRunning = 0;

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+// The SNTP_IP text in characters, terminator included: every buffer that holds the setting.
 const uint32_t SNTP_SETTING_SIZE = 256;
 
 extern std::atomic<uint8_t> serverRole;  // 1 server, 0 client
@@ -20,7 +21,8 @@ int32_t StartSntp();
 int32_t RestartSntp();
 // Stop flag, clear all troubles, 1200 ms, the thread joined.
 int32_t StopSntp();
-// SNTP_IP of <directory>\Vantor.dat into value (256 bytes); a missing file or key reads as "".
+// SNTP_IP of <directory>\Vantor.dat into value (SNTP_SETTING_SIZE bytes); a missing file or key
+// reads as "".
 int32_t ReadSntpIp(char* value, const char* directory);
 // Sets SNTP_IP in <directory>\Vantor.dat and saves; the save result (1 if it cannot be opened).
 int32_t WriteSntpIp(const char* value, const char* directory);

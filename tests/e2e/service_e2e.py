@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """NorvikTime.exe under Wine's real service control manager: command words, the server role against
 chrony, the client role's schedule and clock setting (Wine refuses it: the host clock stays), the
-role change, and the takeover from W32Time."""
+role change, the stop as the manager sees it, and the takeover from W32Time."""
 
-import re, struct, time
+import itertools, re, struct, time
 
 import winerig
 from winerig import FIRST_EXCHANGE, NOT_INSTALLED, PERFORMED, RUNNING, SERVICE, STOPPED, sntp_request, wait_for_server
@@ -93,6 +93,26 @@ class ServiceEndToEnd(winerig.RigTestCase):
         server.close()
         self.rig.write_setting("127.0.0.1")
         wait_for_server("127.0.0.1", 75)
+
+    def test_stop_ends_stopped_in_each_role_with_and_without_a_workstation(self):
+        # As by hand: a stop 2 s after the start. The manager reads stopped, and still does once the
+        # process has gone (a late report of any other state would stay on its books).
+        self.addCleanup(winerig.FakeSntpServer("127.0.0.2").close)
+        for setting, listening in itertools.product(("127.0.0.2", "127.0.0.1"), (False, True)):
+            with self.subTest(setting=setting, workstation=listening):
+                self.rig.write_setting(setting)
+                monitor = winerig.Monitor(self.rig) if listening else None
+                try:
+                    self.install_running()
+                    time.sleep(2)
+                    self.rig.sc("stop", SERVICE)
+                    self.rig.wait_state(STOPPED, timeout=10)
+                    winerig.wait_until(lambda: winerig.service_pid(self.rig) is None, 10, "the service's process gone")
+                    self.assertEqual(STOPPED, self.rig.state())
+                finally:
+                    if monitor is not None:
+                        monitor.stop()
+                    self.rig.remove_service()
 
     def test_windows_time_takeover(self):
         rig = self.rig

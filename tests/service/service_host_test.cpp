@@ -52,9 +52,11 @@ TEST(ServiceHost, RunsReportedFirstDrainsEveryStepAndAnswersControlsWithTheState
         "drain",       "drain",      "drain",      "status 4/5",      "drain",        "drain",      "drain", "drain",
         "drain",       "status 3/5", "close stop", "stop sntp",       "status 1/0"}));
     events.clear();
-    for (uint32_t control : {1u, 5u, 2u, 4u, 129u}) HandleServiceControl(&CALLS, control);  // 2, 4, 129 only report
-    EXPECT_EQ(events, std::vector<std::string>({"status 3/0", "signal stop", "status 3/0", "signal stop",
-                                                "status 3/0", "status 3/0", "status 3/0"}));
+    // Once stopped, a late stop or shutdown (the platform's shutdown may send one) is answered
+    // with stopped, as are the others, and the closed stop signal is left alone.
+    for (uint32_t control : {1u, 5u, 2u, 4u, 129u}) HandleServiceControl(&CALLS, control);
+    EXPECT_EQ(events, std::vector<std::string>({"status 1/0", "status 1/0", "status 1/0", "status 1/0",
+                                                "status 1/0"}));
 
     // Control 128 waits for whoever holds the control lock, restarts, then answers the manager.
     events.clear();
@@ -64,7 +66,7 @@ TEST(ServiceHost, RunsReportedFirstDrainsEveryStepAndAnswersControlsWithTheState
     EXPECT_TRUE(events.empty());
     LeaveLock(&controlLock);
     handler.join();
-    EXPECT_EQ(events, std::vector<std::string>({"restart sntp", "status 3/0"}));
+    EXPECT_EQ(events, std::vector<std::string>({"restart sntp", "status 1/0"}));
 }
 
 // The minute's re-check restarts when the role no longer fits; the first word decides the command.
@@ -90,4 +92,117 @@ TEST(ServiceHost, RestartsOnlyWhenTheMinutesRecheckFindsTheRoleChangedAndTheComm
         EXPECT_EQ(c.action, ChooseCommand(static_cast<int>(c.argv.size()), c.argv.data(), strcmp)) << c.argv.back();
     }
     for (int32_t n : {127, 128, 255, 256, 0, -1, INT32_MIN}) EXPECT_EQ(n == 128 || n == 255 ? 1 : 0, ControlNumberAllowed(n)) << n;
+}
+
+namespace {
+// The stop signal as the platform holds it. Once closed its handle may already name another
+// object, so a signal after the close is a fault, however harmless it looks here.
+struct StopSignalFake {
+    bool open = false;
+    bool signalled = false;
+    int32_t signalsAfterClose = 0;
+};
+StopSignalFake stopSignal;
+std::vector<std::string> stopReports;
+const uint64_t FIRST_STOP_AT_MS = 300;
+const uint64_t NO_STOP_LIMIT_MS = 10000;  // a host that never sees its stop still ends the test
+
+// Virtual time for one run of the host, removed however the test ends.
+struct HostVirtualTime {
+    HostVirtualTime() { InstallVirtualTime(); }
+    ~HostVirtualTime() { RemoveVirtualTime(); }
+};
+
+// The manager stops the service at 300 ms, and again while the first stop's shutdown waits for
+// the time thread (stop stays accepted until the stopped report).
+const ServiceHostCalls DOUBLE_STOP_CALLS = {
+    [](uint32_t state, uint32_t accepted) {
+        stopReports.push_back(std::to_string(state) + "/" + std::to_string(accepted) + " at " +
+                              std::to_string(VirtualElapsedMs()));
+    },
+    [] { stopSignal.open = true; },
+    [] {
+        if (!stopSignal.open) {
+            stopSignal.signalsAfterClose++;
+            return;
+        }
+        stopSignal.signalled = true;
+    },
+    [](uint32_t timeoutMs) -> int32_t {
+        AdvanceVirtualTime(timeoutMs);
+        if (VirtualElapsedMs() == FIRST_STOP_AT_MS) {
+            HandleServiceControl(&DOUBLE_STOP_CALLS, HOST_CONTROL_STOP);
+        }
+        return stopSignal.signalled || VirtualElapsedMs() >= NO_STOP_LIMIT_MS ? 1 : 0;
+    },
+    [] { stopSignal.open = false; },
+    [] {},
+    [] {},
+    [] {},
+    [](char* destination, uint32_t capacity) { CopyText(destination, "127.0.0.1", capacity); },
+    []() -> uint8_t { return 1; },
+    []() -> int32_t { return 0; },
+    []() -> int32_t { return 0; },
+    []() -> int32_t {
+        HandleServiceControl(&DOUBLE_STOP_CALLS, HOST_CONTROL_STOP);
+        return 0;
+    }};
+
+void RunDoubleStop() {
+    stopSignal = StopSignalFake();
+    stopReports.clear();
+    HostVirtualTime time;
+    RunServiceHost(&DOUBLE_STOP_CALLS);
+}
+}  // namespace
+
+TEST(ServiceHostStop, ASecondStopDuringTheShutdownLeavesTheClosedStopSignalAlone) {
+    RunDoubleStop();
+    EXPECT_EQ(0, stopSignal.signalsAfterClose);
+}
+
+TEST(ServiceHostStop, ASecondStopIsAnsweredStopPendingAndTheManagerHearsStoppedLast) {
+    RunDoubleStop();
+    // Start, running; the handler's and the loop's stop pending; the second stop's; stopped. The
+    // first stop ends the loop on its own wait.
+    EXPECT_EQ(stopReports, std::vector<std::string>({"2/0 at 0", "4/5 at 0", "3/5 at 300", "3/5 at 300",
+                                                     "3/5 at 300", "1/0 at 300"}));
+}
+
+namespace {
+uint64_t stoppedAtMs = 0;
+
+// The platform could not make the stop signal: no wait ever ends signalled. The manager stops the
+// service at 300 ms.
+const ServiceHostCalls NO_SIGNAL_CALLS = {
+    [](uint32_t state, uint32_t) {
+        if (state == HOST_STOPPED) {
+            stoppedAtMs = VirtualElapsedMs();
+        }
+    },
+    [] {},
+    [] {},
+    [](uint32_t timeoutMs) -> int32_t {
+        AdvanceVirtualTime(timeoutMs);
+        if (VirtualElapsedMs() == FIRST_STOP_AT_MS) {
+            HandleServiceControl(&NO_SIGNAL_CALLS, HOST_CONTROL_STOP);
+        }
+        return VirtualElapsedMs() >= NO_STOP_LIMIT_MS ? 1 : 0;
+    },
+    [] {},
+    [] {},
+    [] {},
+    [] {},
+    [](char* destination, uint32_t capacity) { CopyText(destination, "127.0.0.1", capacity); },
+    []() -> uint8_t { return 1; },
+    []() -> int32_t { return 0; },
+    []() -> int32_t { return 0; },
+    []() -> int32_t { return 0; }};
+}  // namespace
+
+TEST(ServiceHostStop, AStopEndsTheLoopWhenTheStopSignalCouldNotBeMade) {
+    stoppedAtMs = 0;
+    HostVirtualTime time;
+    RunServiceHost(&NO_SIGNAL_CALLS);
+    EXPECT_EQ(FIRST_STOP_AT_MS, stoppedAtMs) << "stopped at its next step, not at the test's limit";
 }
