@@ -66,10 +66,6 @@ TEST(InstallRoot, CopiesWriteWithinTheCallersCapacity) {
     }
 }
 
-TEST(InstallRoot, DataDirectoryRefusesANullDestination) {
-    EXPECT_EQ(GetDataDirectory(nullptr, PATH_CAPACITY), 1);
-}
-
 // "X:\first" of the executable's path, or a whole POSIX path.
 TEST(InstallRoot, ComesFromTheRunningExecutable) {
     char16_t modulePath[PATH_CAPACITY];

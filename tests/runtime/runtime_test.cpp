@@ -99,19 +99,6 @@ TEST(Runtime, StatusIsZeroForAnObjectAndOneForNull) {
     for (const auto& c : calls) EXPECT_EQ(c.expected, c.status) << c.call;
 }
 
-TEST(Sleeps, PauseBrieflySleepsTenMilliseconds) {
-    ScopedVirtualTime time;
-    PauseBriefly();
-    EXPECT_EQ(10u, VirtualElapsedMs());
-}
-
-TEST(WallClock, IsStoredAsReturned) {
-    ScopedVirtualTime time;
-    int64_t stored = 0;
-    const int64_t now = ReadWallClock(&stored);
-    EXPECT_EQ(now, stored);
-}
-
 // Taken twice by its owner (no deadlock), it is free for another thread only once left twice.
 TEST(Lock, IsFreeForOthersOnlyWhenLeftAsOftenAsEntered) {
     Lock lock;
