@@ -12,8 +12,16 @@
 #include "config/config_file.h"
 
 namespace {
-#define CHECK(condition) \
-    ((condition) ? (void)0 : (fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition), abort()))
+// A failed check ends the run, naming the condition: libFuzzer keeps the input as a crash.
+void Check(bool holds, const char* condition, int line) {
+    if (!holds) {
+        fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, line, condition);
+        abort();
+    }
+}
+#define CHECK(condition) Check((condition), #condition, __LINE__)
+
+const char FUZZ_VALUE[] = "fuzz value \"q\"";
 
 // This process's own directory (no mkdtemp on Windows, where the replay also runs).
 const std::filesystem::path scratch =
@@ -26,43 +34,64 @@ std::string ReadText(const std::string& path) {  // in text mode, as the store r
 
 // Every line ends with a line break and fits the line buffer (a longer line is read as two).
 bool IsWellFormed(const std::string& text) {
-    for (size_t start = 0, end; start < text.size(); start = end + 1)
-        if ((end = text.find('\n', start)) == std::string::npos || end - start + 1 > 4146) return false;
+    size_t start = 0;
+    while (start < text.size()) {
+        const size_t end = text.find('\n', start);
+        if (end == std::string::npos || end - start + 1 > 4146) return false;
+        start = end + 1;
+    }
     return true;
 }
 
-// Opens the store at path and collects its entries; *unique is false when a key occurs twice.
-std::map<std::string, std::string> OpenAndCollect(ConfigFile* file, const std::string& path, bool* unique) {
-    CHECK(OpenConfigFile(file, path.c_str()) == 0);
+// The store's entries; *unique is false when a key occurs twice.
+std::map<std::string, std::string> Collect(const ConfigFile& file, bool* unique) {
     std::map<std::string, std::string> entries;
-    for (PtrListNode* node = file->entries->head; node != nullptr; node = node->next) {
+    *unique = true;
+    for (PtrListNode* node = file.entries->head; node != nullptr; node = node->next) {
         const ConfigEntry* entry = static_cast<const ConfigEntry*>(node->item);
         *unique = entries.emplace(entry->key, entry->value).second && *unique;
     }
     return entries;
 }
 
+std::map<std::string, std::string> Reload(const std::string& path) {
+    ConfigFile file;
+    OpenConfigFile(&file, path.c_str());
+    bool unique = true;
+    auto entries = Collect(file, &unique);
+    CloseConfigFile(&file);
+    return entries;
+}
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::filesystem::create_directories(scratch);
     const std::string path = (scratch / "fuzz.dat").string();
-    CHECK(std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(data), size).good());
+    const bool written = std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(data), size).good();
+    CHECK(written);
     for (int round = 0; round < 3; ++round) {  // unchanged twice (stable once well-formed), then with a key set
         const std::string before = ReadText(path);
         ConfigFile file;
-        bool checkable = IsWellFormed(before);
-        auto expected = OpenAndCollect(&file, path, &checkable);
+        const int32_t opened = OpenConfigFile(&file, path.c_str());
+        CHECK(opened == 0);
+        bool unique = true;
+        auto expected = Collect(file, &unique);
+        const bool checkable = unique && IsWellFormed(before);
         if (round == 2) {
-            CHECK(SetConfigString(&file, "FUZZ_KEY", "fuzz value \"q\"") == 0);
-            expected["FUZZ_KEY"] = "fuzz value \"q\"";
+            const int32_t set = SetConfigString(&file, "FUZZ_KEY", FUZZ_VALUE);
+            CHECK(set == 0);
+            expected["FUZZ_KEY"] = FUZZ_VALUE;
         }
-        CHECK(SaveConfigFile(&file, nullptr) == 0 && CloseConfigFile(&file) == 0);
+        const int32_t saved = SaveConfigFile(&file, nullptr);
+        const int32_t closed = CloseConfigFile(&file);
+        CHECK(saved == 0);
+        CHECK(closed == 0);
         const std::string after = ReadText(path);
         CHECK(after.empty() || after.back() == '\n');
         CHECK(!checkable || round == 2 || after == before);
         if (checkable && IsWellFormed(after)) {
-            CHECK(OpenAndCollect(&file, path, &checkable) == expected && CloseConfigFile(&file) == 0);
+            const auto reloaded = Reload(path);
+            CHECK(reloaded == expected);
         }
     }
     std::filesystem::remove_all(scratch);

@@ -14,7 +14,8 @@ parser.add_argument("--samples", type=int, default=5)
 arguments = parser.parse_args()
 rig = winerig.Rig(arguments.build, os.path.join(os.path.abspath(arguments.build), "clock-prefix"))
 rig.boot()
-server, errors = winerig.FakeSntpServer("127.0.0.2", ahead=5.0), []
+server = winerig.FakeSntpServer("127.0.0.2", ahead=5.0)
+errors = []
 try:
     rig.write_setting("127.0.0.2")
     if rig.norvik("install")[1] != "Service successfully added...":
@@ -25,7 +26,9 @@ try:
         print(f"sample {sample + 1}: set {errors[-1]:+d} ms from the server's time", flush=True)
         rig.norvik("command", "128")
 finally:
-    server.close(), rig.remove_service(), rig.shutdown()
+    server.close()
+    rig.remove_service()
+    rig.shutdown()
 magnitudes = [abs(error) for error in errors]
 print(f"clock settings: {len(errors)}; |error| median {statistics.median(magnitudes)} ms, max {max(magnitudes)} ms "
       "(Wine reports whole milliseconds; SetSystemTime keeps whole milliseconds)")

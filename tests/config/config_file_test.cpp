@@ -1,16 +1,17 @@
-// ConfigFile store: the line format, lookups, the merging save with its backup, and the
-// inter-process lock, each through real files in a scratch directory.
+// ConfigFile store: the line format and its limits, lookups, the merging save with its backup,
+// and the inter-process lock, each through real files in a scratch directory.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
 
 #include "config/config_file.h"
-#include "runtime/runtime.h"
 
 #ifdef _WIN32
 #include <windows.h>
@@ -25,6 +26,7 @@ const char DEFAULT_TEXT[] = "<default>";
 const std::string RUN_TAG = std::to_string(std::random_device()());
 
 void WriteFileText(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
 std::string ReadFileText(const std::string& path) {
     std::ifstream file(path);
     return std::string(std::istreambuf_iterator<char>(file), {});
@@ -32,147 +34,302 @@ std::string ReadFileText(const std::string& path) {
 
 // An open store that closes itself; "" opens one without a file.
 struct OpenStore {
-    ConfigFile file;
     explicit OpenStore(const std::string& path) { OpenConfigFile(&file, path.empty() ? nullptr : path.c_str()); }
     ~OpenStore() { CloseConfigFile(&file); }
     std::string Get(const std::string& key) {
-        char v[8192];
-        return GetConfigString(&file, key.c_str(), v, sizeof v, DEFAULT_TEXT);
+        char value[8192];
+        return GetConfigString(&file, key.c_str(), value, sizeof value, DEFAULT_TEXT);
     }
+    ConfigFile file;
 };
 
 struct ConfigFileTest : testing::Test {
     void SetUp() override { ASSERT_TRUE(fs::create_directory(directory)) << directory; }
-    void TearDown() override { std::error_code ignored; fs::remove_all(directory, ignored); }
+    void TearDown() override {
+        std::error_code ignored;
+        fs::remove_all(directory, ignored);
+    }
     std::string PathOf(const std::string& name) const { return (directory / name).string(); }
     const fs::path directory = fs::temp_directory_path() / ("config_file_test." + RUN_TAG + "." +
                                                             testing::UnitTest::GetInstance()->current_test_info()->name());
 };
 
-TEST_F(ConfigFileTest, LoadAppliesTheLineFormatAndItsLimits) {
-    const std::string key60(60, 'k');
-    WriteFileText(PathOf("format.dat"), "# comment\n   \t\na 1\nA 2\nKEY\nNOTE # note\n\"MY KEY\" \"x y\"\n"
-                                        "quoted \"say \"\"hi\"\"\"\nkey2 value extra # comment\n\"\" ignored\n"
-                                        "\"tight\"value\nopen \"runs to the end\nhash a#b\"c\n\tlower_Case\tv\nSNTP_IP 10.1.2.3\n"
-                                        "K " + std::string(4144, 'x') + "Y 2\n" +  // split after 4146 characters
-                                        key60 + " long\n" + std::string(49, 'L') + " 49\nV " + std::string(4100, 'v') + "\n");
+// Takes the lock of a file name on a thread of its own, as another process would, and lets it go.
+class LockTaker {
+public:
+    explicit LockTaker(const std::string& path) : taken_(std::make_shared<std::atomic<bool>>(false)) {
+        std::thread([taken = taken_, path] {
+            ReleaseConfigFileLock(LockConfigFile(path.c_str()));
+            *taken = true;
+        }).detach();  // one still stuck on its lock when the test ends is left to the process's end
+    }
+    bool TakenWithin(std::chrono::milliseconds limit) const {
+        for (auto waited = std::chrono::milliseconds(0); waited < limit && !*taken_; waited += limit / 100) {
+            std::this_thread::sleep_for(limit / 100);
+        }
+        return *taken_;
+    }
+
+private:
+    std::shared_ptr<std::atomic<bool>> taken_;
+};
+
+const auto REFUSAL_MS = std::chrono::milliseconds(300);  // long enough for a lock that would be granted
+const auto GRANT_MS = std::chrono::milliseconds(10000);
+
+TEST_F(ConfigFileTest, LoadReadsTheLineFormat) {
+    WriteFileText(PathOf("format.dat"), "a 1\nA 2\nKEY\nNOTE # note\n\"MY KEY\" \"x y\"\nquoted \"say \"\"hi\"\"\"\n"
+                                        "key2 value extra # comment\n\"tight\"value\nopen \"runs to the end\n"
+                                        "hash a#b\"c\n\tlower_Case\tv\n");
     OpenStore store(PathOf("format.dat"));
-    const std::pair<std::string, std::string> expected[] = {
-        {"a", "2"} /* the last occurrence wins */, {"key", ""}, {"note", DEFAULT_TEXT}, {"my key", "x y"},
-        {"QUOTED", "say \"hi\""}, {"key2", "value"}, {"tight", "value"}, {"open", "runs to the end"},
-        {"hash", "a#b\"c"}, {"LOWER_CASE", "v"},
-        // Lines are read in pieces of 4146 characters, values cut to 4095, keys kept with 55
-        // characters and looked up or set with 49.
-        {"K", std::string(4095, 'x')}, {"Y", "2"}, {"V", std::string(4095, 'v')}, {std::string(60, 'l'), "49"},
-        {key60, DEFAULT_TEXT}};
-    for (const auto& [key, value] : expected) EXPECT_EQ(store.Get(key), value) << key;
-    EXPECT_EQ(store.file.entries->count, 16u);  // nothing from comments, NOTE or the empty key
-    EXPECT_NE(FindPtrList(store.file.entries, std::string(55, 'K').c_str()), nullptr);
-    EXPECT_EQ(SetConfigString(&store.file, "W", std::string(5000, 'w').c_str()), 0);
+    const struct {
+        const char* rule;
+        const char* key;
+        const char* value;
+    } cases[] = {
+        {"the last occurrence of a key wins, whatever its case", "a", "2"},
+        {"a key alone has the empty value", "key", ""},
+        {"a comment after the key drops the line", "note", DEFAULT_TEXT},
+        {"quotes hold white space", "my key", "x y"},
+        {"a doubled quote stands for one", "QUOTED", "say \"hi\""},
+        {"words after the value are not part of it", "key2", "value"},
+        {"a value may follow the closing quote at once", "tight", "value"},
+        {"an unclosed quote runs to the end of the line", "open", "runs to the end"},
+        {"inside a token '#' and '\"' are plain", "hash", "a#b\"c"},
+        {"tabs separate like spaces", "LOWER_CASE", "v"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(store.Get(c.key), c.value) << c.rule;
+}
+
+TEST_F(ConfigFileTest, LoadMakesNoEntryOfCommentsBlankLinesOrAnEmptyKey) {
+    WriteFileText(PathOf("empty.dat"), "# comment\n   \t\nNOTE # note\n\"\" ignored\n");
+    OpenStore store(PathOf("empty.dat"));
+    EXPECT_EQ(store.file.entries->count, 0u);
+}
+
+// Lines are read in pieces of 4146 characters, values cut to 4095, keys kept with 55 characters
+// and looked up with 49.
+TEST_F(ConfigFileTest, LoadCutsLinesValuesAndKeysToTheirLimits) {
+    const std::string key60(60, 'K');
+    WriteFileText(PathOf("long.dat"), "K " + std::string(4144, 'x') + "Y 2\nV " + std::string(4100, 'v') + "\n" + key60 +
+                                          " long\n" + std::string(49, 'L') + " 49\n");
+    OpenStore store(PathOf("long.dat"));
+    const struct {
+        const char* rule;
+        std::string key;
+        std::string value;
+    } cases[] = {
+        {"a line's first piece, its value cut", "K", std::string(4095, 'x')},
+        {"the rest of the line read as a line", "Y", "2"},
+        {"a value cut", "V", std::string(4095, 'v')},
+        {"a lookup cut to 49 characters finds a 49-character key", std::string(60, 'l'), "49"},
+        {"a lookup cut to 49 characters misses a 55-character key", key60, DEFAULT_TEXT},
+    };
+    for (const auto& c : cases) EXPECT_EQ(store.Get(c.key), c.value) << c.rule;
+    EXPECT_NE(FindPtrList(store.file.entries, std::string(55, 'K').c_str()), nullptr) << "the key as stored";
+}
+
+TEST_F(ConfigFileTest, LoadingAnotherFileReadsThatOne) {
+    WriteFileText(PathOf("first.dat"), "K 1\n");
+    WriteFileText(PathOf("second.dat"), "K 2\n");
+    OpenStore store(PathOf("first.dat"));
+    LoadConfigFile(&store.file, PathOf("second.dat").c_str());
+    EXPECT_EQ(store.Get("K"), "2");
+}
+
+TEST_F(ConfigFileTest, SetCutsTheValueTo4095Characters) {
+    OpenStore store("");
+    SetConfigString(&store.file, "W", std::string(5000, 'w').c_str());
     EXPECT_EQ(store.Get("W"), std::string(4095, 'w'));
+}
+
+TEST_F(ConfigFileTest, GetWithoutAnEntry) {
+    OpenStore store("");
     char out[16];
-    EXPECT_EQ(GetConfigString(&store.file, "", out, 16, DEFAULT_TEXT), DEFAULT_TEXT);
-    EXPECT_STREQ(GetConfigString(&store.file, "missing", out, 16, nullptr), "");
-    EXPECT_EQ(CompareKeys(nullptr, "A"), 1);  // a null key never matches
+    const struct {
+        const char* label;
+        const char* answer;
+        const char* expected;
+    } cases[] = {
+        {"an empty key gives the default itself", GetConfigString(&store.file, "", out, 16, DEFAULT_TEXT), DEFAULT_TEXT},
+        {"a missing key without a default gives the empty text", GetConfigString(&store.file, "k", out, 16, nullptr), ""},
+    };
+    for (const auto& c : cases) EXPECT_STREQ(c.answer, c.expected) << c.label;
 }
 
-TEST_F(ConfigFileTest, SaveKeepsLayoutMergesChangesBesideABackupAndNeverLosesTheFile) {
-    const std::string path = PathOf("merge.dat");
-    const std::string original = "# header\n\nalpha 1   # first\nbeta  \"two words\"  trailing words\ngamma 3\n"
-                                 "  # indented\nGamma 4 # again\ndelta\n";
-    WriteFileText(path, original);
-    OpenStore merged(path);
-    SetConfigString(&merged.file, "beta", "new \"v\"");
-    SetConfigString(&merged.file, "gamma", nullptr);  // every gamma line goes
-    SetConfigString(&merged.file, "zeta", "z\tz");
-    SetConfigString(&merged.file, "mid", "#m");  // not quoted, so a reload drops it
-    SetConfigString(&merged.file, "delta", "");  // set, so rewritten though not different
-    ASSERT_EQ(SaveConfigFile(&merged.file, nullptr), 0);
-    const std::string saved = "# header\n\nalpha 1   # first\nBETA \"new \"\"v\"\"\"  trailing words\n"
-                              "  # indented\nDELTA \nMID #m\nZETA \"z\tz\"\n";
-    EXPECT_EQ(ReadFileText(path), saved);
-    EXPECT_EQ(ReadFileText(PathOf("merge.da~")), original);
-    ASSERT_EQ(SaveConfigFile(&merged.file, nullptr), 0);
-    EXPECT_EQ(ReadFileText(path), saved);  // a save without changes leaves the file as it was
+TEST_F(ConfigFileTest, StatusAtTheEdges) {
+    WriteFileText(PathOf("present.dat"), "K 1\n");
+    OpenStore missing(PathOf("missing.dat"));
+    OpenStore unnamed("");
+    const struct {
+        const char* call;
+        int32_t status;
+        int32_t expected;
+    } calls[] = {
+        {"set with an empty key", SetConfigString(&missing.file, "", "v"), 1},
+        {"load of a missing file", LoadConfigFile(&missing.file, PathOf("missing.dat").c_str()), 1},
+        {"save without a path", SaveConfigFile(&unnamed.file, ""), 1},
+        {"load without a path", LoadConfigFile(&unnamed.file, ""), 0},
+        {"load of a file", LoadConfigFile(&unnamed.file, PathOf("present.dat").c_str()), 0},
+        {"compare with a null key", CompareKeys(nullptr, "A"), 1},
+    };
+    for (const auto& c : calls) EXPECT_EQ(c.status, c.expected) << c.call;
+}
 
-    WriteFileText(PathOf("y.da~"), "OLD 1\n");  // a name ending in '~' backs up to 'a'
-    OpenStore tilde(PathOf("y.da~"));
-    SetConfigString(&tilde.file, "old", "2");
-    ASSERT_EQ(SaveConfigFile(&tilde.file, nullptr), 0);
-    EXPECT_EQ(ReadFileText(PathOf("y.daa")), "OLD 1\n");
-    EXPECT_EQ(ReadFileText(PathOf("y.da~")), "OLD 2\n");
+// Changed lines are rewritten in place (keeping what follows the value), deleted keys leave with
+// every occurrence, new keys go at the end in key order, and everything else stays as it was.
+TEST_F(ConfigFileTest, SaveMergesChangesIntoTheFileKeepingItsLayout) {
+    WriteFileText(PathOf("merge.dat"), "# header\n\nalpha 1   # first\nbeta  \"two words\"  trailing words\ngamma 3\n"
+                                       "  # indented\nGamma 4 # again\ndelta\n");
+    OpenStore store(PathOf("merge.dat"));
+    SetConfigString(&store.file, "beta", "new \"v\"");
+    SetConfigString(&store.file, "gamma", nullptr);
+    SetConfigString(&store.file, "zeta", "z\tz");
+    SetConfigString(&store.file, "mid", "#m");  // not quoted, so a reload drops it
+    SetConfigString(&store.file, "delta", "");  // set, so rewritten though not different
+    const int32_t saved = SaveConfigFile(&store.file, nullptr);
+    EXPECT_EQ(saved, 0);
+    EXPECT_EQ(store.file.entries->cursorCount, 0u) << "no cursor of the save left on the list";
+    EXPECT_EQ(ReadFileText(PathOf("merge.dat")), "# header\n\nalpha 1   # first\nBETA \"new \"\"v\"\"\"  trailing words\n"
+                                                 "  # indented\nDELTA \nMID #m\nZETA \"z\tz\"\n");
+}
 
-    OpenStore missing(PathOf("missing.dat")), unnamed("");  // a missing file opens an empty store
-    EXPECT_EQ(SetConfigString(&missing.file, "", "v"), 1);
-    EXPECT_EQ(SetConfigString(&missing.file, "k", "v"), 0);
-    ASSERT_EQ(SaveConfigFile(&missing.file, PathOf("new.dat").c_str()), 0);
-    EXPECT_EQ(ReadFileText(PathOf("new.dat")), "K v\n");
-    EXPECT_EQ(LoadConfigFile(&missing.file, PathOf("missing.dat").c_str()), 1);
-    EXPECT_EQ(SaveConfigFile(&unnamed.file, ""), 1);  // no path to save to, none to load from
-    EXPECT_EQ(LoadConfigFile(&unnamed.file, ""), 0);
+// What one change and a save leave on disk.
+TEST_F(ConfigFileTest, SaveWritesTheChangeBesideABackup) {
+    const std::string unchanged = "# header\nalpha 1   # first\n\"two words\" 2\n";
+    const struct {
+        const char* rule;
+        const char* file;    // the store's; "" for none
+        const char* before;  // its text; null: no such file
+        const char* key;     // null: no change
+        std::string value;
+        const char* saveAs;  // null: the store's own file
+        const char* read;
+        std::string after;
+    } cases[] = {
+        {"the previous file is the backup", "b.dat", "K 1\n", "K", "2", nullptr, "b.da~", "K 1\n"},
+        {"a name ending in '~' backs up to 'a'", "y.da~", "OLD 1\n", "old", "2", nullptr, "y.daa", "OLD 1\n"},
+        {"without a change the file stays as it was", "same.dat", unchanged.c_str(), nullptr, "", nullptr, "same.dat",
+         unchanged},
+        {"a store from a missing file creates it", "missing.dat", nullptr, "k", "v", "new.dat", "new.dat", "K v\n"},
+        // Quoting adds two bytes to a value with white space and the written token keeps 4095, so a
+        // value near the limit loses its closing quote (a reload reads to the end of the line).
+        {"a quoted value is cut to 4095 bytes", "", nullptr, "Q", "x " + std::string(4093, 'y'), "q.dat", "q.dat",
+         "Q \"x " + std::string(4092, 'y') + "\n"},
+    };
+    for (const auto& c : cases) {
+        if (c.before != nullptr) WriteFileText(PathOf(c.file), c.before);
+        OpenStore store(c.file[0] == '\0' ? "" : PathOf(c.file));
+        if (c.key != nullptr) SetConfigString(&store.file, c.key, c.value.c_str());
+        SaveConfigFile(&store.file, c.saveAs == nullptr ? nullptr : PathOf(c.saveAs).c_str());
+        EXPECT_EQ(ReadFileText(PathOf(c.read)), c.after) << c.rule;
+    }
+}
 
-    const std::string kept = PathOf("kept.dat");
-    WriteFileText(kept, "K 1\n# keep\n");
-    OpenStore restore(kept);
-    SetConfigString(&restore.file, "K", "2");
-#ifndef _WIN32
-    rlimit limit{};  // with no descriptor to be had, the save cannot create the file once it moved it aside
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit none{0, limit.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_EQ(SaveConfigFile(&restore.file, nullptr), 1);
-    setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_EQ(ReadFileText(kept), "K 1\n# keep\n");
-#endif
-    ASSERT_EQ(SaveConfigFile(&restore.file, nullptr), 0);  // the change was not lost either
-    EXPECT_EQ(ReadFileText(kept), "K 2\n# keep\n");
-    // Without a backup (its name here is a directory's) the save leaves the file alone, not writes over it.
-    fs::remove(PathOf("kept.da~"));
+// Without a backup (its name here is a directory's) the save leaves the file alone, not writes over it.
+TEST_F(ConfigFileTest, SaveFailsWhenNoBackupCanBeMade) {
+    WriteFileText(PathOf("kept.dat"), "K 1\n");
     fs::create_directories(PathOf("kept.da~/x"));
-    SetConfigString(&restore.file, "K", "3");
-    EXPECT_EQ(SaveConfigFile(&restore.file, nullptr), 1);
-    EXPECT_EQ(ReadFileText(kept), "K 2\n# keep\n");
+    OpenStore store(PathOf("kept.dat"));
+    SetConfigString(&store.file, "K", "2");
+    const int32_t saved = SaveConfigFile(&store.file, nullptr);
+    EXPECT_EQ(saved, 1);
+    EXPECT_EQ(ReadFileText(PathOf("kept.dat")), "K 1\n");
 }
 
-// Other threads exclude each other as other processes do; the holder may take it again.
+#ifndef _WIN32
+// No descriptor to be had for the life of the object.
+class NoFreeDescriptors {
+public:
+    NoFreeDescriptors() {
+        getrlimit(RLIMIT_NOFILE, &saved_);
+        const rlimit none{0, saved_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoFreeDescriptors() { setrlimit(RLIMIT_NOFILE, &saved_); }
+
+private:
+    rlimit saved_{};
+};
+
+// Once the file was moved aside the save cannot create it again: the previous file comes back,
+// and the change is still there for the next save.
+TEST_F(ConfigFileTest, SaveThatCannotWriteLosesNeitherTheFileNorTheChange) {
+    WriteFileText(PathOf("kept.dat"), "K 1\n# keep\n");
+    OpenStore store(PathOf("kept.dat"));
+    SetConfigString(&store.file, "K", "2");
+    int32_t failedSave = 0;
+    {
+        NoFreeDescriptors none;
+        failedSave = SaveConfigFile(&store.file, nullptr);
+    }
+    const std::string afterFailure = ReadFileText(PathOf("kept.dat"));
+    SaveConfigFile(&store.file, nullptr);
+    EXPECT_EQ(failedSave, 1);
+    EXPECT_EQ(afterFailure, "K 1\n# keep\n");
+    EXPECT_EQ(ReadFileText(PathOf("kept.dat")), "K 2\n# keep\n");
+}
+#endif
+
+// The lock is named after the file name alone, upper-cased: the same name in another directory
+// is the same lock, and other threads are kept out as other processes are.
 TEST_F(ConfigFileTest, LockOfAFileNameExcludesOthersUntilReleased) {
-    const std::string path = PathOf("lock_" + RUN_TAG + ".dat");
-    OpenStore store(path);  // a load that finds no file, a load and a save each release it
+    ConfigFileLock* holder = LockConfigFile(PathOf("lock_" + RUN_TAG + ".dat").c_str());
+    LockTaker taker((fs::path("dir2") / ("LOCK_" + RUN_TAG + ".DAT")).string());
+    const bool takenWhileHeld = taker.TakenWithin(REFUSAL_MS);
+    ReleaseConfigFileLock(holder);
+    const bool takenOnceReleased = taker.TakenWithin(GRANT_MS);
+    EXPECT_NE(holder, nullptr);
+    EXPECT_FALSE(takenWhileHeld);
+    EXPECT_TRUE(takenOnceReleased);
+}
+
+// Names that differ in their first character alone.
+TEST_F(ConfigFileTest, LockOfAnotherFileNameIsFreeWhileOneIsHeld) {
+    ConfigFileLock* holder = LockConfigFile(PathOf("a" + RUN_TAG + ".dat").c_str());
+    LockTaker taker(PathOf("b" + RUN_TAG + ".dat"));
+    const bool taken = taker.TakenWithin(GRANT_MS);
+    ReleaseConfigFileLock(holder);
+    EXPECT_TRUE(taken);
+}
+
+// A writer may hold it around a whole load, set and save; others get it once it was released as
+// often as taken.
+TEST_F(ConfigFileTest, LockIsTakenAgainByItsHolder) {
+    const std::string path = PathOf("again_" + RUN_TAG + ".dat");
+    ConfigFileLock* outer = LockConfigFile(path.c_str());
+    ConfigFileLock* inner = LockConfigFile(path.c_str());
+    ReleaseConfigFileLock(inner);
+    LockTaker taker(path);
+    const bool takenWhileHeldOnce = taker.TakenWithin(REFUSAL_MS);
+    ReleaseConfigFileLock(outer);
+    const bool takenOnceReleased = taker.TakenWithin(GRANT_MS);
+    EXPECT_NE(inner, nullptr);
+    EXPECT_FALSE(takenWhileHeldOnce);
+    EXPECT_TRUE(takenOnceReleased);
+}
+
+TEST_F(ConfigFileTest, LoadAndSaveReleaseTheLock) {
+    const std::string path = PathOf("released_" + RUN_TAG + ".dat");
+    OpenStore store(path);  // a load that finds no file
     WriteFileText(path, "K 1\n");
     LoadConfigFile(&store.file, path.c_str());
     SaveConfigFile(&store.file, nullptr);
-    ConfigFileLock* holder = LockConfigFile(path.c_str());  // only released if they did
-    ASSERT_NE(holder, nullptr);
-    static std::atomic<int> taken;  // by the taker: another file's lock, then this one's twice
-    taken = 0;
-    std::thread taker([] {
-        const std::string other = "other_lock_" + RUN_TAG + ".dat";
-        const std::string same = (fs::path("dir2") / ("LOCK_" + RUN_TAG + ".DAT")).string();
-        ConfigFileLock* locks[3] = {LockConfigFile(other.c_str())};
-        taken = locks[0] != nullptr;
-        locks[1] = LockConfigFile(same.c_str());
-        locks[2] = LockConfigFile(same.c_str());
-        taken += locks[1] != nullptr && locks[2] != nullptr;
-        for (ConfigFileLock* lock : locks) ReleaseConfigFileLock(lock);
-    });
-    auto waitFor = [](int count, uint32_t waitMs) {
-        for (uint32_t waited = 0; waited < waitMs && taken < count; waited += 10) SleepFor(10);
-        return taken >= count;
-    };
-    EXPECT_TRUE(waitFor(1, 10000));
-    EXPECT_FALSE(waitFor(2, 300));
-    ReleaseConfigFileLock(holder);
-    EXPECT_TRUE(waitFor(2, 10000));
-    taken == 2 ? taker.join() : taker.detach();  // one stuck on its lock is left to the process end
-#ifdef _WIN32  // the mutex is named after the upper-cased file name, as the platform's other programs expect
-    for (const auto& [file, name] : {std::make_pair("C:\\x\\caf\xE9|1.dat", L"CAF\xFFE9!1.DAT")}) {
-        ConfigFileLock* named = LockConfigFile(file);
-        HANDLE mutex = OpenMutexW(SYNCHRONIZE, FALSE, name);
-        EXPECT_NE(mutex, nullptr) << file;
-        CloseHandle(mutex);
-        ReleaseConfigFileLock(named);
-    }
-#endif
+    LockTaker taker(path);
+    const bool taken = taker.TakenWithin(GRANT_MS);
+    EXPECT_TRUE(taken);
 }
+
+#ifdef _WIN32
+// The platform's other programs open the mutex by this name.
+TEST_F(ConfigFileTest, LockIsTheMutexNamedAfterTheUpperCasedFileName) {
+    ConfigFileLock* named = LockConfigFile("C:\\x\\caf\xE9|1.dat");
+    HANDLE mutex = OpenMutexW(SYNCHRONIZE, FALSE, L"CAF\xFFE9!1.DAT");
+    const bool opened = mutex != nullptr;
+    CloseHandle(mutex);
+    ReleaseConfigFileLock(named);
+    EXPECT_TRUE(opened);
+}
+#endif
 
 }  // namespace

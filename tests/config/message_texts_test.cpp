@@ -1,7 +1,6 @@
 // Localised message texts: the shipped libraries and the choice among a language's candidates, the
 // display profiles, the lookups, and the string-table reader on renumbered and damaged copies of
 // the shipped res1033.dll. The test executable's directory is the installation root (CMakeLists.txt).
-#include "config/config_test_seams.h"
 #include "config/message_texts.h"
 
 #include <gtest/gtest.h>
@@ -14,6 +13,7 @@
 
 #include "config/directories.h"
 #include "sntp/sntp_troubles.h"
+#include "tests/support/scoped_seams.h"
 
 namespace {
 using namespace std::string_literals;
@@ -28,6 +28,7 @@ const std::string HERE = [] {
     const std::string narrow(path, path + std::char_traits<char16_t>::length(path));  // low bytes
     return narrow.substr(0, narrow.find_last_of("\\/"));
 }();
+const std::string SCRATCH_ROOT = HERE + "/scratch-message-texts";
 
 char16_t** ReadTable(const Bytes& bytes) {
     FILE* file = tmpfile();
@@ -36,17 +37,23 @@ char16_t** ReadTable(const Bytes& bytes) {
     return ReadStringTable(file);
 }
 
-// Takes as the root a scratch one whose Applications\System holds bytes as res<language>.dll.
-void Install(uint16_t language, const Bytes& bytes) {
-    const std::filesystem::path root = HERE + "/scratch-message-texts", system = root / "Applications/System";
-    std::filesystem::remove_all(root);
+// A scratch root whose Applications\System holds bytes as res<language>.dll alone.
+void WriteScratchRoot(uint16_t language, const Bytes& bytes) {
+    const std::filesystem::path system = std::filesystem::path(SCRATCH_ROOT) / "Applications/System";
+    std::filesystem::remove_all(SCRATCH_ROOT);
     std::filesystem::create_directories(system);
     std::ofstream(system / ("res" + std::to_string(language) + ".dll"), std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    OverrideInstallRoot(root.string().c_str());
 }
 
-std::u16string Lookup(uint32_t id) { char16_t text[256]; return GetMessageText(id, text, 256, u"default"); }
+std::u16string SlotText(char16_t* const* table, uint32_t slot) {
+    return table != nullptr && table[slot] != nullptr ? table[slot] : u"(none)";
+}
+
+std::u16string Lookup(uint32_t id) {
+    char16_t text[256];
+    return GetMessageText(id, text, 256, u"default");
+}
 
 // PE fields are little-endian, as is every host these tests run on.
 uint32_t Get32(const Bytes& bytes, size_t at) {
@@ -57,12 +64,20 @@ void Put32(Bytes& bytes, size_t at, uint32_t value) { std::memcpy(&bytes.at(at +
 
 // Offsets the damage aims at; the string table holds blocks 388 (ids 6192..), 389 and 692 (..11071).
 struct MessageTextsTest : testing::Test {
-    void TearDown() override { FreeMessageTexts(); OverrideInstallRoot(nullptr); }
+    void TearDown() override { FreeMessageTexts(); }
     size_t BlockEntry(uint32_t block) const { return blockDirectory + 16 + 8 * block; }
     size_t LanguageDirectory(uint32_t block) const {
         return sectionOffset + (Get32(shipped, BlockEntry(block) + 4) & ~SUBDIRECTORY);
     }
     size_t DataEntry(uint32_t block) const { return sectionOffset + Get32(shipped, LanguageDirectory(block) + 20); }
+    // The first three blocks as 2, 1 and 3: 6208 becomes slot 0, 6192 slot 16.
+    Bytes Renumbered() const {
+        Bytes renumbered = shipped;
+        Put32(renumbered, BlockEntry(0), 2);
+        Put32(renumbered, BlockEntry(1), 1);
+        Put32(renumbered, BlockEntry(2), 3);
+        return renumbered;
+    }
     const Bytes shipped = [] {
         std::ifstream file(HERE + "/Applications/System/res1033.dll", std::ios::binary);
         return Bytes(std::istreambuf_iterator<char>(file), {});
@@ -73,41 +88,100 @@ struct MessageTextsTest : testing::Test {
 };
 }  // namespace
 
-TEST_F(MessageTextsTest, ShippedLibraryAnswersLookupsAndWithoutACandidateNothingLoads) {
-    OverrideInstallRoot(HERE.c_str());
-    ASSERT_NE(FindResourceDll(1033, nullptr), nullptr);
-    EXPECT_EQ(InitMessageTextsFor(1033), 0);
-    for (const SntpTroubleRow& row : SntpTroubleTable)  // each trouble's id names its own text in the library
-        EXPECT_EQ(row.messageId < 0 ? row.defaultText : Lookup(row.messageId), row.defaultText) << row.messageId;
-    for (uint32_t id : {6203u, SHIPPED_TEXT_COUNT, ~0u}) EXPECT_EQ(Lookup(id), u"default") << id;  // empty, at, past count
-    char16_t text[4] = u"xxx";  // a missing text with no default is "", even in a buffer said to hold nothing
-    EXPECT_EQ(GetMessageText(42, text, 0, nullptr), text);
+TEST_F(MessageTextsTest, EachTroubleNamesItsOwnTextInTheShippedLibrary) {
+    ScopedInstallRoot root(HERE.c_str());
+    InitMessageTextsFor(1033);
+    for (const SntpTroubleRow& row : SntpTroubleTable) {
+        if (row.messageId >= 0) {  // -1 names no text
+            EXPECT_EQ(Lookup(row.messageId), row.defaultText) << row.messageId;
+        }
+    }
+}
+
+TEST_F(MessageTextsTest, IdWithoutATextGivesTheDefault) {
+    ScopedInstallRoot root(HERE.c_str());
+    InitMessageTextsFor(1033);
+    const struct {
+        const char* label;
+        uint32_t id;
+    } cases[] = {{"an empty slot", 6203u}, {"at the count", SHIPPED_TEXT_COUNT}, {"far past it", ~0u}};
+    for (const auto& c : cases) EXPECT_EQ(Lookup(c.id), u"default") << c.label;
+}
+
+// Callers rely on an empty result even when they passed no capacity.
+TEST_F(MessageTextsTest, MissingTextWithoutADefaultIsEmptyEvenInNoRoom) {
+    char16_t text[4] = u"xxx";
+    char16_t* const answer = GetMessageText(42, text, 0, nullptr);
+    EXPECT_EQ(answer, text);
     EXPECT_EQ(std::u16string(text, 3), u"\0xx"s);
-    // Once initialised, later initialisations only count, whatever the installation holds now.
-    Install(2057, shipped);
-    EXPECT_EQ(InitMessageTexts(), 0);
+}
+
+// Once initialised, later initialisations only count, whatever the installation holds now.
+TEST_F(MessageTextsTest, LaterInitialisationsKeepTheTexts) {
+    ScopedInstallRoot root(HERE.c_str());
+    InitMessageTextsFor(1033);
+    WriteScratchRoot(2057, shipped);
+    ScopedInstallRoot scratch(SCRATCH_ROOT.c_str());
+    const int32_t status = InitMessageTexts();
+    EXPECT_EQ(status, 0);
     EXPECT_EQ(Lookup(6205), NO_RESPONSE);
-    char path[PATH_CAPACITY] = "";  // English (UK) is no candidate of German, and the path stays as it was
+}
+
+// English (UK) is no candidate of German, and the path stays as it was.
+TEST_F(MessageTextsTest, LanguageWithoutACandidateFindsNoLibrary) {
+    WriteScratchRoot(2057, shipped);
+    ScopedInstallRoot root(SCRATCH_ROOT.c_str());
+    char path[PATH_CAPACITY] = "";
     EXPECT_EQ(FindResourceDll(1031, path), nullptr);
     EXPECT_STREQ(path, "");
-    EXPECT_EQ(InitMessageTextsFor(1031), 1);  // German has no profile either
+}
+
+TEST_F(MessageTextsTest, WithoutALibraryNoTextLoads) {
+    WriteScratchRoot(2057, shipped);
+    ScopedInstallRoot root(SCRATCH_ROOT.c_str());
+    InitMessageTextsFor(1031);
     EXPECT_EQ(MessageTextCount(), 0u);
     EXPECT_EQ(Lookup(6210), u"default");
-    // The display profile follows the primary language and stays when no row matches.
-    EXPECT_EQ(InitMessageTextsFor(0x0401), 0);  // Arabic, Saudi Arabia
-    EXPECT_EQ(InitMessageTextsFor(0x0407), 1);
-    EXPECT_EQ(currentProfile->charset, 178);
-    EXPECT_EQ(InitMessageTextsFor(0x0C04), 0);  // Chinese, Hong Kong
-    EXPECT_STREQ(currentProfile->fontFace, "NSimSun");
-    EXPECT_EQ(InitMessageTextsFor(2057), 0);
-    EXPECT_EQ(currentProfile, &languageProfiles[0]);
-    for (const LanguageProfile& p : languageProfiles)  // Arabic, Hebrew and Persian read right to left
-        EXPECT_EQ(p.rightToLeft, p.primaryLanguage == 0x01 || p.primaryLanguage == 0x0D || p.primaryLanguage == 0x29);
+}
+
+// Initialised in this order: the profile follows the primary language, and stays (status 1) when
+// no row matches it.
+TEST_F(MessageTextsTest, DisplayProfileFollowsThePrimaryLanguage) {
+    const struct {
+        const char* language;
+        uint16_t id;
+        int32_t status;
+        const char* profile;
+    } cases[] = {
+        {"Arabic, Saudi Arabia", 0x0401, 0, "Arabic"},
+        {"German", 0x0407, 1, "Arabic"},
+        {"Chinese, Hong Kong", 0x0C04, 0, "Chinese"},
+        {"English, United Kingdom", 2057, 0, "English"},
+    };
+    const char* const profiles[LANGUAGE_PROFILE_COUNT] = {"English", "Arabic", "Hebrew", "Persian", "Chinese",
+                                                          "Korean",  "Russian", "Thai", "Japanese"};
+    for (const auto& c : cases) {
+        const int32_t status = InitMessageTextsFor(c.id);
+        EXPECT_EQ(status, c.status) << c.language;
+        EXPECT_STREQ(profiles[currentProfile - languageProfiles], c.profile) << c.language;
+    }
+}
+
+TEST_F(MessageTextsTest, ArabicHebrewAndPersianReadRightToLeft) {
+    for (const LanguageProfile& p : languageProfiles) {
+        const bool rightToLeft = p.primaryLanguage == 0x01 || p.primaryLanguage == 0x0D || p.primaryLanguage == 0x29;
+        EXPECT_EQ(p.rightToLeft, rightToLeft ? 1 : 0) << "primary language " << p.primaryLanguage;
+    }
 }
 
 // Candidates: the language, its primary language with the default sublanguage, 1033; accents stay intact.
 TEST_F(MessageTextsTest, ShippedTranslationsAnswerForTheirLanguages) {
-    const struct { uint16_t languageIds[2]; const char* file; uint32_t sampleId; const char16_t* sample; } rows[] = {
+    const struct {
+        uint16_t languageIds[2];
+        const char* file;
+        uint32_t sampleId;
+        const char16_t* sample;
+    } rows[] = {
         {{1031, 2055}, "res1031.dll", 6207, u"SNTP-Server hat eine ung\u00fcltige Antwort gesendet."},  // and Swiss
         {{1036, 3084}, "res1036.dll", 6209, u"Serveur SNTP distant : adresse incoh\u00e9rente."},  // and Canadian
         {{3082, 3082}, "res3082.dll", 6207, u"Servidor SNTP remoto: respuesta no v\u00e1lida."},
@@ -115,41 +189,54 @@ TEST_F(MessageTextsTest, ShippedTranslationsAnswerForTheirLanguages) {
         {{1046, 2070}, "res1046.dll", 6208, u"Servidor SNTP remoto: vers\u00e3o incompat\u00edvel."},  // and Portugal
         {{1053, 1053}, "res1033.dll", 6210, u"Remote SNTP Server unknown error."},  // Swedish: none of its own
     };
-    OverrideInstallRoot(HERE.c_str());
+    ScopedInstallRoot root(HERE.c_str());
     for (const auto& row : rows) {
         for (uint16_t languageId : row.languageIds) {
-            SCOPED_TRACE(languageId);
             char path[PATH_CAPACITY] = "";
             FindResourceDll(languageId, path);
-            EXPECT_EQ(path, HERE + "\\Applications\\System\\" + row.file);
             InitMessageTextsFor(languageId);
-            EXPECT_EQ(Lookup(row.sampleId), row.sample);
+            EXPECT_EQ(path, HERE + "\\Applications\\System\\" + row.file) << languageId;
+            EXPECT_EQ(Lookup(row.sampleId), row.sample) << languageId;
         }
     }
 }
 
-TEST_F(MessageTextsTest, ReaderMapsBlocksToSlotsByIdAndRefusesDamagedFiles) {
-    Bytes renumbered = shipped;
-    Put32(renumbered, BlockEntry(0), 2);
-    Put32(renumbered, BlockEntry(1), 1);  // 6208 becomes slot 0
-    Put32(renumbered, BlockEntry(2), 3);
-    char16_t** table = ReadTable(renumbered);
-    ASSERT_NE(table, nullptr);
-    ASSERT_EQ(MessageTextCount(), 49u);
-    EXPECT_EQ(std::u16string(table[0]), SntpTroubleTable[SNTP_INCOMPATIBLE_VERSION].defaultText);
-    EXPECT_EQ(std::u16string(table[28]), SntpTroubleTable[SNTP_SOCKET_ERROR].defaultText);
-    FreeStringTable(table, 49);
-    Install(1033, renumbered);
+TEST_F(MessageTextsTest, ReaderPutsEachBlockInTheSlotsOfItsId) {
+    char16_t** table = ReadTable(Renumbered());
+    const uint32_t count = MessageTextCount();
+    const std::u16string slot0 = SlotText(table, 0);
+    const std::u16string slot28 = SlotText(table, 28);
+    FreeStringTable(table, count);
+    EXPECT_EQ(count, 49u);
+    EXPECT_EQ(slot0, SntpTroubleTable[SNTP_INCOMPATIBLE_VERSION].defaultText);
+    EXPECT_EQ(slot28, SntpTroubleTable[SNTP_SOCKET_ERROR].defaultText);
+}
+
+// Id 0 never names a text, though slot 0 holds one.
+TEST_F(MessageTextsTest, IdZeroGivesTheDefault) {
+    WriteScratchRoot(1033, Renumbered());
+    ScopedInstallRoot root(SCRATCH_ROOT.c_str());
     InitMessageTextsFor(1033);
     EXPECT_EQ(Lookup(0), u"default");
+}
 
-    Put32(renumbered, BlockEntry(2), 60000);  // the largest block id allowed
-    table = ReadTable(renumbered);
-    ASSERT_EQ(MessageTextCount(), 60000u * 16 + 1);
-    FreeStringTable(table, MessageTextCount());
+TEST_F(MessageTextsTest, ReaderTakesBlockIdsUpTo60000) {
+    Bytes renumbered = Renumbered();
+    Put32(renumbered, BlockEntry(2), 60000);
+    char16_t** table = ReadTable(renumbered);
+    const uint32_t count = MessageTextCount();
+    FreeStringTable(table, count);
+    EXPECT_EQ(count, 60000u * 16 + 1);
+}
 
-    // Once the table was sized, a failure keeps its count.
-    const struct { const char* name; size_t at; uint32_t value; uint32_t countAfter; } damages[] = {
+// Once the table was sized, a failure keeps its count.
+TEST_F(MessageTextsTest, ReaderRefusesDamagedFiles) {
+    const struct {
+        const char* name;
+        size_t at;
+        uint32_t value;
+        uint32_t countAfter;
+    } damages[] = {
         {"not an image", 0, 0x5A59, 0},
         {"no headers", 60, 0, 0},
         {"no resource section", sectionHeader, 0x6164642E, 0},  // ".dda"
@@ -166,7 +253,8 @@ TEST_F(MessageTextsTest, ReaderMapsBlocksToSlotsByIdAndRefusesDamagedFiles) {
         Bytes damaged = shipped;
         Put32(damaged, damage.at, damage.value);
         damaged.resize(damaged.size() + 20004, 0);  // so an over-long block could be read whole
-        EXPECT_EQ(ReadTable(damaged), nullptr) << damage.name;
+        char16_t** const table = ReadTable(damaged);
+        EXPECT_EQ(table, nullptr) << damage.name;
         EXPECT_EQ(MessageTextCount(), damage.countAfter) << damage.name;
     }
 }

@@ -38,20 +38,21 @@ class PackageTest(winerig.RigTestCase):
         winerig.wait_for_server("127.0.0.1", 30)
         query = rig.wine("C:\\Norvik\\Tools\\SntpQuery.exe", "127.0.0.1", "--count", "2", "--interval", "0",
                          "--warn-ms", "1000", "--crit-ms", "5000", timeout=60)
-        self.assertEqual(0, query.returncode, query.stdout)
+        self.assertEqual(0, query.returncode, f"SntpQuery OK: {query.stdout}")
         self.assertRegex(query.stdout, r"(?m)^SNTP OK - offset -?\d+\.\d{3} ms, delay \d+\.\d{3} ms, 2 of 2 answered")
-        self.assertEqual((0, "Service successfully removed..."), rig.norvik("uninstall"))
+        removed = rig.norvik("uninstall")
+        self.assertEqual((0, "Service successfully removed..."), removed)
         rig.wait_state(NOT_INSTALLED)
 
     def test_run_shows_the_service_alive_and_cleans_up(self):
         result = subprocess.run([sys.executable, os.path.join(winerig.SOURCE, "scripts", "run_service.py"), "--build",
                                  self.rig.build, "--seconds", "33"], capture_output=True, text=True, timeout=300)
         output = result.stdout + result.stderr
-        self.assertEqual(0, result.returncode, output)
+        self.assertEqual(0, result.returncode, f"the run command succeeds: {output}")
         self.assertIn("Service successfully added...", output)
         self.assertRegex(output, r"System clock wrong by -?[0-9.]+ seconds")
-        self.assertEqual(2, len(re.findall(QUERY_LINE, output)), output)
-        self.assertTrue(result.stdout.rstrip().endswith("Service successfully removed..."), output)
+        self.assertEqual(2, len(re.findall(QUERY_LINE, output)), f"SntpQuery at the start and 30 s later: {output}")
+        self.assertTrue(result.stdout.rstrip().endswith("Service successfully removed..."), f"removed last: {output}")
         for noise in ("Could not", "Permission denied", "Traceback", "err:", "fixme:", "no service", "no remove"):
             self.assertNotIn(noise, output)
 

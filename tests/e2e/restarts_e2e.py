@@ -14,11 +14,13 @@ class RestartsUnderLoad(winerig.RigTestCase):
     prefix_name = os.environ.get("RESTART_PREFIX", "restarts-prefix")
 
     def resting(self):
-        """(threads, handles) of the service as Windows counts them, the same twice in a row or the last seen."""
+        """The service's threads and handles as Windows counts them, the same twice in a row or the last seen."""
         now = None
         for _ in range(15):
-            match = re.search(r"threads (\d+) handles (\d+)", self.rig.wine(winerig.PROBE, "NorvikTime.exe").stdout)
-            last, now = now, match and (int(match.group(1)), int(match.group(2)))
+            probe = self.rig.wine(winerig.PROBE, "NorvikTime.exe")
+            match = re.search(r"threads (\d+) handles (\d+)", probe.stdout)
+            last = now
+            now = {"threads": int(match.group(1)), "handles": int(match.group(2))} if match else None
             if now is not None and now == last:
                 break
             time.sleep(2)
@@ -32,10 +34,14 @@ class RestartsUnderLoad(winerig.RigTestCase):
         chance = random.Random(seed)
         monitor = self.monitor()
         self.install_running()
-        self.assertEqual(PERFORMED, rig.norvik("command", "128"))  # before synchronisation starts
+        early = rig.norvik("command", "128")  # before synchronisation starts
+        self.assertEqual(PERFORMED, early)
         wait_for_server("127.0.0.1", 20)
-        self.addCleanup((load := winerig.SteadyLoad(20, minutes * 60 + 180)).stop)
-        rest, start = self.resting(), linux_figures(pid := winerig.service_pid(rig))
+        load = winerig.SteadyLoad(20, minutes * 60 + 180)
+        self.addCleanup(load.stop)
+        pid = winerig.service_pid(rig)
+        rest = self.resting()
+        start = linux_figures(pid)
         restarts = overlapping = slowest = 0
         deadline = time.monotonic() + minutes * 60
         while time.monotonic() < deadline:
@@ -46,25 +52,28 @@ class RestartsUnderLoad(winerig.RigTestCase):
                 overlap.start()
                 time.sleep(chance.uniform(0.1, 1.0))
                 overlapping += 1
-            self.assertEqual(PERFORMED, rig.norvik("command", "128"))
+            restarted = rig.norvik("command", "128")
+            self.assertEqual(PERFORMED, restarted)
             restarts += 1
             if overlap is not None:
                 overlap.join(timeout=60)
             began = time.monotonic()
             wait_for_server("127.0.0.1", 10)
             slowest = max(slowest, time.monotonic() - began)
-            self.assertEqual(RUNNING, rig.state())
+            self.assertEqual(RUNNING, rig.state(), "running after the restart")
         answered = load.answered
         time.sleep(2)
-        self.assertGreater(load.answered, answered, "no answers after the restarts")
+        self.assertGreater(load.answered, answered, "answers again after the restarts")
         end = self.resting()
         print(f"restarts: {restarts} by command 128 ({overlapping} overlapping another), plus the minute's "
               f"re-checks; slowest answer again {slowest:.1f} s; answered {load.answered} of {load.sent} requests; "
               f"threads/handles {rest} -> {end}; Linux {start} -> {linux_figures(pid)}", flush=True)
-        self.assertEqual(rest[0], end[0], "threads do not come back to their resting number")
-        self.assertLessEqual(end[1], rest[1] + 4, "handles grow with the restarts")  # slack: load, re-check
-        self.assertEqual([], [r["text"] for r in monitor.snapshot() if r["state"] == 255], "troubles raised")
-        rig.sc("stop", SERVICE), rig.wait_state(STOPPED, timeout=15)
+        self.assertEqual(rest["threads"], end["threads"], "threads come back to their resting number")
+        self.assertLessEqual(end["handles"], rest["handles"] + 4, "handles stay flat")  # slack: load, re-check
+        raised = [report["text"] for report in monitor.snapshot() if report["state"] == 255]
+        self.assertEqual([], raised, "no trouble raised")
+        rig.sc("stop", SERVICE)
+        rig.wait_state(STOPPED, timeout=15)
 
 
 if __name__ == "__main__":

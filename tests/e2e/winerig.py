@@ -36,7 +36,9 @@ def wait_until(check, timeout, what, every=0.2):
 
 class Rig:
     def __init__(self, build, prefix):
-        self.build, self.prefix, self.persistent = os.path.abspath(build), os.path.abspath(prefix), None
+        self.build = os.path.abspath(build)
+        self.prefix = os.path.abspath(prefix)
+        self.persistent = None
         self.env = dict(os.environ, WINEPREFIX=self.prefix, WINEDEBUG="-all", WINEDLLOVERRIDES="mscoree,mshtml=")
         self.setting = self.host_path("C:\\Norvik\\Data\\System\\Vantor.dat")
 
@@ -50,12 +52,14 @@ class Rig:
         """Boots the prefix, keeps its wineserver alive (a service dies a few seconds after the last
         ordinary process of its prefix otherwise), installs the programs and the languages' texts."""
         if fresh and os.path.isdir(self.prefix):
-            self.wineserver("-k"), shutil.rmtree(self.prefix)
+            self.wineserver("-k")
+            shutil.rmtree(self.prefix)
         if not os.path.isdir(os.path.join(self.prefix, "drive_c")):
             # No pipes, which what wineboot leaves running would inherit; the prefix comes down and up
             # again, as services its manager started cannot reach that manager again.
             subprocess.run([WINE, "wineboot", "-i"], env=self.env, timeout=300, **QUIET)
-            self.wineserver("-k"), self.wineserver("-w")
+            self.wineserver("-k")
+            self.wineserver("-w")
         self.persistent = subprocess.Popen([WINESERVER, "-p", "-f"], env=self.env, **QUIET)
         time.sleep(1)
         # The manager's first caller starts it, its services inheriting that caller's environment and
@@ -80,7 +84,8 @@ class Rig:
     def shutdown(self):
         self.wineserver("-k")
         if self.persistent is not None:
-            self.persistent.kill(), self.persistent.wait()
+            self.persistent.kill()
+            self.persistent.wait()
         self.persistent = None
 
     def wine(self, *args, timeout=120):
@@ -89,13 +94,15 @@ class Rig:
         with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
             code = subprocess.run([WINE, *args], env=self.env, stdin=subprocess.DEVNULL, stdout=out, stderr=err,
                                   timeout=timeout).returncode
-            out.seek(0), err.seek(0)
+            out.seek(0)
+            err.seek(0)
             return subprocess.CompletedProcess(args, code, out.read().decode("utf-8", "replace").replace("\r\n", "\n"),
                                                err.read().decode("utf-8", "replace"))
 
     def norvik(self, *args):
         """Runs a command word; returns (exit code, standard output)."""
-        return (result := self.wine(EXE, *args)).returncode, result.stdout
+        result = self.wine(EXE, *args)
+        return result.returncode, result.stdout
 
     def sc(self, *args):
         return self.wine("sc", *args, timeout=60)
@@ -113,12 +120,16 @@ class Rig:
     def remove_service(self, name=SERVICE):
         """Leaves no such service behind, whatever state it was in."""
         if self.state(name) != NOT_INSTALLED:
-            self.sc("stop", name), self.sc("delete", name), self.wait_state(NOT_INSTALLED, name)
+            self.sc("stop", name)
+            self.sc("delete", name)
+            self.wait_state(NOT_INSTALLED, name)
 
     def write_setting(self, value):
         """Vantor.dat with SNTP_IP = value; None removes the file."""
-        (Path(self.setting).unlink(missing_ok=True) if value is None
-         else Path(self.setting).write_text(f"# Norvik platform settings\nSNTP_IP {value}\n"))
+        if value is None:
+            Path(self.setting).unlink(missing_ok=True)
+        else:
+            Path(self.setting).write_text(f"# Norvik platform settings\nSNTP_IP {value}\n")
 
 
 class Monitor:
@@ -144,7 +155,9 @@ class Monitor:
                           lambda: f"reports {self.snapshot()}")
 
     def stop(self):
-        self.process.kill(), self.process.wait(), self.output.close()
+        self.process.kill()
+        self.process.wait()
+        self.output.close()
 
 
 def ntp_now(ahead=0.0, at=None):
@@ -176,11 +189,15 @@ class FakeSntpServer(threading.Thread):
 
     def __init__(self, address, ahead=0.0, reuse=False):
         super().__init__(daemon=True)
-        self.ahead, self.requests, self.lateness = ahead, [], []
+        self.ahead = ahead
+        self.requests = []
+        self.lateness = []
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, int(reuse))
         self.sock.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
-        self.sock.bind((address, 123)), self.sock.settimeout(0.2), self.start()
+        self.sock.bind((address, 123))
+        self.sock.settimeout(0.2)
+        self.start()
 
     def run(self):
         while True:
@@ -195,7 +212,8 @@ class FakeSntpServer(threading.Thread):
             self.handle(request, sender)
 
     def close(self):
-        self.sock.close(), self.join(timeout=5)
+        self.sock.close()
+        self.join(timeout=5)
 
     def handle(self, request, peer):
         self.requests.append((time.monotonic(), request))
@@ -238,10 +256,13 @@ class SteadyLoad(threading.Thread):
 
     def __init__(self, clients, seconds):
         super().__init__(daemon=True)
-        self.sent, self.answered, self.deadline = 0, 0, time.monotonic() + seconds
+        self.sent = 0
+        self.answered = 0
+        self.deadline = time.monotonic() + seconds
         self.socks = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(clients)]
         for host, sock in enumerate(self.socks, start=2):
-            sock.bind((f"127.0.0.{host}", 0)), sock.settimeout(0.5)
+            sock.bind((f"127.0.0.{host}", 0))
+            sock.settimeout(0.5)
         self.start()
 
     def run(self):
@@ -251,7 +272,8 @@ class SteadyLoad(threading.Thread):
                 self.sent += 1
                 with contextlib.suppress(socket.timeout):
                     self.answered += len(sock.recv(512)) == 48
-        for sock in self.socks: sock.close()
+        for sock in self.socks:
+            sock.close()
 
     def stop(self):
         self.deadline = 0
@@ -267,10 +289,13 @@ class RigTestCase(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.rig = Rig(cls.build, os.path.join(cls.build, cls.prefix_name))
-        cls.rig.boot(), cls.addClassCleanup(cls.rig.shutdown)
+        cls.rig.boot()
+        cls.addClassCleanup(cls.rig.shutdown)
 
     def setUp(self):
-        self.rig.remove_service(), self.rig.write_setting(None), self.addCleanup(self.rig.remove_service)
+        self.rig.remove_service()
+        self.rig.write_setting(None)
+        self.addCleanup(self.rig.remove_service)
 
     def monitor(self, rig=None):
         monitor = Monitor(rig or self.rig)
@@ -279,7 +304,9 @@ class RigTestCase(unittest.TestCase):
 
     def install_running(self, rig=None):
         """Installs and starts the service; returns the moment it reported running."""
-        self.assertEqual((0, "Service successfully added..."), (rig := rig or self.rig).norvik("install"))
+        rig = rig or self.rig
+        installed = rig.norvik("install")
+        self.assertEqual((0, "Service successfully added..."), installed)
         rig.wait_state(RUNNING)
         return time.monotonic()
 

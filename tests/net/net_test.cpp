@@ -1,6 +1,7 @@
 // The network layer: the IPv4 routines against a scripted platform table (resolution retries in
 // virtual time) and the first IPv4 answer of a list; the peer registry, its ageing thread held at
-// each sleep; NetSocket over real UDP sockets on loopback; on Windows the registry readers.
+// each sleep; NetSocket over real UDP sockets on loopback and over scripted ones; on Windows the
+// registry readers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,9 +13,9 @@
 #include "net/ipv4.h"
 #include "net/ipv4_platform.h"
 #include "net/net_socket.h"
-#include "net/net_test_seams.h"
 #include "net/peer_registry.h"
-#include "net/socket_platform.h"
+#include "tests/support/scoped_seams.h"
+#include "tests/support/scripted_sockets.h"
 #include "tests/support/virtual_time.h"
 
 #ifdef _WIN32
@@ -27,6 +28,9 @@ const uint32_t UNTOUCHED = 0x12345678u;
 // a.b.c.d in network order on the little-endian hosts we build for.
 uint32_t Address(uint32_t a, uint32_t b, uint32_t c, uint32_t d) { return a | b << 8 | c << 16 | d << 24; }
 
+const uint32_t LOOPBACK = Address(127, 0, 0, 1);
+const uint32_t RESOLVED = Address(10, 0, 0, 9);
+
 // What the scripted platform answers. A lookup answers "try again" tryAgains times, then lookupResult.
 struct Script {
     int32_t startResult = 0;
@@ -38,9 +42,10 @@ struct Script {
 } script;
 
 const Ipv4Platform scriptedPlatform = {
-    [] { return script.startResult; }, systemIpv4Platform.parseText,
+    [] { return script.startResult; },
+    systemIpv4Platform.parseText,
     [](const char*, uint32_t* address) {
-        *address = Address(10, 0, 0, 9);
+        *address = RESOLVED;
         return script.lookups++ < script.tryAgains ? RESOLVE_TRY_AGAIN : script.lookupResult;
     },
     [](char* buffer, size_t size) {
@@ -48,21 +53,37 @@ const Ipv4Platform scriptedPlatform = {
         return script.hostName.empty() || script.hostName.size() >= size ? 1 : 0;
     },
     [](const char*, uint32_t* addresses, size_t capacity, size_t* count) {
-        std::copy_n(script.hostEntry.begin(), *count = std::min(capacity, script.hostEntry.size()), addresses);
+        *count = std::min(capacity, script.hostEntry.size());
+        std::copy_n(script.hostEntry.begin(), *count, addresses);
         return script.hostEntry.empty() ? 1 : 0;
     },
     [](AdapterSetting** adapters, size_t* count) {
         if (script.adaptersFail) return 1;
-        *adapters = static_cast<AdapterSetting*>(calloc((*count = script.adapters.size()) + 1, sizeof(AdapterSetting)));
+        *count = script.adapters.size();
+        *adapters = static_cast<AdapterSetting*>(calloc(*count + 1, sizeof(AdapterSetting)));
         std::copy(script.adapters.begin(), script.adapters.end(), *adapters);
         return 0;
     },
 };
 
-// An answer list as getaddrinfo hands it over; the field names are all the selection reads.
-struct Answer { int ai_family; size_t ai_addrlen; const uint8_t* ai_addr; const Answer* ai_next; };
+// The scripted platform, in virtual time, for the life of the object; the adapter cache forgotten.
+struct ScriptedIpv4 {
+    ScriptedIpv4() { ForgetAdapterCache(); }
+    ~ScriptedIpv4() { ForgetAdapterCache(); }
+    ScopedVirtualTime time;
+    ScopedIpv4Platform platform{&scriptedPlatform};
+};
 
-const int64_t T = 1767225600;  // 2026-01-01 00:00:00 UTC, where virtual time starts
+// An answer list as getaddrinfo hands it over; the field names are all the selection reads.
+struct Answer {
+    int ai_family;
+    size_t ai_addrlen;
+    const uint8_t* ai_addr;
+    const Answer* ai_next;
+};
+
+const int64_t T = 1767225600;  // 2026-01-01 00:00:00 UTC
+const uint64_t SERVER_LIMIT = 201;
 
 // A registry-only socket: never created or opened, just a table owner. Addresses are opaque here.
 struct TableOwner : NetSocket {
@@ -70,13 +91,11 @@ struct TableOwner : NetSocket {
     ~TableOwner() { UnregisterPeerSocket(this); }
 };
 
-template <class Reached> bool WaitUntil(const Reached& reached) {
+template <class Reached>
+bool WaitUntil(const Reached& reached) {
     for (int tick = 0; tick < 10000 && !reached(); ++tick) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return reached();
 }
-
-const uint64_t SERVER_LIMIT = 201;
-const uint32_t TO = Address(127, 0, 0, 1);
 
 // A created datagram NetSocket, closed and destroyed at the end of its scope.
 struct Socket : NetSocket {
@@ -85,223 +104,395 @@ struct Socket : NetSocket {
 };
 }  // namespace
 
-// Virtual time, so a "try again" costs nothing; each row starts on the flag and cache the rows above left.
-TEST(Ipv4, ParsesResolvesFindsLocalAddressesSearchesAdaptersStaticFirstAndTakesTheFirstIpv4Answer) {
-    InstallVirtualTime();
-    uint32_t got = UNTOUCHED;
-    EXPECT_EQ(1, ParseIPv4(nullptr, &got));
-    EXPECT_EQ(1, ParseIPv4("10.0.0.1", nullptr));
-    EXPECT_EQ(1, ParseIPv4("255.255.255.255", &got));  // all ones: inet_addr's failure
-    EXPECT_EQ(UNTOUCHED, got);
-    EXPECT_EQ(0, ParseIPv4("10.0.0.1", &got));
-    EXPECT_EQ(0x0100000Au, got);  // first octet in the lowest byte
-    // Family (AF_INET 2, AF_INET6 10) and port, then the address: one offset in both layouts.
+TEST(Ipv4, ParsesDottedText) {
+    uint32_t parsed = UNTOUCHED;
+    uint32_t allOnes = UNTOUCHED;
+    const struct {
+        const char* label;
+        int32_t status;
+        int32_t expected;
+    } calls[] = {
+        {"null text", ParseIPv4(nullptr, &parsed), 1},
+        {"null output", ParseIPv4("10.0.0.1", nullptr), 1},
+        {"all ones: inet_addr's failure", ParseIPv4("255.255.255.255", &allOnes), 1},
+        {"an address", ParseIPv4("10.0.0.1", &parsed), 0},
+    };
+    for (const auto& c : calls) EXPECT_EQ(c.expected, c.status) << c.label;
+    EXPECT_EQ(UNTOUCHED, allOnes);
+    EXPECT_EQ(0x0100000Au, parsed) << "first octet in the lowest byte";
+}
+
+// Family (AF_INET 2, AF_INET6 10) and port, then the address: one offset in both layouts.
+TEST(Ipv4, TakesTheFirstIpv4AnswerOfAList) {
     const uint8_t ipv6Loopback[28] = {10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     const uint8_t ipv4Loopback[8] = {2, 0, 0, 0, 127, 0, 0, 2};
     const Answer ipv4 = {2, sizeof(ipv4Loopback), ipv4Loopback, nullptr};  // just long enough
     const Answer truncated = {2, 7, ipv4Loopback, &ipv4};
     const Answer empty = {2, sizeof(ipv4Loopback), nullptr, &truncated};
     const Answer ipv6 = {10, sizeof(ipv6Loopback), ipv6Loopback, &empty};
-    EXPECT_EQ(1, FirstIpv4Answer(&empty, 10, &got));  // none of the family asked for
-    EXPECT_EQ(0, ResolveHost("localhost", &got));  // the system's own list, which may name ::1 first
-    EXPECT_EQ(Address(127, 0, 0, 1), got);
-    EXPECT_EQ(0, FirstIpv4Answer(&ipv6, 2, &got));
-    EXPECT_EQ(Address(127, 0, 0, 2), got);
-
-    InstallIpv4Platform(&scriptedPlatform);  // its start-up call is made: no NetSocket runs here
-    const struct { const char* name; Script script; int32_t result, lookups, elapsedMs, failure; } resolves[] = {
-        {"ntp.example", {0, "", {}, {}, 99}, 1, 4, 3000, 1},
-        {"ntp.example", {0, "", {}, {}, 2}, 0, 3, 2000, 0},
-        {"ntp.example", {1}, 1, 0, 0, 0},  // the socket library would not start
-        {"no.such.host", {0, "", {}, {}, 0, 11001}, 1, 1, 0, 1},  // host not found: no retry
-        {nullptr, {}, 1, 0, 0, 1},
-    };
-    for (const auto& c : resolves) {
-        SCOPED_TRACE(testing::Message() << "resolve row " << (&c - resolves));
-        script = c.script;
-        const uint64_t start = VirtualElapsedMs();
-        uint32_t address = UNTOUCHED;
-        EXPECT_EQ(c.result, ResolveHost(c.name, &address));
-        EXPECT_EQ(c.lookups, script.lookups);
-        EXPECT_EQ(static_cast<uint64_t>(c.elapsedMs), VirtualElapsedMs() - start);
-        EXPECT_EQ(c.failure, GetResolveFailure());
-        EXPECT_EQ(c.result == 0 ? Address(10, 0, 0, 9) : UNTOUCHED, address);
-    }
-
-    const uint32_t LISTED = Address(127, 0, 0, 2);
-    const std::vector<uint32_t> entry = {Address(10, 0, 0, 5), LISTED};
-    const struct { Script script; uint32_t probe; int32_t local, result; uint32_t address; } locals[] = {
-        {{0, "workstation"}, Address(127, 0, 0, 1), 1, 1, UNTOUCHED},
-        {{0, "workstation", entry}, LISTED, 1, 0, Address(10, 0, 0, 5)},
-        {{0, "workstation", entry}, Address(127, 0, 0, 3), 0, 0, Address(10, 0, 0, 5)},
-        {{0, "", entry}, LISTED, 0, 1, UNTOUCHED},
-        {{1, "workstation", entry}, LISTED, 0, 1, UNTOUCHED},
-        {{0, "workstation", {}, {{0, "192.168.0.10", "255.255.255.0"}}}, LISTED, 0, 0, Address(192, 168, 0, 10)},
-        {{0, "10.0.0.7"}, Address(10, 0, 0, 7), 0, 0, Address(10, 0, 0, 7)},
-        {{0, std::string(40, 'w'), entry}, LISTED, 1, 0, Address(10, 0, 0, 5)},
-        {{0, std::string(41, 'w'), entry}, LISTED, 1, 1, UNTOUCHED},
-        {{0, std::string(255, 'w'), entry}, LISTED, 1, 1, UNTOUCHED},
-        {{0, std::string(256, 'w'), entry}, LISTED, 0, 1, UNTOUCHED},
-    };
-    for (const auto& c : locals) {
-        SCOPED_TRACE(testing::Message() << "local row " << (&c - locals));
-        ForgetAdapterCache();
-        script = c.script;
-        uint32_t address = UNTOUCHED;
-        EXPECT_EQ(c.local, IsLocalAddress(&c.probe));
-        EXPECT_EQ(c.result, GetLocalAddress(&address));
-        EXPECT_EQ(c.address, address);
-    }
-    EXPECT_EQ(1, IsLocalAddress(nullptr));
-
-    const uint32_t LAST = Address(192, 168, 0, 10);
-    const struct { std::vector<AdapterSetting> adapters; int32_t result; uint32_t address, mask; } searches[] = {
-        {{{1, "0.0.0.0", ""}, {0, "", "255.0.0.0"}}, 1, Address(127, 0, 0, 1), Address(255, 255, 255, 0)},
-        {{{1, "10.1.1.5", "255.0.0.0"}, {0, "192.168.0.10", "255.255.255.0"}, {0, "192.168.1.10", "255.255.0.0"}}, 0,
-         LAST, Address(255, 255, 255, 0)},
-        {{{1, "0.0.0.0", "0.0.0.0"}, {1, "10.1.1.5", "255.0.0.0"}, {1, "10.2.2.6", "255.255.0.0"}, {0, "", ""}}, 0,
-         Address(10, 1, 1, 5), Address(255, 0, 0, 0)},
-        // A static adapter's unparsable mask leaves the lease's.
-        {{{1, "10.1.1.5", "255.0.0.0"}, {0, "192.168.0.10", "255.255.255.255"}}, 0, LAST, Address(255, 0, 0, 0)},
-        {{}, 0, LAST, Address(255, 0, 0, 0)},
-    };
-    for (const auto& c : searches) {
-        SCOPED_TRACE(testing::Message() << "adapter row " << (&c - searches));
-        script.adapters = c.adapters;
-        uint32_t address = UNTOUCHED, mask = UNTOUCHED;
-        EXPECT_EQ(c.result, GetAdapterAddress(&address, &mask));
-        EXPECT_EQ(c.address, address);
-        EXPECT_EQ(c.mask, mask);
-    }
-    ForgetAdapterCache();  // an unreadable adapter list: loopback, and nothing cached from it
-    script.adaptersFail = true;
-    uint32_t mask = UNTOUCHED;
-    EXPECT_EQ(1, GetAdapterAddress(&got, &mask));
-    EXPECT_EQ(Address(127, 0, 0, 1), got);
-    EXPECT_EQ(1, GetAdapterAddress(nullptr, &got));
-    EXPECT_EQ(0, SelectAdapterAddress(nullptr, 2, &got, &got));
-    AdapterSetting unterminated;
-    memset(&unterminated, '1', sizeof(unterminated));  // no NUL anywhere: still bounded
-    EXPECT_EQ(1, SelectAdapterAddress(&unterminated, 1, &got, &got));
-    RemoveVirtualTime();
-    InstallIpv4Platform(nullptr);
+    uint32_t none = UNTOUCHED;
+    uint32_t found = UNTOUCHED;
+    const int32_t noneOfTheFamily = FirstIpv4Answer(&empty, 10, &none);
+    const int32_t first = FirstIpv4Answer(&ipv6, 2, &found);
+    EXPECT_EQ(1, noneOfTheFamily);
+    EXPECT_EQ(0, first);
+    EXPECT_EQ(Address(127, 0, 0, 2), found);
 }
 
-// The last destroy must not return while the thread is still inside its sleep (held by the hook).
-TEST(PeerRegistry, AdmitsUpToTheLimitAgesPeersAndBlockedPairsAndItsThreadSweepsEachSecondUntilJoined) {
-    InstallVirtualTime();
-    BlockPeer(1, 123);  // at T
-    EXPECT_EQ(1, IsPeerBlocked(1, 123));
-    EXPECT_EQ(0, IsPeerBlocked(1, 124));
-    EXPECT_EQ(0, IsPeerBlocked(2, 123));
-    TableOwner server(2);
-    EXPECT_EQ(1, AdmitPeerAt(&server, 1, T));
-    EXPECT_EQ(1, AdmitPeerAt(&server, 2, T));
-    EXPECT_EQ(0, AdmitPeerAt(&server, 3, T));      // full: a new sender is refused
-    EXPECT_EQ(1, AdmitPeerAt(&server, 1, T + 4));  // known: admitted and refreshed
-    SweepPeerRegistry(T + 5);
-    EXPECT_EQ(2u, CountPeers(&server));
-    SweepPeerRegistry(T + 6);
-    EXPECT_EQ(1u, CountPeers(&server));  // 2 goes at six seconds, the refreshed 1 stays
-    EXPECT_EQ(1, AdmitPeerAt(&server, 3, T + 6));  // room again
-    SweepPeerRegistry(INT64_MIN);  // a clock gone backwards forgets nothing
-    EXPECT_EQ(2u, CountPeers(&server));
-    SweepPeerRegistry(T + 30);
-    EXPECT_EQ(1, IsPeerBlocked(1, 123));
-    SweepPeerRegistry(T + 31);
-    EXPECT_EQ(0u, CountBlockedPeers());
+// The system's own list, which may name ::1 first.
+TEST(Ipv4, ResolvesLocalhostToLoopback) {
+    uint32_t address = UNTOUCHED;
+    const int32_t resolved = ResolveHost("localhost", &address);
+    EXPECT_EQ(0, resolved);
+    EXPECT_EQ(LOOPBACK, address);
+}
 
-    static std::atomic<int> entered{0}, permits{0};  // static: the hook may outlive a failed test
-    SetSleepHook([](uint32_t) {
+// The host's own name resolves on this machine (to 127.0.0.1 in the sandbox).
+TEST(Ipv4, TheSystemListsTheAddressesOfThisHostsName) {
+    char name[256] = "";
+    uint32_t addresses[HOST_ENTRY_LIMIT];
+    size_t count = 0;
+    systemIpv4Platform.startLibrary();
+    systemIpv4Platform.readHostName(name, sizeof name);
+    const int32_t listed = systemIpv4Platform.readHostEntry(name, addresses, HOST_ENTRY_LIMIT, &count);
+    EXPECT_EQ(0, listed) << name;
+    EXPECT_LE(1u, count) << name;
+}
+
+// "Try again" costs a second of virtual time; three retries at most; not found is no retry.
+TEST(Ipv4, ResolutionRetriesATemporaryFailure) {
+    ScriptedIpv4 scripted;
+    const struct {
+        const char* label;
+        const char* name;
+        Script script;
+        int32_t result, lookups, elapsedMs, failure;
+    } rows[] = {
+        {"always try again", "ntp.example", {0, "", {}, {}, 99}, 1, 4, 3000, 1},
+        {"answered on the third", "ntp.example", {0, "", {}, {}, 2}, 0, 3, 2000, 0},
+        {"the socket library would not start", "ntp.example", {1}, 1, 0, 0, 0},
+        {"host not found", "no.such.host", {0, "", {}, {}, 0, 11001}, 1, 1, 0, 1},
+        {"no name", nullptr, {}, 1, 0, 0, 1},
+    };
+    for (const auto& row : rows) {
+        script = row.script;
+        const uint64_t start = VirtualElapsedMs();
+        uint32_t address = UNTOUCHED;
+        const int32_t result = ResolveHost(row.name, &address);
+        EXPECT_EQ(row.result, result) << row.label;
+        EXPECT_EQ(row.lookups, script.lookups) << row.label;
+        EXPECT_EQ(static_cast<uint64_t>(row.elapsedMs), VirtualElapsedMs() - start) << row.label;
+        EXPECT_EQ(row.failure, GetResolveFailure()) << row.label;
+        EXPECT_EQ(row.result == 0 ? RESOLVED : UNTOUCHED, address) << row.label;
+    }
+}
+
+// This host's addresses: its name's entry, else the adapters, else a name that is an address; a
+// name of 41 to 255 characters is no host's.
+TEST(Ipv4, FindsThisHostsAddresses) {
+    ScriptedIpv4 scripted;
+    const uint32_t LISTED = Address(127, 0, 0, 2);
+    const std::vector<uint32_t> entry = {Address(10, 0, 0, 5), LISTED};
+    const struct {
+        const char* label;
+        Script script;
+        uint32_t probe;
+        int32_t local, result;
+        uint32_t address;
+    } rows[] = {
+        {"loopback is always this host", {0, "workstation"}, LOOPBACK, 1, 1, UNTOUCHED},
+        {"listed first in the entry", {0, "workstation", entry}, Address(10, 0, 0, 5), 1, 0, Address(10, 0, 0, 5)},
+        {"listed in the entry", {0, "workstation", entry}, LISTED, 1, 0, Address(10, 0, 0, 5)},
+        {"not listed", {0, "workstation", entry}, Address(127, 0, 0, 3), 0, 0, Address(10, 0, 0, 5)},
+        {"no name", {0, "", entry}, LISTED, 0, 1, UNTOUCHED},
+        {"no socket library", {1, "workstation", entry}, LISTED, 0, 1, UNTOUCHED},
+        {"no entry: the adapter", {0, "workstation", {}, {{0, "192.168.0.10", "255.255.255.0"}}}, LISTED, 0, 0,
+         Address(192, 168, 0, 10)},
+        {"a name that is an address", {0, "10.0.0.7"}, Address(10, 0, 0, 7), 0, 0, Address(10, 0, 0, 7)},
+        {"a name of 40", {0, std::string(40, 'w'), entry}, LISTED, 1, 0, Address(10, 0, 0, 5)},
+        {"a name of 41", {0, std::string(41, 'w'), entry}, LISTED, 1, 1, UNTOUCHED},
+        {"a name of 255", {0, std::string(255, 'w'), entry}, LISTED, 1, 1, UNTOUCHED},
+        {"a name of 256", {0, std::string(256, 'w'), entry}, LISTED, 0, 1, UNTOUCHED},
+    };
+    for (const auto& row : rows) {
+        ForgetAdapterCache();
+        script = row.script;
+        uint32_t address = UNTOUCHED;
+        const int32_t local = IsLocalAddress(&row.probe);
+        const int32_t result = GetLocalAddress(&address);
+        EXPECT_EQ(row.local, local) << row.label;
+        EXPECT_EQ(row.result, result) << row.label;
+        EXPECT_EQ(row.address, address) << row.label;
+    }
+    EXPECT_EQ(1, IsLocalAddress(nullptr));
+}
+
+// Static adapters first, in list order, then a lease; an adapter without an address is passed over.
+TEST(Ipv4, SearchesTheAdaptersStaticFirst) {
+    ScriptedIpv4 scripted;
+    const uint32_t LAST = Address(192, 168, 0, 10);
+    const struct {
+        const char* label;
+        std::vector<AdapterSetting> adapters;
+        int32_t result;
+        uint32_t address, mask;
+    } rows[] = {
+        {"none usable: loopback", {{1, "0.0.0.0", ""}, {0, "", "255.0.0.0"}}, 1, LOOPBACK, Address(255, 255, 255, 0)},
+        {"the first static", {{1, "10.1.1.5", "255.0.0.0"}, {0, "192.168.0.10", "255.255.255.0"},
+                              {0, "192.168.1.10", "255.255.0.0"}}, 0, LAST, Address(255, 255, 255, 0)},
+        {"the first lease", {{1, "0.0.0.0", "0.0.0.0"}, {1, "10.1.1.5", "255.0.0.0"}, {1, "10.2.2.6", "255.255.0.0"},
+                             {0, "", ""}}, 0, Address(10, 1, 1, 5), Address(255, 0, 0, 0)},
+        {"a static adapter's unparsable mask leaves the lease's",
+         {{1, "10.1.1.5", "255.0.0.0"}, {0, "192.168.0.10", "255.255.255.255"}}, 0, LAST, Address(255, 0, 0, 0)},
+        {"no adapter: the one found last, cached", {}, 0, LAST, Address(255, 0, 0, 0)},
+    };
+    for (const auto& row : rows) {
+        script.adapters = row.adapters;
+        uint32_t address = UNTOUCHED;
+        uint32_t mask = UNTOUCHED;
+        const int32_t result = GetAdapterAddress(&address, &mask);
+        EXPECT_EQ(row.result, result) << row.label;
+        EXPECT_EQ(row.address, address) << row.label;
+        EXPECT_EQ(row.mask, mask) << row.label;
+    }
+}
+
+TEST(Ipv4, AnUnreadableAdapterListGivesLoopback) {
+    ScriptedIpv4 scripted;
+    script.adaptersFail = true;
+    uint32_t address = UNTOUCHED;
+    uint32_t mask = UNTOUCHED;
+    const int32_t result = GetAdapterAddress(&address, &mask);
+    EXPECT_EQ(1, result);
+    EXPECT_EQ(LOOPBACK, address);
+}
+
+// Null outputs and a list without a single NUL: refused or bounded, never read past.
+TEST(Ipv4, AdapterSearchRefusesWhatItCannotUse) {
+    uint32_t out = UNTOUCHED;
+    AdapterSetting unterminated;
+    memset(&unterminated, '1', sizeof(unterminated));
+    const struct {
+        const char* label;
+        int32_t status;
+        int32_t expected;
+    } calls[] = {
+        {"no address output", GetAdapterAddress(nullptr, &out), 1},
+        {"no adapters", SelectAdapterAddress(nullptr, 2, &out, &out), 0},
+        {"an unterminated adapter", SelectAdapterAddress(&unterminated, 1, &out, &out), 1},
+    };
+    for (const auto& c : calls) EXPECT_EQ(c.expected, c.status) << c.label;
+}
+
+// A blocked pair (address, local port) is forgotten after 30 s.
+TEST(PeerRegistry, BlocksAPairForThirtySeconds) {
+    ScopedVirtualTime time;  // blocked at T
+    BlockPeer(1, 123);
+    const struct {
+        const char* label;
+        int32_t blocked;
+        int32_t expected;
+    } checks[] = {
+        {"the pair", IsPeerBlocked(1, 123), 1},
+        {"another port", IsPeerBlocked(1, 124), 0},
+        {"another address", IsPeerBlocked(2, 123), 0},
+    };
+    for (const auto& c : checks) EXPECT_EQ(c.expected, c.blocked) << c.label;
+    SweepPeerRegistry(T + 30);
+    EXPECT_EQ(1, IsPeerBlocked(1, 123)) << "after 30 s";
+    SweepPeerRegistry(T + 31);
+    EXPECT_EQ(0u, CountBlockedPeers()) << "after 31 s";
+}
+
+// Each row at its time, after the rows above: a full table refuses a new sender; a known one is
+// refreshed; peers go after five seconds of silence; a clock gone backwards forgets nothing.
+TEST(PeerRegistry, AdmitsUpToTheLimitAndAgesPeers) {
+    TableOwner server(2);
+    const struct {
+        const char* label;
+        int64_t sweepAt;  // 0: none
+        uint32_t peer;
+        int64_t at;
+        int32_t admitted;
+        size_t peers;
+    } rows[] = {
+        {"a first", 0, 1, T, 1, 1},
+        {"a second", 0, 2, T, 1, 2},
+        {"a third: full", 0, 3, T, 0, 2},
+        {"the first again, refreshed", 0, 1, T + 4, 1, 2},
+        {"after 5 s all stay", T + 5, 1, T + 5, 1, 2},
+        {"after 6 s the second went: room again", T + 6, 3, T + 6, 1, 2},
+        {"a clock gone backwards", INT64_MIN, 3, T + 6, 1, 2},
+    };
+    for (const auto& row : rows) {
+        if (row.sweepAt != 0) SweepPeerRegistry(row.sweepAt);
+        const int32_t admitted = AdmitPeerAt(&server, row.peer, row.at);
+        EXPECT_EQ(row.admitted, admitted) << row.label;
+        EXPECT_EQ(row.peers, CountPeers(&server)) << row.label;
+    }
+}
+
+// The thread sweeps once a second (its sleeps held by the hook until the test permits each) and the
+// last destroy does not return while the thread is still inside its sleep.
+TEST(PeerRegistry, TheAgeingThreadSweepsEachSecondUntilJoined) {
+    ScopedVirtualTime time;
+    static std::atomic<int> entered{0}, permits{0};  // static: read by a hook without captures
+    entered = 0;
+    permits = 0;
+    ScopedSleepHook hook([](uint32_t) {
         entered.fetch_add(1);
         WaitUntil([] { return permits.load() > 0; });
         permits.fetch_sub(1);
     });
     NetSocket library;  // starts the library and its thread; never opened
-    ASSERT_EQ(0, CreateNetSocket(&library, NET_SOCKET_DATAGRAM));
-    EXPECT_TRUE(WaitUntil([] { return entered.load() == 1; }));  // first sweep done at T, now asleep
+    CreateNetSocket(&library, NET_SOCKET_DATAGRAM);
+    const bool firstSweepDone = WaitUntil([] { return entered.load() == 1; });  // at T, now asleep
     TableOwner client(1);
-    EXPECT_EQ(1, AdmitPeer(&client, 1));
+    AdmitPeer(&client, 1);
+    std::vector<size_t> peersAfterEachSweep;
     for (int second = 1; second <= 6; ++second) {
         permits.fetch_add(1);
-        EXPECT_TRUE(WaitUntil([second] { return entered.load() == second + 1; }));
-        EXPECT_EQ(second < 6 ? 1u : 0u, CountPeers(&client)) << "sweep at T + " << second;
+        WaitUntil([second] { return entered.load() == second + 1; });
+        peersAfterEachSweep.push_back(CountPeers(&client));
     }
     std::atomic<bool> destroyed{false};
     std::thread destroyer([&] { destroyed = DestroyNetSocket(&library) == 0; });
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_FALSE(destroyed.load()) << "the stop must wait for the thread to end";
+    const bool destroyedInsideTheSleep = destroyed.load();
     permits.fetch_add(1);
     destroyer.join();
+    EXPECT_TRUE(firstSweepDone);
+    EXPECT_EQ((std::vector<size_t>{1, 1, 1, 1, 1, 0}), peersAfterEachSweep) << "the peer goes at T + 6";
+    EXPECT_FALSE(destroyedInsideTheSleep) << "the stop must wait for the thread to end";
+    EXPECT_TRUE(destroyed.load());
     EXPECT_EQ(0, PeerThreadRunning());
     EXPECT_EQ(0u, CountAgeingThreads());
     EXPECT_EQ(7, entered.load());
-    SetSleepHook({});
-    RemoveVirtualTime();
 }
 
-
-// Destroy after close leaves the handed-on handle alone; full or blocking peer tables drop and zero.
-TEST(NetSocket, OpenReportsErrorsSendAndReceiveOpenAFreshOrClosedSocketAndPeerTablesDropDatagrams) {
-    NetSocket early;
-    ASSERT_EQ(0, CreateNetSocket(&early, NET_SOCKET_DATAGRAM));  // starts the socket library
+// On every interface, without address reuse: Linux and Wine both refuse a second socket there.
+TEST(NetSocket, OpeningATakenPortGivesThePlatformsError) {
+    Socket early;
     int32_t error = 0;
-    const uint64_t holder = OpenPlatformSocket(&error);  // on every interface, without address reuse
+    const uint64_t holder = systemSocketPlatform.open(&error);
     NetAddress held = {NET_FAMILY_INET, 0, 0, {}};
-    ASSERT_EQ(0, BindPlatformSocket(holder, &held, &error));
-    ASSERT_EQ(0, ReadPlatformSocketName(holder, &held));
-    const uint16_t freePort = HostPort(held.port);
-    const int32_t busy = OpenNetSocket(&early, freePort, SERVER_LIMIT);  // Linux and Wine both refuse it
-    EXPECT_TRUE(busy != 0 && busy != 1) << busy;  // the platform's code, not the null-object status
+    systemSocketPlatform.bind(holder, &held, &error);
+    systemSocketPlatform.readName(holder, &held);
+    const int32_t busy = OpenNetSocket(&early, HostPort(held.port), SERVER_LIMIT);
+    systemSocketPlatform.close(holder);
+    EXPECT_NE(0, busy);
+    EXPECT_NE(1, busy) << "the platform's code, not the null-object status";
     EXPECT_EQ(NET_STATE_FAILED, early.state);
-    ClosePlatformSocket(holder);
-    EXPECT_EQ(0, CloseNetSocket(&early));
+}
 
+// A wait on a real socket: 0 while nothing is queued, 1 once a datagram is.
+TEST(NetSocket, AWaitTellsADatagramFromATimeOut) {
     Socket receiver;
     Socket sender;
-    receiver.localPort = freePort;
-    ASSERT_EQ(6, SendNetSocket(&sender, "first", 6, &TO, freePort, 1));  // opens the sender; lost, as nothing is bound
+    OpenNetSocket(&receiver, 0, SERVER_LIMIT);
+    const int32_t empty = WaitNetSocketReadable(&receiver, 0);
+    SendNetSocket(&sender, "x", 2, &LOOPBACK, receiver.localPort, 1);
+    const int32_t queued = WaitNetSocketReadable(&receiver, 2000);
+    EXPECT_EQ(0, empty);
+    EXPECT_EQ(1, queued);
+}
+
+// A send opens a fresh socket; the receive binds its port. Datagrams sent before that are lost:
+// the sender repeats until one arrives.
+TEST(NetSocket, ADatagramArrivesWithItsSendersAddressAndPort) {
+    Socket receiver;
+    Socket sender;
+    OpenNetSocket(&receiver, 0, SERVER_LIMIT);
+    const uint16_t port = receiver.localPort;
+    CloseNetSocket(&receiver);
+    receiver.localPort = port;
     std::atomic<bool> done{false};
-    std::thread sending([&] {  // datagrams sent before the receive has bound are lost: repeat
+    std::thread sending([&] {
         for (int attempt = 0; attempt < 250 && !done; ++attempt) {
-            SendNetSocket(&sender, "first", 6, &TO, freePort, 1);
+            SendNetSocket(&sender, "first", 6, &LOOPBACK, port, 1);
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     });
     uint8_t buffer[64] = {};
     uint32_t address = 0;
-    uint16_t port = 0;
-    EXPECT_EQ(6, ReceiveNetSocket(&receiver, buffer, sizeof(buffer), &address, &port, SERVER_LIMIT));
+    uint16_t senderPort = 0;
+    const int32_t received = ReceiveNetSocket(&receiver, buffer, sizeof(buffer), &address, &senderPort, SERVER_LIMIT);
     done = true;
     sending.join();
+    EXPECT_EQ(6, received);
     EXPECT_STREQ("first", reinterpret_cast<const char*>(buffer));
-    EXPECT_EQ(TO, address);
-    EXPECT_EQ(sender.localPort, port);
+    EXPECT_EQ(LOOPBACK, address);
+    EXPECT_EQ(sender.localPort, senderPort);
+}
 
-    EXPECT_EQ(0, DestroyNetSocket(&early));
-    EXPECT_NE(-1, WaitNetSocketReadable(&sender, 0));  // still open
-    EXPECT_EQ(0, CloseNetSocket(&sender));
-    EXPECT_EQ(7, SendNetSocket(&sender, "second", 7, &TO, freePort, 1));
-    EXPECT_EQ(NET_STATE_BOUND, sender.state);
-    int32_t received = 0;
-    for (int datagram = 0; datagram < 4 && received != 7; ++datagram) {  // past any queued "first"
-        ASSERT_EQ(1, WaitNetSocketReadable(&receiver, 2000));
-        received = ReceiveNetSocket(&receiver, buffer, sizeof(buffer), &address, &port, SERVER_LIMIT);
-    }
-    EXPECT_EQ(7, received);
-    EXPECT_EQ(sender.localPort, port);
+TEST(NetSocket, ASendOnAClosedSocketOpensItAgain) {
+    ScriptedSockets sockets;
+    Socket socket;
+    OpenNetSocket(&socket, 0, 1);
+    CloseNetSocket(&socket);
+    const int32_t sent = SendNetSocket(&socket, "second", 7, &LOOPBACK, 123, 1);
+    EXPECT_EQ(7, sent);
+    EXPECT_EQ(NET_STATE_BOUND, socket.state);
+    EXPECT_EQ(1u, sockets.Sent().size());
+}
 
+// The handle a closed socket had may be another socket's by now: a destroy leaves it alone.
+TEST(NetSocket, ADestroyAfterACloseClosesNothingMore) {
+    ScriptedSockets sockets;
+    int closes = 0;
+    sockets.OnClose([&closes](uint64_t handle) { closes += handle == SCRIPTED_HANDLE ? 1 : 0; });
+    NetSocket socket;
+    CreateNetSocket(&socket, NET_SOCKET_DATAGRAM);
+    OpenNetSocket(&socket, 0, 1);
+    CloseNetSocket(&socket);
+    DestroyNetSocket(&socket);
+    EXPECT_EQ(1, closes);
+}
+
+// A full peer table and a blocked pair both drop the datagram and zero what the caller reads first.
+TEST(NetSocket, ADroppedDatagramReadsAsZeros) {
+    ScriptedSockets sockets;
     Socket full;
-    ASSERT_EQ(0, OpenNetSocket(&full, 0, 1));
+    Socket blocking;
+    OpenNetSocket(&full, 0, 1);
+    OpenNetSocket(&blocking, 0, 1);
     RegisterPeerSocket(&full);
-    ASSERT_EQ(1, AdmitPeer(&full, Address(127, 0, 0, 99)));
-    BlockPeer(TO, receiver.localPort);  // the receiver already knows the sender: blocking comes first
-    for (NetSocket* dropping : {static_cast<NetSocket*>(&full), static_cast<NetSocket*>(&receiver)}) {
-        ASSERT_EQ(12, SendNetSocket(&sender, "0123456789AB", 12, &TO, dropping->localPort, SERVER_LIMIT));
-        ASSERT_EQ(1, WaitNetSocketReadable(dropping, 2000));
-        EXPECT_EQ(0, ReceiveNetSocket(dropping, buffer, sizeof(buffer), &address, &port, 1));
-        EXPECT_EQ(0, memcmp(buffer, "\0\0\0\0\0\0\0\0" "89AB", 12));
+    AdmitPeer(&full, Address(127, 0, 0, 99));
+    BlockPeer(LOOPBACK, blocking.localPort);
+    for (NetSocket* dropping : {static_cast<NetSocket*>(&full), static_cast<NetSocket*>(&blocking)}) {
+        sockets.Queue({LOOPBACK, 123, std::vector<uint8_t>{'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'A', 'B'}});
+        uint8_t buffer[12];
+        uint32_t address = 0;
+        uint16_t port = 0;
+        const int32_t received = ReceiveNetSocket(dropping, buffer, sizeof(buffer), &address, &port, 1);
+        EXPECT_EQ(0, received) << (dropping == &full ? "full" : "blocked");
+        EXPECT_EQ(0, memcmp(buffer, "\0\0\0\0\0\0\0\0" "89AB", 12)) << (dropping == &full ? "full" : "blocked");
     }
+}
+
+// Heard from, then reopened without success: the socket has no handle but is in the registry, whose
+// ageing sweep would read it after its storage is gone unless the destroy takes it out.
+TEST(NetSocket, ADestroyTakesASocketWithoutAHandleOutOfTheRegistry) {
+    Socket keeper;  // keeps the library up: the last destroy would empty the registry anyway
+    const size_t socketsBefore = CountPeerSockets();
+    size_t socketsAfter = 0;
+    {
+        ScriptedSockets sockets;
+        NetSocket socket;
+        CreateNetSocket(&socket, NET_SOCKET_DATAGRAM);
+        OpenNetSocket(&socket, 0, 1);
+        sockets.Queue({Address(127, 0, 0, 9), 123, std::vector<uint8_t>(48, 0x1C)});
+        uint8_t datagram[48];
+        uint32_t from = 0;
+        uint16_t port = 0;
+        ReceiveNetSocket(&socket, datagram, sizeof datagram, &from, &port, 1);
+        sockets.FailOpens(10024);  // WSAEMFILE: no more sockets
+        OpenNetSocket(&socket, 0, 1);
+        EXPECT_EQ(NET_INVALID_HANDLE, socket.handle);
+        DestroyNetSocket(&socket);
+        socketsAfter = CountPeerSockets();
+    }
+    EXPECT_EQ(socketsBefore, socketsAfter);
 }
 
 #ifdef _WIN32
@@ -309,11 +500,18 @@ TEST(NetSocket, OpenReportsErrorsSendAndReceiveOpenAFreshOrClosedSocketAndPeerTa
 TEST(RegistryValues, ReadersWantTheirTypeAndNarrowWithBarsAsBangs) {
     const char KEY[] = "SOFTWARE\\NorvikTimeTest";
     HKEY key = nullptr;
-    ASSERT_EQ(0, RegCreateKeyExA(HKEY_LOCAL_MACHINE, KEY, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
+    const LONG created = RegCreateKeyExA(HKEY_LOCAL_MACHINE, KEY, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
+    ASSERT_EQ(0, created);
     std::wstring many;
     for (int index = 0; index < 150; ++index) many += std::wstring(L"abcdefghi|\0", 11);  // 1650 units: > 1024 bytes
-    const struct { const wchar_t* name; DWORD type; std::wstring data; } values[] = {
-        {L"Odd!Name", REG_SZ, L"a|b!c\x0141"}, {L"Number", REG_DWORD, L"\x0001"}, {L"Many", REG_MULTI_SZ, many},
+    const struct {
+        const wchar_t* name;
+        DWORD type;
+        std::wstring data;
+    } values[] = {
+        {L"Odd!Name", REG_SZ, L"a|b!c\x0141"},
+        {L"Number", REG_DWORD, L"\x0001"},
+        {L"Many", REG_MULTI_SZ, many},
         {L"List", REG_MULTI_SZ, std::wstring(L"192.168.0.10\0" L"10.0.0.1\0", 22)},
         {L"TooLong", REG_SZ, std::wstring(300, L'9')},  // more than the 520 bytes a string may have
     };
@@ -335,67 +533,3 @@ TEST(RegistryValues, ReadersWantTheirTypeAndNarrowWithBarsAsBangs) {
     RegDeleteTreeA(HKEY_LOCAL_MACHINE, KEY);
 }
 #endif
-
-namespace {
-// Socket calls that touch no platform socket: open gives a made-up handle until opens are told to
-// fail, and every receive reads one datagram from 127.0.0.9.
-const uint64_t SCRIPTED_HANDLE = 0x5C0C;
-const int32_t SCRIPTED_OPEN_ERROR = 10024;  // WSAEMFILE: no more sockets
-std::atomic<bool> scriptedOpensFail{false};
-
-class ScriptedSockets {
-public:
-    ScriptedSockets() : platform_(systemSocketPlatform) {
-        scriptedOpensFail = false;
-        platform_.open = [](int32_t* error) -> uint64_t {
-            if (scriptedOpensFail.load()) {
-                *error = SCRIPTED_OPEN_ERROR;
-                return NET_INVALID_HANDLE;
-            }
-            return SCRIPTED_HANDLE;
-        };
-        platform_.close = [](uint64_t) {};
-        platform_.setOption = [](uint64_t, int32_t, int32_t) -> int32_t { return 0; };
-        platform_.bind = [](uint64_t, const NetAddress*, int32_t*) -> int32_t { return 0; };
-        platform_.readName = [](uint64_t, NetAddress*) -> int32_t { return 0; };
-        platform_.receive = [](uint64_t, void* buffer, int32_t capacity, NetAddress* from, int32_t*) -> int32_t {
-            std::memset(buffer, 0x1C, static_cast<size_t>(capacity));
-            from->address = Address(127, 0, 0, 9);
-            from->port = NetworkPort(123);
-            return capacity;
-        };
-        previous_ = InstallSocketPlatform(&platform_);
-    }
-    ~ScriptedSockets() { InstallSocketPlatform(previous_); }
-    ScriptedSockets(const ScriptedSockets&) = delete;
-    ScriptedSockets& operator=(const ScriptedSockets&) = delete;
-
-private:
-    SocketPlatform platform_;
-    const SocketPlatform* previous_ = nullptr;
-};
-}  // namespace
-
-// Heard from, then reopened without success: the socket has no handle but is in the registry, whose
-// ageing sweep would read it after its storage is gone unless the destroy takes it out.
-TEST(NetSocket, ADestroyTakesASocketWithoutAHandleOutOfTheRegistry) {
-    NetSocket keeper;  // keeps the library up: the last destroy would empty the registry anyway
-    ASSERT_EQ(0, CreateNetSocket(&keeper, NET_SOCKET_DATAGRAM));
-    const size_t socketsBefore = CountPeerSockets();
-    {
-        ScriptedSockets scripted;
-        NetSocket socket;
-        ASSERT_EQ(0, CreateNetSocket(&socket, NET_SOCKET_DATAGRAM));
-        ASSERT_EQ(0, OpenNetSocket(&socket, 0, 1));
-        uint8_t datagram[48];
-        uint32_t from = 0;
-        uint16_t port = 0;
-        ASSERT_EQ(48, ReceiveNetSocket(&socket, datagram, sizeof datagram, &from, &port, 1));
-        scriptedOpensFail = true;
-        ASSERT_EQ(SCRIPTED_OPEN_ERROR, OpenNetSocket(&socket, 0, 1));
-        ASSERT_EQ(NET_INVALID_HANDLE, socket.handle);
-        DestroyNetSocket(&socket);
-    }
-    EXPECT_EQ(socketsBefore, CountPeerSockets());
-    DestroyNetSocket(&keeper);
-}

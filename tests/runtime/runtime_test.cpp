@@ -1,85 +1,183 @@
-// Locks, the TickTimer with its two quirks, the thread starter and the driver choke points.
+// Locks, the TickTimer with its quirks, the thread starter, the status convention, and the
+// system driver's own clocks and random sequence.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <thread>
+#include <vector>
 
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
 #include "tests/support/virtual_time.h"
 
-TEST(VirtualTime, TimersStartRestartAndExpireAcrossTheWrapAndTheDriverCarriesClocksAndRandom) {
-    InstallVirtualTime(VIRTUAL_START_FILETIME, 0u - 30000u);  // wraps half-way through
-    const auto expiredAfter = [](TickTimer* t, uint32_t ms) { AdvanceVirtualTime(ms); return TimerExpired(t); };
-    TickTimer timer = {0, 0, 0, 0};
-    EXPECT_EQ(0, TimerExpired(&timer));  // unarmed: never fires
-    ASSERT_EQ(0, StartTimer(&timer, 60000));
-    EXPECT_EQ(0, expiredAfter(&timer, 0));  // not in the millisecond it started
-    EXPECT_EQ(0, expiredAfter(&timer, 60000));  // across the wrap: fires a millisecond late
-    EXPECT_EQ(1, expiredAfter(&timer, 1));
-    TickTimer unarmed = {0, 60000, 0, 0};
-    ASSERT_EQ(0, RestartTimer(&unarmed));  // arms it, with its interval, from now
-    EXPECT_EQ(0, expiredAfter(&unarmed, 59999));
-    EXPECT_EQ(1, expiredAfter(&unarmed, 1));
-    ASSERT_EQ(0, StartTimer(&timer, 0));
-    EXPECT_EQ(1, TimerExpired(&timer));  // interval 0 fires on the first test
-    EXPECT_EQ(0, ReleaseTimer(&timer));
-    // Null is refused; a missing timer also reads as expired.
-    const int32_t statuses[] = {InitLock(nullptr),     DeleteLock(nullptr),    EnterLock(nullptr),
-                                LeaveLock(nullptr),    StartTimer(nullptr, 5), RestartTimer(nullptr),
-                                TimerExpired(nullptr), ReleaseTimer(nullptr)};
-    for (int32_t status : statuses) EXPECT_EQ(1, status);
+namespace {
+const uint32_t MINUTE_MS = 60000;
+const uint32_t WRAP_START = 0u - 30000u;  // the tick count wraps 30 s after this
 
-    const uint32_t tick = ReadTickCount();
-    const int64_t wall = ReadWallClock(nullptr);
-    EXPECT_EQ(0, SleepFor(86400u * 1000u));  // a day, at once
-    EXPECT_EQ(0, PauseBriefly());
-    EXPECT_EQ(tick + 86400010u, ReadTickCount());
-    int64_t stored = 0;
-    EXPECT_EQ(wall + 86400, ReadWallClock(&stored));
-    EXPECT_EQ(wall + 86400, stored);
-    WriteSystemFileTime(UNIX_EPOCH_FILETIME);
-    EXPECT_EQ(RecordedClockSettings(), std::vector<int64_t>{UNIX_EPOCH_FILETIME});
-    SeedRandom(1234);
-    EXPECT_EQ(1234u, RecordedRandomSeed());
-    RemoveVirtualTime();
+std::atomic<uint64_t> delivered{0};  // a thread function has no captures
 
-    // The system's own clocks move with a real sleep (and both by about the same amount).
-    const std::pair<uint32_t, uint64_t> before{systemDriver.tickCount(), systemDriver.preciseTickUs()};
-    systemDriver.sleep(30);
-    EXPECT_NEAR(systemDriver.tickCount() - before.first, (systemDriver.preciseTickUs() - before.second) / 1000, 50);
-    EXPECT_GE(systemDriver.preciseTickUs() - before.second, 30000u);
-
-    // The system's own sequence on every build: above 32767 the client's start delay leaves 60..119 s.
-    systemDriver.seedRandom(1);
-    for (const int32_t expected : {41, 18467, 6334, 26500, 19169, 15724, 11478, 29358}) {
-        EXPECT_EQ(expected, systemDriver.nextRandom());
+// Advances virtual time a millisecond at a time until the timer fires: the milliseconds it took.
+uint32_t MsUntilExpired(const TickTimer* timer) {
+    uint32_t waited = 0;
+    while (TimerExpired(timer) == 0 && waited <= 2 * MINUTE_MS) {
+        AdvanceVirtualTime(1);
+        ++waited;
     }
+    return waited;
 }
 
-TEST(ThreadsDeathTest, LocksAreRecursiveStartDeliversTheWholeArgumentAndAnEscapingExceptionExitsWithOne) {
-    Lock lock;
-    ASSERT_EQ(0, InitLock(&lock));
-    ASSERT_EQ(0, EnterLock(&lock));
-    ASSERT_EQ(0, EnterLock(&lock));  // would deadlock if not recursive
-    static std::atomic<uint64_t> delivered{0};  // static: read by a thread function without captures
-    std::thread other([&] { LockHold hold(&lock); delivered = 1; });
-    EXPECT_EQ(0, LeaveLock(&lock));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(0u, delivered.load());  // still held once
-    EXPECT_EQ(0, LeaveLock(&lock));
-    other.join();
-    EXPECT_EQ(0, DeleteLock(&lock));
+void StartThrowingThreadThenWait() {
+    StartThread([](uint64_t) -> uint32_t { throw 42; }, 0);
+    std::this_thread::sleep_for(std::chrono::seconds(10));
+    std::exit(0);  // only if the exception did not end the process first
+}
+}  // namespace
 
+// The pure rule: expired once the interval has passed, but a millisecond late across the wrap.
+TEST(TickTimer, ExpiresOnceItsIntervalHasPassed) {
+    const struct {
+        const char* label;
+        TickTimer timer;  // start, interval, armed, context
+        uint32_t now;
+        int32_t expired;
+    } cases[] = {
+        {"unarmed, long after", {1000, MINUTE_MS, 0, 0}, 1000 + 5 * MINUTE_MS, 0},
+        {"in the millisecond it started", {1000, MINUTE_MS, 1, 0}, 1000, 0},
+        {"a millisecond before the interval", {1000, MINUTE_MS, 1, 0}, 1000 + MINUTE_MS - 1, 0},
+        {"at the interval", {1000, MINUTE_MS, 1, 0}, 1000 + MINUTE_MS, 1},
+        {"across the wrap, at the interval", {WRAP_START, MINUTE_MS, 1, 0}, WRAP_START + MINUTE_MS, 0},
+        {"across the wrap, a millisecond after", {WRAP_START, MINUTE_MS, 1, 0}, WRAP_START + MINUTE_MS + 1, 1},
+        {"interval 0", {1000, 0, 1, 0}, 1000, 1},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.expired, TimerExpiredAt(&c.timer, c.now)) << c.label;
+}
+
+TEST(TickTimer, StartedTimerExpiresAfterItsInterval) {
+    ScopedVirtualTime time;
+    TickTimer timer = {};
+    StartTimer(&timer, MINUTE_MS);
+    const uint32_t waited = MsUntilExpired(&timer);
+    EXPECT_EQ(MINUTE_MS, waited);
+}
+
+TEST(TickTimer, RestartArmsAnUnarmedTimerWithItsIntervalFromNow) {
+    ScopedVirtualTime time;
+    TickTimer timer = {0, MINUTE_MS, 0, 0};
+    AdvanceVirtualTime(5 * MINUTE_MS);
+    RestartTimer(&timer);
+    const uint32_t waited = MsUntilExpired(&timer);
+    EXPECT_EQ(MINUTE_MS, waited);
+}
+
+// 0 for an object, 1 for a null one; a missing timer also reads as expired.
+TEST(Runtime, StatusIsZeroForAnObjectAndOneForNull) {
+    Lock lock;
+    TickTimer timer = {};
+    const struct {
+        const char* call;
+        int32_t status;
+        int32_t expected;
+    } calls[] = {
+        {"InitLock", InitLock(&lock), 0},
+        {"EnterLock", EnterLock(&lock), 0},
+        {"LeaveLock", LeaveLock(&lock), 0},
+        {"DeleteLock", DeleteLock(&lock), 0},
+        {"StartTimer", StartTimer(&timer, 5), 0},
+        {"RestartTimer", RestartTimer(&timer), 0},
+        {"ReleaseTimer", ReleaseTimer(&timer), 0},
+        {"InitLock(null)", InitLock(nullptr), 1},
+        {"EnterLock(null)", EnterLock(nullptr), 1},
+        {"LeaveLock(null)", LeaveLock(nullptr), 1},
+        {"DeleteLock(null)", DeleteLock(nullptr), 1},
+        {"StartTimer(null)", StartTimer(nullptr, 5), 1},
+        {"RestartTimer(null)", RestartTimer(nullptr), 1},
+        {"TimerExpired(null)", TimerExpired(nullptr), 1},
+        {"ReleaseTimer(null)", ReleaseTimer(nullptr), 1},
+    };
+    for (const auto& c : calls) EXPECT_EQ(c.expected, c.status) << c.call;
+}
+
+// Taken twice by its owner (no deadlock), it is free for another thread only once left twice.
+TEST(Lock, IsFreeForOthersOnlyWhenLeftAsOftenAsEntered) {
+    Lock lock;
+    InitLock(&lock);
+    EnterLock(&lock);
+    EnterLock(&lock);
+    std::atomic<bool> taken{false};
+    std::thread other([&] {
+        LockHold hold(&lock);
+        taken = true;
+    });
+    LeaveLock(&lock);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const bool takenWhileHeldOnce = taken.load();
+    LeaveLock(&lock);
+    other.join();
+    DeleteLock(&lock);
+    EXPECT_FALSE(takenWhileHeldOnce);
+    EXPECT_TRUE(taken.load());
+}
+
+TEST(Threads, StartRunsTheFunctionWithTheWholeArgument) {
     delivered = 0;
-    EXPECT_EQ(0, StartThread(nullptr, 1));
-    const ThreadFunction record = [](uint64_t argument) -> uint32_t { return (delivered = argument) != 0; };
-    ASSERT_EQ(1, StartThread(record, 0x8123456789ABCDEFULL));
+    const int32_t started = StartThread([](uint64_t argument) -> uint32_t {
+        delivered = argument;
+        return 0;
+    }, 0x8123456789ABCDEFULL);
     for (int i = 0; i < 500 && delivered.load() == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(1, started);
     EXPECT_EQ(0x8123456789ABCDEFULL, delivered.load());
+}
+
+TEST(Threads, StartRefusesANullFunction) {
+    const int32_t started = StartThread(nullptr, 1);
+    EXPECT_EQ(0, started);
+}
+
+TEST(ThreadsDeathTest, AnExceptionEscapingAThreadEndsTheProcessWithStatusOne) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const ThreadFunction throwing = [](uint64_t) -> uint32_t { throw 42; };
-    EXPECT_EXIT((StartThread(throwing, 0), std::this_thread::sleep_for(std::chrono::seconds(10)), std::exit(0)),
-                testing::ExitedWithCode(1), "");
+    EXPECT_EXIT(StartThrowingThreadThenWait(), testing::ExitedWithCode(1), "");
+}
+
+// The tick count and the fine counter read one monotonic clock: both move with a real sleep (the
+// tick in steps of 10-16 ms on Windows).
+TEST(SystemDriver, TickCountMovesWithThePreciseTick) {
+    const uint32_t tickBefore = systemDriver.tickCount();
+    const uint64_t preciseBefore = systemDriver.preciseTickUs();
+    systemDriver.sleep(100);
+    const uint32_t tickMs = systemDriver.tickCount() - tickBefore;
+    const uint64_t preciseMs = (systemDriver.preciseTickUs() - preciseBefore) / 1000;
+    EXPECT_GE(preciseMs, 100u);
+    EXPECT_NEAR(tickMs, preciseMs, 50);
+}
+
+// Through the system's own driver: a sleep nobody wakes runs out and says so (signalled after 2 s
+// at the latest, so that one which would not run out ends too).
+TEST(SystemDriver, ASleepNobodyWakesRunsOut) {
+    Wakeup* wakeup = CreateWakeup();
+    std::atomic<int32_t> woken{-1};
+    std::thread sleeper([&] { woken = systemDriver.sleepUnlessWoken(wakeup, 20); });
+    for (int i = 0; i < 200 && woken.load() == -1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    SignalWakeup(wakeup);
+    sleeper.join();
+    DestroyWakeup(wakeup);
+    EXPECT_EQ(0, woken.load());
+}
+
+TEST(SystemDriver, ASignalledWakeupEndsASleepAtOnce) {
+    Wakeup* wakeup = CreateWakeup();
+    SignalWakeup(wakeup);
+    const int32_t woken = systemDriver.sleepUnlessWoken(wakeup, 60000);
+    DestroyWakeup(wakeup);
+    EXPECT_EQ(1, woken);
+}
+
+// The same sequence on every build, so that above 32767 the client's start delay stays 60..119 s.
+TEST(SystemDriver, RandomSequenceIsTheSameOnEveryBuild) {
+    systemDriver.seedRandom(1);
+    std::vector<int32_t> drawn;
+    for (int i = 0; i < 8; ++i) drawn.push_back(systemDriver.nextRandom());
+    EXPECT_EQ((std::vector<int32_t>{41, 18467, 6334, 26500, 19169, 15724, 11478, 29358}), drawn);
 }

@@ -5,16 +5,18 @@
 
 #include "service/service.h"
 
-TEST(TimePrivilege, IsEnabledInTheProcessToken) {
+TEST(TimePrivilege, IsEnabledByTheService) {
     HANDLE token = nullptr;
-    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
+    const BOOL opened = OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
+    ASSERT_TRUE(opened);
     PRIVILEGE_SET set = {1, PRIVILEGE_SET_ALL_NECESSARY, {}};
-    ASSERT_TRUE(LookupPrivilegeValueA(nullptr, "SeSystemtimePrivilege", &set.Privilege[0].Luid));
-    for (BOOL expected : {FALSE, TRUE}) {
-        BOOL enabled = !expected;
-        EXPECT_TRUE(PrivilegeCheck(token, &set, &enabled));
-        EXPECT_EQ(expected, enabled);
-        EnableSystemTimePrivilege();
-    }
+    LookupPrivilegeValueA(nullptr, "SeSystemtimePrivilege", &set.Privilege[0].Luid);
+    BOOL before = TRUE;
+    BOOL after = FALSE;
+    PrivilegeCheck(token, &set, &before);
+    EnableSystemTimePrivilege();
+    PrivilegeCheck(token, &set, &after);
     CloseHandle(token);
+    EXPECT_FALSE(before) << "off in a fresh token";
+    EXPECT_TRUE(after);
 }

@@ -1,4 +1,4 @@
-// NTP arithmetic: the anchors, the round trip through the clock, the tick stamp and the estimate.
+// NTP arithmetic: the anchors and eras, the round trip through the clock, the tick stamp and the estimate.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -16,14 +16,24 @@ const uint64_t T3 = 3900000000ULL << 32;
 
 struct NtpTime : testing::Test {
     void SetUp() override { NtpInitEpoch(); }
-    void TearDown() override { RemoveVirtualTime(); }
 };
 
-NtpTimestamp Compute(uint64_t t1, uint64_t t2, uint64_t t3, uint64_t t4, NtpTimestamp* delay, NtpTimestamp time = 0) {
-    uint8_t packet[48] = {}, destination[8];  // an answer carrying t1, t2, t3, and the local tick stamp t4
-    StoreBigEndian64(packet + NTP_ORIGINATE_OFFSET, t1), StoreBigEndian64(packet + NTP_RECEIVE_OFFSET, t2);
-    StoreBigEndian64(packet + NTP_TRANSMIT_OFFSET, t3), StoreBigEndian64(destination, t4);
-    return NtpComputeTime(&time, destination, packet, delay), time;
+struct Estimate {
+    NtpTimestamp time;
+    NtpTimestamp delay;
+};
+
+// From an answer carrying t1, t2 and t3, and the local tick stamp t4.
+Estimate Compute(uint64_t t1, uint64_t t2, uint64_t t3, uint64_t t4) {
+    uint8_t packet[48] = {};
+    uint8_t destination[8];
+    StoreBigEndian64(packet + NTP_ORIGINATE_OFFSET, t1);
+    StoreBigEndian64(packet + NTP_RECEIVE_OFFSET, t2);
+    StoreBigEndian64(packet + NTP_TRANSMIT_OFFSET, t3);
+    StoreBigEndian64(destination, t4);
+    Estimate estimate{0, 99};
+    NtpComputeTime(&estimate.time, destination, packet, &estimate.delay);
+    return estimate;
 }
 }  // namespace
 
@@ -93,35 +103,54 @@ TEST_F(NtpTime, ARoundTripThroughAStampKeepsTheMillisecondOrLandsOneEarlier) {
     EXPECT_LT(earlier, 200000 / 8) << "a few per cent land 1 ms early";
 }
 
-TEST_F(NtpTime, TheClockAndTheTickStampThroughTheDriverAndTheEstimateFromFourStamps) {
-    InstallVirtualTime(FILETIME_2000 + 5000000, 1500);  // half a second past 2000-01-01; 1.5 s of ticks
-    uint8_t stamp[8];
-    const uint8_t now[8] = {0xBC, 0x17, 0xC2, 0x00, 0x80, 0x00, 0x00, 0x00}, tick[8] = {0, 0, 0, 1, 0x80, 0, 0, 0};
-    EXPECT_EQ(0, std::memcmp(now, (NtpNow(stamp), stamp), 8));
-    EXPECT_EQ(0, std::memcmp(tick, (NtpTickStamp(stamp), stamp), 8));
-    const NtpTimestamp value = FileTimeToNtp(FILETIME_2000 + 12340000);
-    NtpSetSystemClock(value), NtpSetSystemClock(value | 3u);  // the two lowest bits are ignored
-    EXPECT_EQ(std::vector<int64_t>(2, FILETIME_2000 + 12340000), RecordedClockSettings());
+TEST_F(NtpTime, NowIsTheSystemClockAsAStamp) {
+    ScopedVirtualTime time(FILETIME_2000 + 5000000);  // half a second past 2000-01-01
+    uint8_t now[8];
+    NtpNow(now);
+    EXPECT_EQ(0xBC17C20080000000ULL, LoadBigEndian64(now));
+}
 
+TEST_F(NtpTime, SettingTheClockIgnoresTheTwoLowestBits) {
+    ScopedVirtualTime time;
+    NtpSetSystemClock(FileTimeToNtp(FILETIME_2000 + 12340000) | 3u);
+    EXPECT_EQ(std::vector<int64_t>{FILETIME_2000 + 12340000}, RecordedClockSettings());
+}
+
+TEST_F(NtpTime, TickStampIsTheTimeSinceSystemStart) {
+    ScopedVirtualTime time(VIRTUAL_START_FILETIME, 1500);
+    uint8_t tick[8];
+    NtpTickStamp(tick);
+    EXPECT_EQ(0x0000000180000000ULL, LoadBigEndian64(tick));  // 1.5 s
     EXPECT_EQ(0x0000000100000000ULL, TickToNtp(1000));
-    // One millisecond before the 32-bit count wraps, then two later: 1 ms past the wrap.
-    InstallVirtualTime(VIRTUAL_START_FILETIME, 0xFFFFFFFFu);
+}
+
+// One millisecond before the 32-bit count wraps, then two later: 1 ms past the wrap.
+TEST_F(NtpTime, TickStampWrapsWithTheTickCount) {
+    ScopedVirtualTime time(VIRTUAL_START_FILETIME, 0xFFFFFFFFu);
     const uint64_t before = ReadStampTick();
-    EXPECT_EQ(0u, StampTicksSince(before));
     AdvanceVirtualTime(2);
+    uint8_t tick[8];
+    NtpTickStamp(tick);
     EXPECT_EQ(2000u, StampTicksSince(before));
-    EXPECT_EQ(4294967u, LoadBigEndian64((NtpTickStamp(stamp), stamp)));  // 1 ms
+    EXPECT_EQ(4294967u, LoadBigEndian64(tick));
+}
 
-    // Half the round trip added, never a negative one: 10 ms of client ticks, 2 ms of them held by the server.
-    NtpTimestamp delay = 0;
-    const NtpTimestamp time = Compute(10ULL << 32, T3, T3 + 8589934, (10ULL << 32) + 42949672, &delay);
-    EXPECT_EQ(34359738u, delay);
-    EXPECT_EQ(T3 + 8589934 + 17179869, time);
-
-    // The tick counter wrapped between request and answer: T4 - T1 reads as negative.
-    EXPECT_EQ(T3, Compute(TickToNtp(0xFFFFFFF0u), T3, T3, TickToNtp(5), nullptr));
-    // The server claims to have held the request longer than the whole round trip took.
-    delay = 99;
-    EXPECT_EQ(T3, Compute(10ULL << 32, T3 - (1ULL << 32), T3, (10ULL << 32) + (1ULL << 31), &delay));
-    EXPECT_EQ(0u, delay);
+// Half the round trip added to the server's transmit time; a round trip that reads as negative adds nothing.
+TEST_F(NtpTime, EstimateIsTheTransmitTimePlusHalfTheRoundTrip) {
+    const struct {
+        const char* label;
+        uint64_t t1, t2, t3, t4;
+        Estimate estimate;
+    } cases[] = {
+        {"10 ms of client ticks, 2 ms of them held by the server", 10ULL << 32, T3, T3 + 8589934,
+         (10ULL << 32) + 42949672, {T3 + 8589934 + 17179869, 34359738}},
+        {"the tick count wrapped between request and answer", TickToNtp(0xFFFFFFF0u), T3, T3, TickToNtp(5), {T3, 0}},
+        {"the server held it longer than the round trip", 10ULL << 32, T3 - (1ULL << 32), T3,
+         (10ULL << 32) + (1ULL << 31), {T3, 0}},
+    };
+    for (const auto& c : cases) {
+        const Estimate estimate = Compute(c.t1, c.t2, c.t3, c.t4);
+        EXPECT_EQ(c.estimate.time, estimate.time) << c.label;
+        EXPECT_EQ(c.estimate.delay, estimate.delay) << c.label;
+    }
 }

@@ -1,16 +1,17 @@
 // The client thread's schedule in virtual time: a fake exchange records when it was called, with which
-// time-out and troubles, and moves the virtual clock by the wait a real exchange would take.
+// time-out and troubles, and moves the virtual clock by the wait a real exchange would take. Then the
+// real exchange against a fake server whose clock has passed the era's wrap.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <ostream>
 #include <thread>
-#include <tuple>
 
 #include "runtime/platform.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_test_seams.h"
 #include "tests/support/civil_time.h"
-#include "tests/support/fake_sntp_server.h"
+#include "tests/support/sntp_answers.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"
 #include "trouble/trouble_queue.h"
@@ -19,21 +20,52 @@ namespace {
 const uint64_t S = 1000;  // one second in milliseconds
 const NtpTimestamp SERVER_TIME = (3976214400ULL << 32) + 0x80000000ULL;  // 2026-01-01 00:00:00.5 UTC: rounded up
 const NtpTimestamp SERVER_DELAY = 0x00000000028F5C28ULL;  // 10 ms
+const char SERVER[] = "127.0.0.2";
+const uint32_t STRATUM = 3;
 
 std::vector<SntpResult> script;  // results in order; the last one repeats
 std::vector<uint64_t> callAt;    // virtual time as each exchange began
 std::vector<int32_t> callTimeout;
 std::vector<uint32_t> callMask;  // troubleMask as each exchange began
-std::function<void()> onExchange = [] {}, onSleep = [] {};
+std::function<void()> onExchange;
+std::function<void()> onSleep;
 std::atomic<int64_t> listenedTime{0};
+
+// What the client leaves for SntpSyncNow and the server, compared and printed field by field.
+struct ClientState {
+    SntpResult lastResult;
+    int32_t synchronised;
+    NtpTimestamp lastSyncTime;
+    NtpTimestamp lastDelay;
+    uint32_t upstreamStratum;
+    bool operator==(const ClientState& o) const {
+        return lastResult == o.lastResult && synchronised == o.synchronised && lastSyncTime == o.lastSyncTime &&
+               lastDelay == o.lastDelay && upstreamStratum == o.upstreamStratum;
+    }
+};
+
+void PrintTo(const ClientState& s, std::ostream* out) {
+    *out << "{lastResult " << s.lastResult << ", synchronised " << s.synchronised << ", lastSyncTime " << s.lastSyncTime
+         << ", lastDelay " << s.lastDelay << ", upstreamStratum " << s.upstreamStratum << "}";
+}
+
+ClientState ReadClientState() {
+    return {lastResult.load(), synchronised.load(), lastSyncTime.load(), lastDelay.load(), upstreamStratum.load()};
+}
 
 SntpResult FakeExchange(const char* server, int32_t timeoutMs, NtpTimestamp* time, NtpTimestamp* delay,
                         uint32_t* stratum) {
-    EXPECT_STREQ("10.1.2.3", server);
-    callAt.push_back(VirtualElapsedMs()), callTimeout.push_back(timeoutMs), callMask.push_back(troubleMask.load());
+    EXPECT_STREQ(SERVER, server);
+    callAt.push_back(VirtualElapsedMs());
+    callTimeout.push_back(timeoutMs);
+    callMask.push_back(troubleMask.load());
     onExchange();
     const SntpResult result = script[std::min(callAt.size(), script.size()) - 1];
-    if (result == SNTP_OK) *time = SERVER_TIME, *delay = SERVER_DELAY, *stratum = 3;
+    if (result == SNTP_OK) {
+        *time = SERVER_TIME;
+        *delay = SERVER_DELAY;
+        *stratum = STRATUM;
+    }
     if (result == SNTP_NO_RESPONSE) AdvanceVirtualTime(static_cast<uint64_t>(timeoutMs / 500 + 1) * 500);
     return result;
 }
@@ -43,129 +75,174 @@ bool WaitFor(const std::function<bool()>& condition) {
     return condition();
 }
 
-// Runs the client in fresh virtual time to its first countdown sleep after count exchanges (or three days).
-void RunClient(std::vector<SntpResult> results, size_t count, std::vector<int32_t> randoms = {0, 0}) {
-    NtpInitEpoch(), InstallVirtualTime(), QueueRandomValues(randoms), StartTroubleRecorder();
-    SetSntpExchanger(FakeExchange), script = results, callAt.clear(), callTimeout.clear(), callMask.clear();
-    synchronised = 1, lastResult = -1, lastSyncTime = lastDelay = upstreamStratum = 0;  // the first two stale
-    SetSleepHook([count](uint32_t ms) {
-        if (ms != 1000) return std::this_thread::sleep_for(std::chrono::microseconds(100));  // SntpSyncNow's pauses
-        onSleep(), stopRequested = callAt.size() >= count || VirtualElapsedMs() > 3 * 86400 * S ? 1 : 0;
-    });
-    std::thread([] { SntpClientThread(reinterpret_cast<uintptr_t>("10.1.2.3")); }).join();
-    EXPECT_EQ(0, clientRunning.load());
-    stopRequested = 0, RemoveVirtualTime(), SetTimeSetListener(nullptr), onExchange = onSleep = [] {};
+void RunClientThread(const char* server) {
+    std::thread client([server] { SntpClientThread(reinterpret_cast<uintptr_t>(server)); });
+    client.join();
 }
+
+class SntpClient : public testing::Test {
+protected:
+    void SetUp() override {
+        NtpInitEpoch();
+        StartTroubleRecorder();
+        SetSntpExchanger(FakeExchange);
+        onExchange = [] {};
+        onSleep = [] {};
+    }
+    void TearDown() override {
+        SetSntpExchanger(nullptr);
+        SetTimeSetListener(nullptr);
+        StopTroubleRecorder();
+        stopRequested = 0;
+    }
+    // Runs the client in fresh virtual time to its first countdown sleep after count exchanges (or
+    // three days). The first two results are stale, as a previous run may leave them.
+    void RunClient(std::vector<SntpResult> results, size_t count, std::vector<int32_t> randoms = {0, 0}) {
+        ScopedVirtualTime time;
+        QueueRandomValues(randoms);
+        script = results;
+        callAt.clear();
+        callTimeout.clear();
+        callMask.clear();
+        synchronised = 1;
+        lastResult = -1;
+        ScopedSleepHook hook([count](uint32_t ms) {
+            if (ms != 1000) {  // SntpSyncNow's pauses
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+                return;
+            }
+            onSleep();
+            stopRequested = callAt.size() >= count || VirtualElapsedMs() > 3 * 86400 * S ? 1 : 0;
+        });
+        RunClientThread(SERVER);
+        stopRequested = 0;
+        EXPECT_EQ(0, clientRunning.load());
+    }
+};
 }  // namespace
 
-TEST(SntpClient, TheStartDelayComesFromTheSecondRandomValueAndAStoredOneCutsIt) {
-    // Countdowns of 60 and 119 mean 59 and 118 sleeps; syncCountdown is set to stored in the sleep at askAt.
-    const struct { std::vector<int32_t> randoms; uint64_t askAt; int32_t stored; uint64_t firstAt; } cases[] = {
-        {{32767, 0}, UINT64_MAX, 1, 59 * S}, {{0, 32767}, UINT64_MAX, 1, 118 * S},
-        {{0, 32767}, 10 * S, 1, 11 * S}, {{0, 32767}, 10 * S, 0, 12 * S}};  // 0 counts as 1
+// Countdowns of 60 and 119 mean 59 and 118 sleeps; syncCountdown is set to stored in the sleep at askAt
+// (0 counts as 1). The random generator is seeded with the wall clock.
+TEST_F(SntpClient, TheStartDelayComesFromTheSecondRandomValueAndAStoredOneCutsIt) {
+    const struct {
+        std::vector<int32_t> randoms;
+        uint64_t askAt;
+        int32_t stored;
+        uint64_t firstAt;
+    } cases[] = {{{32767, 0}, UINT64_MAX, 1, 59 * S},
+                 {{0, 32767}, UINT64_MAX, 1, 118 * S},
+                 {{0, 32767}, 10 * S, 1, 11 * S},
+                 {{0, 32767}, 10 * S, 0, 12 * S}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.firstAt);
-        onSleep = [&c] { syncCountdown = VirtualElapsedMs() == c.askAt ? c.stored : syncCountdown.load(); };
+        onSleep = [&c] {
+            if (VirtualElapsedMs() == c.askAt) syncCountdown = c.stored;
+        };
         RunClient({SNTP_OK}, 1, c.randoms);
-        EXPECT_EQ(std::vector<uint64_t>{c.firstAt}, callAt);
-        EXPECT_EQ(uint32_t((VIRTUAL_START_FILETIME - UNIX_EPOCH_FILETIME) / 10000000), RecordedRandomSeed());  // wall
+        EXPECT_EQ(std::vector<uint64_t>{c.firstAt}, callAt) << "first exchange at " << c.firstAt;
+        EXPECT_EQ(uint32_t((VIRTUAL_START_FILETIME - UNIX_EPOCH_FILETIME) / 10000000), RecordedRandomSeed());
     }
 }
 
-TEST(SntpClient, ASilentServerGetsFiveAttemptsThenTroubleTwoAndANewLadderLater) {
-    // Each silent attempt takes its time-out plus a step; the next ladder begins 1199 s after the first ended.
+// Each silent attempt takes its time-out plus a step; the next ladder begins 1199 s after the first ended.
+TEST_F(SntpClient, ASilentServerGetsFiveAttemptsThenTroubleTwoAndANewLadderLater) {
     RunClient({SNTP_NO_RESPONSE}, 10);
     const uint64_t next = 59000 + 907500 + 1199000;
     EXPECT_EQ((std::vector<uint64_t>{59000, 64500, 125000, 245500, 486000, next, next + 5500, next + 66000,
-                                     next + 186500, next + 427000}), callAt);
+                                     next + 186500, next + 427000}),
+              callAt);
     EXPECT_EQ((std::vector<int32_t>{5000, 60000, 120000, 240000, 480000, 5000, 60000, 120000, 240000, 480000}),
               callTimeout);
     EXPECT_EQ((std::vector<uint32_t>{0, 0, 0, 0, 0, 4, 4, 4, 4, 4}), callMask) << "trouble 2 after five silences";
-    EXPECT_EQ(std::vector<SeenTrouble>(2, SeenTrouble{SNTP_NO_RESPONSE, TROUBLE_SET}), TakeTroubles());
-    EXPECT_EQ(std::make_pair(SNTP_NO_RESPONSE, 0), std::make_pair(lastResult.load(), synchronised.load()));
+    const std::vector<SeenTrouble> troubles = TakeTroubles();
+    EXPECT_EQ(std::vector<SeenTrouble>(2, SeenTrouble{SNTP_NO_RESPONSE, TROUBLE_SET}), troubles);
+    EXPECT_EQ(SNTP_NO_RESPONSE, lastResult.load());
+    EXPECT_EQ(0, synchronised.load());
 }
 
-// An unusable answer raises its trouble at each attempt; a success sets the clock, clears trouble 2, waits a day.
-TEST(SntpClient, FailuresRetryEveryTwentyMinutesAndASuccessWaitsADay) {
-    SetTimeSetListener([](int64_t unixSeconds) { listenedTime = unixSeconds; });
+// An unusable answer raises its trouble at each attempt; a success clears trouble 2 (reported, as
+// trouble 6 is active; 6 stays) and waits a day.
+TEST_F(SntpClient, FailuresRetryEveryTwentyMinutesAndASuccessWaitsADay) {
     RunClient({SNTP_INCONSISTENT_ADDRESS, SNTP_INCONSISTENT_ADDRESS, SNTP_OK, SNTP_OK}, 4);
     const uint64_t third = 59000 + 2 * 1199000;
     EXPECT_EQ((std::vector<uint64_t>{59000, 59000 + 1199000, third, third + 86399000}), callAt);
     EXPECT_EQ((std::vector<int32_t>{5000, 5000, 5000, 5000}), callTimeout);
-    // Each success clears trouble 2 (reported, as trouble 6 is active); trouble 6 stays.
     const SeenTrouble raised{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared{SNTP_NO_RESPONSE, TROUBLE_CLEARED};
-    EXPECT_EQ((std::vector<SeenTrouble>{raised, raised, cleared, cleared}), TakeTroubles());
-    EXPECT_EQ(std::make_tuple(SNTP_OK, 1, SERVER_TIME, SERVER_DELAY, 3u, 1u << SNTP_INCONSISTENT_ADDRESS),
-              std::make_tuple(lastResult.load(), synchronised.load(), lastSyncTime.load(), lastDelay.load(),
-                              upstreamStratum.load(), troubleMask.load()));  // for SntpSyncNow and the server
-    EXPECT_EQ(std::make_pair(std::vector<int64_t>(2, NtpToFileTime(SERVER_TIME)), int64_t{1767225601}),
-              std::make_pair(RecordedClockSettings(), listenedTime.load()));
+    const std::vector<SeenTrouble> troubles = TakeTroubles();
+    EXPECT_EQ((std::vector<SeenTrouble>{raised, raised, cleared, cleared}), troubles);
+    EXPECT_EQ(1u << SNTP_INCONSISTENT_ADDRESS, troubleMask.load());
 }
 
-TEST(SntpClient, SyncNowReportsTheFirstSilenceWhileTheLadderGoesOn) {
-    EXPECT_EQ(SNTP_CLIENT_NOT_STARTED, SntpSyncNow());
+TEST_F(SntpClient, ASuccessSetsTheClockAndLeavesItsResultsForTheServer) {
+    SetTimeSetListener([](int64_t unixSeconds) { listenedTime = unixSeconds; });
+    RunClient({SNTP_OK}, 1);
+    EXPECT_EQ((ClientState{SNTP_OK, 1, SERVER_TIME, SERVER_DELAY, STRATUM}), ReadClientState());
+    EXPECT_EQ(std::vector<int64_t>{NtpToFileTime(SERVER_TIME)}, RecordedClockSettings());
+    EXPECT_EQ(1767225601, listenedTime.load()) << "the listener hears the time set, in whole seconds";
+}
+
+TEST_F(SntpClient, SyncNowReportsTheFirstSilenceWhileTheLadderGoesOn) {
+    const SntpResult beforeStart = SntpSyncNow();
     std::atomic<SntpResult> result{SYNC_NOW_PENDING};
-    bool answeredFirst = false;
+    std::atomic<bool> answeredBeforeTheSecond{false};
     std::thread asker;
     onSleep = [&] {  // in the day's wait after a success
         if (callAt.size() != 1 || asker.joinable()) return;
         asker = std::thread([&] { result = SntpSyncNow(); });
         WaitFor([] { return syncCountdown.load() == 1; });  // a store between the client's read and write is lost
     };
-    onExchange = [&] { answeredFirst |= callAt.size() == 3 && WaitFor([&] { return result != SYNC_NOW_PENDING; }); };
+    onExchange = [&] {
+        if (callAt.size() == 3) answeredBeforeTheSecond = WaitFor([&] { return result != SYNC_NOW_PENDING; });
+    };
     RunClient({SNTP_OK, SNTP_NO_RESPONSE}, 6);
     asker.join();
-    EXPECT_TRUE(answeredFirst && result.load() == SNTP_NO_RESPONSE) << "the first silence while the second waits";
+    EXPECT_EQ(SNTP_CLIENT_NOT_STARTED, beforeStart);
+    EXPECT_TRUE(answeredBeforeTheSecond.load());
+    EXPECT_EQ(SNTP_NO_RESPONSE, result.load());
     EXPECT_EQ((std::vector<int32_t>{5000, 5000, 60000, 120000, 240000, 480000}), callTimeout);
 }
 
-TEST(SntpClient, AStopDuringTheExchangeEndsTheThreadWithoutATrouble) {
-    onExchange = [] { stopRequested = 1; };  // as the controller does while the exchange waits
+// As the controller does while the exchange waits.
+TEST_F(SntpClient, AStopDuringTheExchangeEndsTheThreadWithoutATrouble) {
+    onExchange = [] { stopRequested = 1; };
     RunClient({SNTP_SOCKET_ERROR}, SIZE_MAX);
-    EXPECT_EQ(std::make_pair(std::vector<uint64_t>{59 * S}, 59 * S), std::make_pair(callAt, VirtualElapsedMs()));
-    EXPECT_TRUE(TakeTroubles().empty());
+    EXPECT_EQ(std::vector<uint64_t>{59 * S}, callAt);
+    EXPECT_EQ(59 * S, VirtualElapsedMs());
+    const std::vector<SeenTrouble> troubles = TakeTroubles();
+    EXPECT_EQ(std::vector<SeenTrouble>{}, troubles);
 }
 
 namespace {
-#ifdef _WIN32
-const char WRAP_SERVER[] = "127.0.0.1";  // Wine answers from the whole interface's address
-#else
-const char WRAP_SERVER[] = "127.0.0.22";
-#endif
 const int64_t LOCAL_START = FileTimeOf(2036, 2, 7, 6, 27, 0);  // 76 s before the era's wrap
 const NtpTimestamp SERVER_START = 44ULL << 32;                 // 2036-02-07 06:29:00, past the wrap
 const uint64_t FIRST_EXCHANGE_MS = 59 * S;                     // start delay 60: 59 sleeps
 
-// The real exchange, from the client thread in virtual time, against a fake server on loopback
-// whose clock runs two minutes ahead of this machine's and has already wrapped.
+// The real exchange, from the client thread in virtual time, on scripted sockets: the server's
+// clock runs two minutes ahead of this machine's, has already wrapped, and moves with virtual time.
+// The socket library's sweeps are held, so that they do not move the clocks.
 class SntpClientAcrossTheWrap : public testing::Test {
 protected:
     void SetUp() override {
         NtpInitEpoch();
-        SetSntpExchanger(nullptr);
-        InstallVirtualTime(LOCAL_START);
-        HoldWakeableSleeps(true);  // the socket library's sweeps must not move the clocks
+        HoldWakeableSleeps(true);
         QueueRandomValues({0, 0});
-        ASSERT_EQ(0, fake.Start(WRAP_SERVER, FakeAnswer::GOOD));
-        fake.AnswerFromVirtualClock(SERVER_START);
+        sockets.OnSend([this](const ScriptedDatagram& request) {
+            const uint64_t ms = VirtualElapsedMs();
+            sockets.Queue(GoodAnswerTo(request, SERVER_START + ((ms / 1000) << 32) + ((ms % 1000) << 32) / 1000));
+        });
     }
     void TearDown() override {
-        fake.Stop();
         stopRequested = 0;
         SetTimeSetListener(nullptr);
-        RemoveVirtualTime();
     }
     // Runs the client until the first countdown sleep after its first clock setting (or a day).
     void RunUntilTheClockIsSet() {
-        SetSleepHook([](uint32_t) {
-            if (!RecordedClockSettings().empty() || VirtualElapsedMs() > 86400 * S) {
-                stopRequested = 1;
-            }
+        ScopedSleepHook hook([](uint32_t) {
+            if (!RecordedClockSettings().empty() || VirtualElapsedMs() > 86400 * S) stopRequested = 1;
         });
-        std::thread client([] { SntpClientThread(reinterpret_cast<uintptr_t>(WRAP_SERVER)); });
-        client.join();
+        RunClientThread(SERVER);
     }
-    FakeSntpServer fake;
+    ScopedVirtualTime time{LOCAL_START};
+    ScriptedSockets sockets;
 };
 }  // namespace
 

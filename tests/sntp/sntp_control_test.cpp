@@ -9,13 +9,12 @@
 #include <random>
 #include <thread>
 
-#include "config/config_test_seams.h"
 #include "config/directories.h"
-#include "runtime/runtime_test_seams.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_control.h"
 #include "sntp/sntp_test_seams.h"
 #include "tests/support/host.h"
+#include "tests/support/scoped_seams.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"
 #include "tools/loopback_udp.h"
@@ -35,11 +34,14 @@ bool WaitUntil(const std::function<bool()>& condition) {
     return condition();
 }
 
+// The time is used on success only.
 SntpResult ScriptedExchange(const char*, int32_t, NtpTimestamp* time, NtpTimestamp*, uint32_t*) {
-    return *time = 3976214400ULL << 32, exchangeResult.load();  // the time is used on success only
+    *time = 3976214400ULL << 32;
+    return exchangeResult.load();
 }
 
-bool ServerAnswers(uint32_t waitMs) {  // a version-3 request to the test port answered within waitMs
+// A version-3 request to the test port, answered within waitMs.
+bool ServerAnswers(uint32_t waitMs) {
     LoopbackUdp endpoint{~0ULL};
     uint8_t packet[64] = {0x1B};
     if (OpenLoopbackUdp(&endpoint, "127.0.0.1", 0) != 0) return false;
@@ -49,7 +51,13 @@ bool ServerAnswers(uint32_t waitMs) {  // a version-3 request to the test port a
     return length == 48 && packet[0] == 0x1C;
 }
 
-std::string Seen(std::string seen = "") {  // the troubles since the last call: " +code" set, " -code" cleared
+bool ServerAnswersSoon() {
+    return WaitUntil([] { return ServerAnswers(20); });
+}
+
+// The troubles since the last call: " +code" set, " -code" cleared.
+std::string Seen() {
+    std::string seen;
     for (const SeenTrouble& t : TakeTroubles()) seen += (t.state == TROUBLE_SET ? " +" : " -") + std::to_string(t.code);
     return seen;
 }
@@ -57,82 +65,174 @@ std::string Seen(std::string seen = "") {  // the troubles since the last call: 
 class SntpController : public testing::Test {
 protected:
     void SetUp() override {
-        fs::create_directories(root_ / "Data" / "System"), OverrideInstallRoot(root_.string().c_str());
-        InstallVirtualTime(), StartTroubleRecorder(), SetSntpExchanger(ScriptedExchange);
-        SetSleepHook([](uint32_t ms) { ms == 1000 ? std::this_thread::sleep_for(1ms) : void(graceMs += ms); });
-        graceMs = 0, exchangeResult = 0, sntpServerPort = TEST_SERVER_PORT;
+        fs::create_directories(root_ / "Data" / "System");
+        StartTroubleRecorder();
+        SetSntpExchanger(ScriptedExchange);
+        graceMs = 0;
+        exchangeResult = 0;
+        sntpServerPort = TEST_SERVER_PORT;
     }
     void TearDown() override {
-        StopSntp(), done_ = true, poker_.join(), StopTroubleRecorder(), RemoveVirtualTime(), fs::remove_all(root_);
+        StopSntp();
+        done_ = true;
+        poker_.join();
+        SetSntpExchanger(nullptr);
+        StopTroubleRecorder();
+        fs::remove_all(root_);
     }
     void WriteSetting(const char* text) { std::ofstream(settingPath_, std::ios::binary) << "#\n" << text << "\n"; }
 
     const fs::path root_ = fs::temp_directory_path() / ("norvik-control-" + std::to_string(CurrentProcessNumber()));
     const fs::path settingPath_ = root_ / "Data" / "System" / "Vantor.dat";
+    ScopedInstallRoot installRoot_{root_.string().c_str()};
+    ScopedVirtualTime time_;
+    ScopedSleepHook hook_{[](uint32_t ms) {
+        if (ms == 1000) {
+            std::this_thread::sleep_for(1ms);
+        } else {
+            graceMs += ms;
+        }
+    }};
     std::atomic<bool> done_{false};
     // A server sees a stop when its socket wait ends, after a real second; a request ends it now.
     std::thread poker_{[this] {
-        for (; !done_.load(); std::this_thread::sleep_for(1ms)) stopRequested.load() != 0 && ServerAnswers(0);
+        for (; !done_.load(); std::this_thread::sleep_for(1ms)) {
+            if (stopRequested.load() != 0) ServerAnswers(0);
+        }
     }};
 };
+
+// The setting file of the test's data directory, as ReadSntpIp gives it ("failed" if it fails).
+std::string ReadSetting(const char* directory) {
+    char value[SNTP_SETTING_SIZE] = "stale";
+    return ReadSntpIp(value, directory) == 0 ? value : "failed";
+}
 }  // namespace
 
-TEST_F(SntpController, TheSettingFileNamesTheRole) {
-    // 127.0.0.2 is not this host's; a name (and 255.255.255.255, refused as an address) is resolved by a client.
+// 127.0.0.2 is not this host's; a name (and 255.255.255.255, refused as an address) is resolved by a client.
+TEST(SntpRole, TheSettingNamesTheRole) {
     const std::pair<const char*, int32_t> roles[] = {{"", 1}, {"0.0.0.0", 1}, {"127.0.0.1", 1}, {"127.0.0.2", 0},
                                                      {"no-such-host.invalid", 0}, {"255.255.255.255", 0}};
-    for (const auto& role : roles) EXPECT_EQ(role.second, ChooseServerRole(role.first)) << role.first;
-
-    char directory[PATH_CAPACITY], value[SNTP_SETTING_SIZE];
-    GetDataDirectory(directory, PATH_CAPACITY);
-    const auto read = [&] { return std::strcpy(value, "stale"), ReadSntpIp(value, directory) == 0 ? value : "failed"; };
-    EXPECT_STREQ("", read());  // no file: the empty setting
-    EXPECT_STREQ("", (WriteSetting("OTHER_KEY 5"), read()));  // no key: the empty setting
-    EXPECT_EQ(0, WriteSntpIp("127.0.0.2", directory));
-    EXPECT_STREQ("127.0.0.2", read());
-    std::ifstream file(settingPath_);  // text mode: each platform's line ends
-    EXPECT_EQ("#\nOTHER_KEY 5\nSNTP_IP 127.0.0.2\n",
-              std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()));
-    EXPECT_EQ(1, WriteSntpIp("127.0.0.2", (root_ / "missing").string().c_str()));
-    EXPECT_EQ(0, ReadSntpIp(value, std::string(400, 'd').c_str()));  // cut to the path's capacity: no file
-    EXPECT_STREQ("", value);
+    for (const auto& [setting, server] : roles) EXPECT_EQ(server, ChooseServerRole(setting)) << setting;
 }
 
-// Each start reads the role anew; each restart and stop clears troubles after 1200 ms and joins the thread.
-TEST_F(SntpController, StartsRestartsAndTheStopFollowTheSetting) {
-    const size_t threadsBefore = CountProcessThreads();
-    ASSERT_EQ(0, StartSntp());  // no setting file: the server
-    EXPECT_EQ(std::make_pair(1, 1), std::make_pair(int{serverRole.load()}, TimeThreadRunning()));
-    ASSERT_EQ(0, StartSntp());  // a second start joins the first one's thread
-    EXPECT_TRUE(WaitUntil([] { return ServerAnswers(20); }));
-    EXPECT_EQ(threadsBefore + 2, CountProcessThreads()) << "the server and its socket library's thread";
+TEST_F(SntpController, AMissingFileOrKeyReadsAsTheEmptySetting) {
+    char directory[PATH_CAPACITY];
+    GetDataDirectory(directory, PATH_CAPACITY);
+    const std::string withoutFile = ReadSetting(directory);
+    WriteSetting("OTHER_KEY 5");
+    const std::string withoutKey = ReadSetting(directory);
+    EXPECT_EQ("", withoutFile);
+    EXPECT_EQ("", withoutKey);
+}
 
-    SetSntpExchanger(nullptr);  // the real exchange: resolution fails before any packet
-    ASSERT_EQ(0, (WriteSetting("SNTP_IP no-such-host.invalid"), RestartSntp()));
-    EXPECT_FALSE(ServerAnswers(20)) << "the server was joined, its port let go";
-    EXPECT_EQ(0, serverRole.load());
-    EXPECT_STREQ("no-such-host.invalid", sntpServerSetting);
-    ASSERT_TRUE(WaitUntil([] { return troubleMask.load() != 0; }));
-    EXPECT_EQ(" +10", Seen());
+// Text mode: each platform's line ends.
+TEST_F(SntpController, WritingTheSettingKeepsTheFilesOtherLines) {
+    char directory[PATH_CAPACITY];
+    GetDataDirectory(directory, PATH_CAPACITY);
+    WriteSetting("OTHER_KEY 5");
+    const int32_t written = WriteSntpIp("127.0.0.2", directory);
+    std::ifstream file(settingPath_);
+    EXPECT_EQ(0, written);
+    EXPECT_EQ("127.0.0.2", ReadSetting(directory));
+    EXPECT_EQ("#\nOTHER_KEY 5\nSNTP_IP 127.0.0.2\n", std::string(std::istreambuf_iterator<char>(file), {}));
+}
 
-    ASSERT_EQ(0, (WriteSetting("SNTP_IP 0.0.0.0"), RestartSntp()));
-    EXPECT_EQ(" -1 -2 -3 -4 -5 -6 -7 -8 -9 -10", Seen());
+// A directory that is not there, and one cut to the path's capacity, which names no file.
+TEST_F(SntpController, ASettingFileThatCannotBeFound) {
+    const int32_t written = WriteSntpIp("127.0.0.2", (root_ / "missing").string().c_str());
+    EXPECT_EQ(1, written);
+    EXPECT_EQ("", ReadSetting(std::string(400, 'd').c_str()));
+}
+
+TEST_F(SntpController, WithoutASettingFileTheServerStarts) {
+    const int32_t started = StartSntp();
+    const bool answers = ServerAnswersSoon();
+    EXPECT_EQ(0, started);
     EXPECT_EQ(1, serverRole.load());
-    EXPECT_TRUE(WaitUntil([] { return ServerAnswers(20); }));
+    EXPECT_EQ(1, TimeThreadRunning());
+    EXPECT_TRUE(answers);
+}
 
-    SetSntpExchanger(ScriptedExchange), exchangeResult = SNTP_NOT_SYNCHRONISED;
-    ASSERT_EQ(0, (WriteSetting("SNTP_IP 127.0.0.2"), RestartSntp()));
-    ASSERT_TRUE(WaitUntil([] { return troubleMask.load() != 0; }));
-    ASSERT_EQ(0, StopSntp());
-    EXPECT_EQ(4 * 1200u, graceMs.load()) << "three restarts and the stop";
-    EXPECT_EQ(" +3 -1 -2 -3", Seen()) << "the ending client raises nothing";
-    ASSERT_EQ(0, RestartSntp());
-    EXPECT_EQ(std::make_pair(0, threadsBefore), std::make_pair(TimeThreadRunning(), CountProcessThreads()));
+// The first start readies the clock's arithmetic, so the client sets the server's time.
+TEST_F(SntpController, AClientSetsTheServersTime) {
+    WriteSetting("SNTP_IP 127.0.0.2");
+    StartSntp();
+    const bool set = WaitUntil([] { return !RecordedClockSettings().empty(); });
+    EXPECT_TRUE(set);
+    EXPECT_EQ(std::vector<int64_t>{VIRTUAL_START_FILETIME}, RecordedClockSettings()) << "2026-01-01, the server's";
+}
+
+TEST_F(SntpController, ASecondStartReplacesTheFirstThread) {
+    const size_t threadsBefore = CountProcessThreads();
+    StartSntp();
+    StartSntp();
+    const bool answers = ServerAnswersSoon();
+    EXPECT_TRUE(answers);
+    EXPECT_EQ(threadsBefore + 2, CountProcessThreads()) << "the server and its socket library's thread";
+}
+
+// Each row restarts from what the row above left: every restart reads the role anew, clears the
+// troubles after 1200 ms of grace and joins the thread it replaces (a server lets its port go).
+TEST_F(SntpController, EachRestartFollowsTheSetting) {
+    const struct {
+        const char* setting;
+        SntpExchangeFunction exchange;  // null: the real one, whose resolution fails before any packet
+        int32_t serverRole;
+        const char* troubles;
+    } rows[] = {
+        {"SNTP_IP no-such-host.invalid", nullptr, 0, " +10"},
+        {"SNTP_IP 0.0.0.0", ScriptedExchange, 1, " -1 -2 -3 -4 -5 -6 -7 -8 -9 -10"},
+        {"SNTP_IP 127.0.0.2", ScriptedExchange, 0, " +3"},
+    };
+    exchangeResult = SNTP_NOT_SYNCHRONISED;
+    StartSntp();
+    Seen();
+    for (const auto& row : rows) {
+        SetSntpExchanger(row.exchange);
+        WriteSetting(row.setting);
+        const int32_t restarted = RestartSntp();
+        const bool raised = row.serverRole == 1 || WaitUntil([] { return troubleMask.load() != 0; });
+        const bool answers = row.serverRole == 1 ? ServerAnswersSoon() : ServerAnswers(20);
+        const std::string troubles = Seen();
+        EXPECT_EQ(0, restarted) << row.setting;
+        EXPECT_EQ(row.serverRole, serverRole.load()) << row.setting;
+        EXPECT_EQ(row.serverRole == 1, answers) << row.setting;
+        EXPECT_TRUE(raised) << row.setting;
+        EXPECT_EQ(row.troubles, troubles) << row.setting;
+        EXPECT_STREQ(row.setting + 8, sntpServerSetting);
+    }
+    EXPECT_EQ(3 * 1200u, graceMs.load());
+}
+
+// The clears of the stop reach the recorder; the ending client raises nothing.
+TEST_F(SntpController, TheStopClearsTheTroublesAndEndsTheThread) {
+    const size_t threadsBefore = CountProcessThreads();
+    exchangeResult = SNTP_NOT_SYNCHRONISED;
+    WriteSetting("SNTP_IP 127.0.0.2");
+    StartSntp();
+    const bool raised = WaitUntil([] { return troubleMask.load() != 0; });
+    const int32_t stopped = StopSntp();
+    const std::string troubles = Seen();
+    EXPECT_TRUE(raised);
+    EXPECT_EQ(0, stopped);
+    EXPECT_EQ(1200u, graceMs.load());
+    EXPECT_EQ(" +3 -1 -2 -3", troubles);
+    EXPECT_EQ(0, TimeThreadRunning());
+    EXPECT_EQ(threadsBefore, CountProcessThreads());
+}
+
+TEST_F(SntpController, ARestartAfterTheStopStartsNothing) {
+    StartSntp();
+    StopSntp();
+    const int32_t restarted = RestartSntp();
+    EXPECT_EQ(0, restarted);
+    EXPECT_EQ(0, TimeThreadRunning());
 }
 
 // Two threads start, restart and stop at random, the role flipping: never a second time thread, and after
 // the last stop none and the port let go (nor a raised trouble: no server found its port taken).
-TEST_F(SntpController, RacingStartsRestartsAndStopsLeaveOneThreadAndTheLastStopNone) {
+TEST_F(SntpController, RacingCallsNeverLeaveASecondTimeThread) {
     const uint32_t seed = static_cast<uint32_t>(std::random_device{}());
     SCOPED_TRACE("seed " + std::to_string(seed));
     const size_t threadsBefore = CountProcessThreads();
@@ -142,50 +242,45 @@ TEST_F(SntpController, RacingStartsRestartsAndStopsLeaveOneThreadAndTheLastStopN
             if (random() % 3 == 0) WriteSetting(random() % 2 == 0 ? "SNTP_IP 127.0.0.2" : "SNTP_IP 127.0.0.1");
             std::this_thread::sleep_for(random() % 20000 * 1us);
             const uint32_t choice = random() % 3;
-            choice == 0 ? StartSntp() : choice == 1 ? RestartSntp() : StopSntp();
-            EXPECT_LE(CountProcessThreads(), threadsBefore + 2 + 2) << seed;  // callers, time thread, library
+            if (choice == 0) {
+                StartSntp();
+            } else if (choice == 1) {
+                RestartSntp();
+            } else {
+                StopSntp();
+            }
+            EXPECT_LE(CountProcessThreads(), threadsBefore + 2 + 2) << "callers, time thread, library";
         }
     };
-    std::thread first(callRandomly, 0), second(callRandomly, 1);
-    first.join(), second.join();
-    ASSERT_EQ(0, StopSntp());
-    EXPECT_EQ(std::string::npos, Seen().find('+'));
-    EXPECT_EQ(threadsBefore, CountProcessThreads());
+    std::thread first(callRandomly, 0);
+    std::thread second(callRandomly, 1);
+    first.join();
+    second.join();
+    StopSntp();
     LoopbackUdp port{~0ULL};
-    EXPECT_EQ(0, OpenLoopbackUdp(&port, "127.0.0.1", TEST_SERVER_PORT, false));
+    const int32_t bound = OpenLoopbackUdp(&port, "127.0.0.1", TEST_SERVER_PORT, false);
     CloseLoopbackUdp(&port);
+    const std::string troubles = Seen();
+    EXPECT_EQ(std::string::npos, troubles.find('+')) << troubles;
+    EXPECT_EQ(threadsBefore, CountProcessThreads());
+    EXPECT_EQ(0, bound) << "the port let go";
 }
 
-namespace {
-// No thread can be started while it is in scope (as when the process has run out of them); the
-// driver in force before is restored after.
-class FailingThreadStarts {
-public:
-    FailingThreadStarts() : previous_(ActivePlatformDriver()), driver_(*previous_) {
-        driver_.startJoinableThread = [](ThreadFunction, uint64_t, JoinableThread**) -> int32_t { return 0; };
-        InstallPlatformDriver(&driver_);
+// No thread can be started (as when the process has run out of them): the role's trouble says so.
+TEST_F(SntpController, ATimeThreadThatCannotStartIsReported) {
+    PlatformDriver noThreads = *ActivePlatformDriver();
+    noThreads.startJoinableThread = [](ThreadFunction, uint64_t, JoinableThread**) -> int32_t { return 0; };
+    ScopedPlatformDriver failing(&noThreads);
+    const struct {
+        const char* setting;
+        const char* trouble;
+    } roles[] = {{"", " +8"}, {"SNTP_IP 127.0.0.2", " +9"}};  // the server, the client could not start
+    for (const auto& role : roles) {
+        WriteSetting(role.setting);
+        const int32_t started = StartSntp();
+        const std::string troubles = Seen();
+        EXPECT_EQ(1, started) << role.setting;
+        EXPECT_EQ(0, TimeThreadRunning()) << role.setting;
+        EXPECT_EQ(role.trouble, troubles) << role.setting;
     }
-    ~FailingThreadStarts() { InstallPlatformDriver(previous_); }
-    FailingThreadStarts(const FailingThreadStarts&) = delete;
-    FailingThreadStarts& operator=(const FailingThreadStarts&) = delete;
-
-private:
-    const PlatformDriver* previous_;
-    PlatformDriver driver_;
-};
-}  // namespace
-
-TEST_F(SntpController, AServerThreadThatCannotStartIsReported) {
-    FailingThreadStarts failing;
-    EXPECT_EQ(1, StartSntp());
-    EXPECT_EQ(0, TimeThreadRunning());
-    EXPECT_EQ(" +8", Seen()) << "Local SNTP Server could not start";
-}
-
-TEST_F(SntpController, AClientThreadThatCannotStartIsReported) {
-    WriteSetting("SNTP_IP 127.0.0.2");
-    FailingThreadStarts failing;
-    EXPECT_EQ(1, StartSntp());
-    EXPECT_EQ(0, TimeThreadRunning());
-    EXPECT_EQ(" +9", Seen()) << "Local SNTP Client not started";
 }

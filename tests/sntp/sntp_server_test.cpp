@@ -1,86 +1,69 @@
-// The server: its answer in every mode, then the thread on a loopback test port: a batch in order,
-// each datagram stamped and admitted on its own, trouble cleared per answer, a taken port, a failed wait.
+// The server: its answer in every mode, then the thread on scripted sockets, the same on every
+// build: a batch answered in order, each datagram stamped and admitted on its own, trouble cleared
+// per answer, the peer limit late in a batch, a port it cannot open, a failing wait, later years.
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <chrono>
 #include <cstring>
-#include <memory>
 #include <thread>
 
-#include "net/net_test_seams.h"
+#include "net/net_socket.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_server.h"
 #include "sntp/sntp_test_seams.h"
-#include "tests/support/chrony_peer.h"
 #include "tests/support/civil_time.h"
+#include "tests/support/scripted_sockets.h"
 #include "tests/support/trouble_recorder.h"
 #include "tests/support/virtual_time.h"
-#include "tools/loopback_udp.h"
 #include "trouble/trouble_queue.h"
 
 namespace {
-const uint16_t TEST_PORT = 12323;                 // the server binds every interface; keep off 123
-const uint32_t WAIT_MS = 3000, SILENCE_MS = 300;  // bounds a fault; how long a drop is heard for
+const uint16_t CLIENT_PORT = 50123;
 std::atomic<uint64_t> clockReads{0};
-std::atomic<bool> holdNextRead{false}, released{false};
 
-// Never the same stamp twice; the read after holdNextRead holds the server in its batch until released.
-void CountingClock(uint8_t* out) {
-    const uint64_t read = clockReads.fetch_add(1) + 1;
-    while (holdNextRead.load() && !released.load()) std::this_thread::yield();
-    holdNextRead = false, StoreBigEndian64(out, read);
+// Never the same stamp twice.
+void CountingClock(uint8_t* out) { StoreBigEndian64(out, clockReads.fetch_add(1) + 1); }
+
+// a.b.c.d in network order on the little-endian hosts we build for.
+uint32_t Address(uint32_t a, uint32_t b, uint32_t c, uint32_t d) { return a | b << 8 | c << 16 | d << 24; }
+
+const uint32_t FIRST = Address(127, 0, 0, 41);
+
+// A request from a sender, its transmit stamp the id that the answer echoes as originate.
+ScriptedDatagram Request(uint32_t from, uint64_t id, uint8_t header = 0x1B, size_t length = NTP_PACKET_SIZE) {
+    ScriptedDatagram request{from, CLIENT_PORT, std::vector<uint8_t>(length, 0)};
+    request.bytes[0] = header;
+    request.bytes[NTP_POLL_OFFSET] = 6;
+    if (length >= NTP_PACKET_SIZE) StoreBigEndian64(&request.bytes[NTP_TRANSMIT_OFFSET], id);
+    return request;
 }
 
-struct Client {
-    explicit Client(const char* address) { EXPECT_EQ(0, OpenLoopbackUdp(&udp, address, 0)); }
-    ~Client() { CloseLoopbackUdp(&udp); }
-    void Ask(uint64_t id, uint8_t header = 0x1B, int32_t length = NTP_PACKET_SIZE) {
-        uint8_t request[512] = {header, 0, 6};
-        StoreBigEndian64(request + NTP_TRANSMIT_OFFSET, id);
-        SendLoopbackUdp(&udp, request, length, LoopbackAddress("127.0.0.1"), TEST_PORT);
-    }
-    int32_t Answer(uint32_t waitMs) { return ReceiveLoopbackUdp(&udp, answer, 512, waitMs, nullptr, nullptr); }
-    uint64_t Stamp(size_t offset) const { return LoadBigEndian64(answer + offset); }
-    LoopbackUdp udp{~0ULL};
-    uint8_t answer[512] = {};
-};
+uint64_t StampOf(const ScriptedDatagram& answer, size_t offset) { return LoadBigEndian64(&answer.bytes[offset]); }
 
-class SntpServerTest : public testing::Test {
+// Runs the server thread until it has read every queued datagram, then stops it: the batch it is
+// in ends first, and after the join every answer has been sent and every trouble queued.
+void Serve(const ScriptedSockets& sockets, uint64_t upstream = 0) {
+    std::thread server([upstream] { SntpServerThread(upstream); });
+    for (int ms = 0; ms < 10000 && !sockets.Drained(); ++ms) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    stopRequested = 1;
+    server.join();
+    stopRequested = 0;
+}
+
+class SntpServerThreadTest : public testing::Test {
 protected:
-    void SetUp() override { NtpInitEpoch(), StartTroubleRecorder(), sntpServerPort = TEST_PORT, stopRequested = 0; }
-    void TearDown() override { StopServer(), sntpServerPort = SNTP_PORT, StopTroubleRecorder(); }
-    void StartServer() {
-        SetSntpServerClock(CountingClock), server = std::thread([] { SntpServerThread(0); });
-        for (int probe = 0; probe < 30 && (first.Ask(1), first.Answer(SILENCE_MS)) <= 0; ++probe) {}
-        while (first.Answer(SILENCE_MS) > 0) {}  // answers to the probes of a slow start
+    void SetUp() override {
+        NtpInitEpoch();
+        StartTroubleRecorder();
+        SetSntpServerClock(CountingClock);
+        stopRequested = 0;
     }
-    void StopServer() { if (server.joinable()) stopRequested = 1, server.join(), stopRequested = 0; }
-    // Sends request 100 from first, holds the server on its receive stamp, queues, lets go.
-    template <typename Queue> void InOneBatch(Queue queue) {
-        const uint64_t before = clockReads.load();
-        released = false, holdNextRead = true, first.Ask(100);
-        for (int ms = 0; ms < 3000 && clockReads.load() == before; ++ms) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        queue(), released = true;
+    void TearDown() override {
+        SetSntpServerClock(nullptr);
+        StopTroubleRecorder();
+        stopRequested = 0;
     }
-    Client first{"127.0.0.41"};
-    std::thread server;
-};
-
-// Every wait on a socket fails as a failing select does, which no loopback socket can be made to
-// do; the socket calls are the system's again when it goes out of scope.
-class FailingWaits {
-public:
-    FailingWaits() : platform_(systemSocketPlatform) {
-        platform_.waitReadable = [](uint64_t, uint32_t) -> int32_t { return -1; };
-        previous_ = InstallSocketPlatform(&platform_);
-    }
-    ~FailingWaits() { InstallSocketPlatform(previous_); }
-    FailingWaits(const FailingWaits&) = delete;
-    FailingWaits& operator=(const FailingWaits&) = delete;
-
-private:
-    SocketPlatform platform_;
-    const SocketPlatform* previous_ = nullptr;
+    ScriptedSockets sockets;
 };
 
 thread_local bool onServerThread = false;  // the socket library's ageing thread sleeps too
@@ -89,165 +72,180 @@ uint32_t libraryUsersWhilePausing = 0;
 
 // Runs the server thread in virtual time until it has paused count times, and stops it there.
 void RunServerUntilPauses(size_t count) {
-    pauses.clear(), InstallVirtualTime();
-    SetSleepHook([count](uint32_t ms) {
+    ScopedVirtualTime time;
+    pauses.clear();
+    ScopedSleepHook hook([count](uint32_t ms) {
         if (!onServerThread) return;
-        pauses.push_back(ms), libraryUsersWhilePausing = NetLibraryUsers(), stopRequested = pauses.size() == count;
+        pauses.push_back(ms);
+        libraryUsersWhilePausing = NetLibraryUsers();
+        stopRequested = pauses.size() == count ? 1 : 0;
     });
-    std::thread([] { onServerThread = true, SntpServerThread(0); }).join();
-    stopRequested = 0, RemoveVirtualTime();
+    std::thread server([] {
+        onServerThread = true;
+        SntpServerThread(0);
+    });
+    server.join();
+    stopRequested = 0;
 }
 }  // namespace
 
-TEST(SntpServerAnswer, EachModeNamesItsReferenceAndOnlyVersionThreeRequestsOf48BytesGetOne) {
-    uint8_t request[512], answer[NTP_PACKET_SIZE];
-    std::memset(request, 0xEE, sizeof request);  // the answer takes only poll and transmit from it
-    const uint8_t receiveStamp[8] = {1, 2, 3, 4, 5, 6, 7, 8};  // dropped: versions 4, 1, leaps, modes, lengths
+// Versions 4 and 1, an alarm or any leap, the server's own modes, and any length but 48 are dropped.
+TEST(SntpServerAnswer, OnlyVersionThreeRequestsOf48BytesGetOne) {
+    uint8_t request[512] = {};
+    uint8_t answer[NTP_PACKET_SIZE];
+    const uint8_t receiveStamp[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     const std::pair<uint8_t, int32_t> dropped[] = {{0x23, 48}, {0x0B, 48}, {0xDB, 48}, {0x5B, 48}, {0x1C, 48},
                                                    {0x1D, 48}, {0x18, 48}, {0x1B, 47}, {0x1B, 49}, {0x1B, 512}};
-    for (const auto& d : dropped) {
-        request[0] = d.first;
-        EXPECT_EQ(0, BuildSntpAnswer(request, d.second, receiveStamp, answer)) << int{d.first} << " " << d.second;
+    for (const auto& [header, length] : dropped) {
+        request[0] = header;
+        const int32_t answered = BuildSntpAnswer(request, length, receiveStamp, answer);
+        EXPECT_EQ(0, answered) << int{header} << ", " << length << " bytes";
     }
+}
+
+// Upstream: the alarm until it is reached; then its address (10.1.2.3 as stored), its stratum's low
+// byte plus one, and the stamp in memory order, on purpose. Only poll and transmit come from the request.
+TEST(SntpServerAnswer, EachModeNamesItsReference) {
+    uint8_t request[NTP_PACKET_SIZE];
+    uint8_t answer[NTP_PACKET_SIZE];
+    std::memset(request, 0xEE, sizeof request);
+    const uint8_t receiveStamp[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     const uint64_t syncTime = 0xE1E2E3E4E5E6E7E8ULL;
-    // Memory order for the stamp, on purpose; only the stratum's low byte counts; 10.1.2.3 as stored.
-    lastSyncTime = syncTime, upstreamStratum = 0x103, upstreamAddress = 0x0302010A;
-    const struct { int32_t mode, synchronised; uint8_t header, answerHeader, stratum; const char* id; } cases[] = {
-        {0, 0, 0x1B, 0x1C, 1, "LOCL"}, {0, 1, 0x19, 0x1A, 1, "LOCL"},
-        {1, 0, 0x19, 0xDA, 0, "INIT"}, {2, 0, 0x1B, 0xDC, 0, "INIT"},  // alarm until upstream is reached
-        {1, 1, 0x19, 0x1A, 4, "\x0A\x01\x02\x03"}, {2, 1, 0x1B, 0x1C, 1, "TOP "},
+    lastSyncTime = syncTime;
+    upstreamStratum = 0x103;
+    upstreamAddress = 0x0302010A;
+    const struct {
+        const char* label;
+        int32_t mode, synchronised;
+        uint8_t header, answerHeader, stratum;
+        const char* id;
+    } cases[] = {
+        {"local clock, client", 0, 0, 0x1B, 0x1C, 1, "LOCL"},
+        {"local clock, symmetric active", 0, 1, 0x19, 0x1A, 1, "LOCL"},
+        {"upstream not reached", 1, 0, 0x19, 0xDA, 0, "INIT"},
+        {"another mode, not reached", 2, 0, 0x1B, 0xDC, 0, "INIT"},
+        {"upstream reached", 1, 1, 0x19, 0x1A, 4, "\x0A\x01\x02\x03"},
+        {"another mode, reached: its own top", 2, 1, 0x1B, 0x1C, 1, "TOP "},
     };
     for (const auto& c : cases) {
-        serverMode = c.mode, synchronised = c.synchronised, request[0] = c.header;
+        serverMode = c.mode;
+        synchronised = c.synchronised;
+        request[0] = c.header;
         uint8_t expected[NTP_PACKET_SIZE] = {c.answerHeader, c.stratum, 0xEE, 0xFA};
         std::memcpy(expected + NTP_REFERENCE_ID_OFFSET, c.id, 4);
         if (c.mode != 0 && c.synchronised != 0) std::memcpy(expected + NTP_REFERENCE_STAMP_OFFSET, &syncTime, 8);
         std::memcpy(expected + NTP_ORIGINATE_OFFSET, request + NTP_TRANSMIT_OFFSET, 8);
         std::memcpy(expected + NTP_RECEIVE_OFFSET, receiveStamp, 8);
-        EXPECT_EQ(1, BuildSntpAnswer(request, NTP_PACKET_SIZE, receiveStamp, answer)) << c.mode << c.synchronised;
-        EXPECT_EQ(0, std::memcmp(expected, answer, NTP_PACKET_SIZE)) << c.mode << c.synchronised;
+        const int32_t answered = BuildSntpAnswer(request, NTP_PACKET_SIZE, receiveStamp, answer);
+        EXPECT_EQ(1, answered) << c.label;
+        EXPECT_EQ(0, std::memcmp(expected, answer, NTP_PACKET_SIZE)) << c.label;
     }
+    serverMode = SERVER_MODE_LOCAL_CLOCK;
+    synchronised = 0;
 }
 
-TEST_F(SntpServerTest, ABatchIsAnsweredInOrderEachWithItsOwnStampsClearingTroubleTwoAndHoldingThePeerLimit) {
-    StartServer(), TakeTroubles(), SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
-    InOneBatch([this] {
-        first.Ask(2, 0x23), first.Ask(3, 0x1B, 47), first.Ask(4, 0x1B, 512);  // dropped: clear nothing
-        for (uint64_t id = 101; id < 106; ++id) first.Ask(id, id % 2 != 0 ? 0x19 : 0x1B);
-    });
+// Each datagram is read, stamped and answered before the next is read; the answer goes back to its sender.
+TEST_F(SntpServerThreadTest, ABatchIsAnsweredInOrderEachWithItsOwnStamps) {
+    for (uint64_t id = 100; id < 106; ++id) sockets.Queue(Request(FIRST, id, id % 2 != 0 ? 0x19 : 0x1B));
+    Serve(sockets);
+    const std::vector<ScriptedDatagram> answers = sockets.Sent();
+    ASSERT_EQ(6u, answers.size());
     uint64_t lastTransmit = 0;
     for (uint64_t id = 100; id < 106; ++id) {
-        ASSERT_EQ(static_cast<int32_t>(NTP_PACKET_SIZE), first.Answer(WAIT_MS));
-        uint8_t head[16] = {uint8_t(id % 2 ? 0x1A : 0x1C), 1, 6, 0xFA, 0, 0, 0, 0, 0, 0, 0, 0, 'L', 'O', 'C', 'L'};
-        EXPECT_EQ(0, std::memcmp(head, first.answer, sizeof head)) << "header, stratum, poll, precision, root, id";
-        const uint64_t receive = first.Stamp(NTP_RECEIVE_OFFSET), transmit = first.Stamp(NTP_TRANSMIT_OFFSET);
-        EXPECT_EQ(id, first.Stamp(NTP_ORIGINATE_OFFSET));  // each read, stamped and sent before the next is read
-        EXPECT_TRUE(lastTransmit < receive && receive < transmit) << lastTransmit << " " << receive << " " << transmit;
+        const ScriptedDatagram& answer = answers[id - 100];
+        const uint64_t receive = StampOf(answer, NTP_RECEIVE_OFFSET);
+        const uint64_t transmit = StampOf(answer, NTP_TRANSMIT_OFFSET);
+        EXPECT_EQ(id, StampOf(answer, NTP_ORIGINATE_OFFSET));
+        EXPECT_EQ(FIRST, answer.address) << id;
+        EXPECT_EQ(CLIENT_PORT, answer.port) << id;
+        EXPECT_LT(lastTransmit, receive) << id;
+        EXPECT_LT(receive, transmit) << id;
         lastTransmit = transmit;
     }
-    EXPECT_EQ(0, first.Answer(SILENCE_MS)) << "nothing else answered";
-    StopServer();  // the clear follows the send; after the join it has surely been queued
-    const SeenTrouble cleared{SNTP_NO_RESPONSE, TROUBLE_CLEARED};  // one per answer, none per drop
-    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared, cleared, cleared, cleared,
-                                        cleared, cleared}), TakeTroubles());
-
-#ifdef _WIN32
-    GTEST_SKIP() << "Wine's loopback shows all senders as one";
-#endif
-    StartServer();  // the limit of peers holds for datagrams late in a batch
-    std::vector<std::unique_ptr<Client>> fillers;  // with first, one short of the limit
-    for (uint64_t peer = 0; peer + 2 < SNTP_SERVER_PEER_LIMIT; ++peer) {
-        fillers.push_back(std::make_unique<Client>(("127.0.1." + std::to_string(2 + peer)).c_str()));
-        ASSERT_GT((fillers.back()->Ask(1), fillers.back()->Answer(WAIT_MS)), 0);
-    }
-    Client last("127.0.2.2"), refused("127.0.2.3");
-    InOneBatch([&] { last.Ask(2), refused.Ask(3), first.Ask(4); });
-    EXPECT_TRUE(last.Answer(WAIT_MS) > 0 && first.Answer(WAIT_MS) > 0);
-    EXPECT_EQ(0, refused.Answer(SILENCE_MS));
 }
 
-TEST_F(SntpServerTest, ChronyAskingWithVersionThreeAcceptsTheTime) {
-    if (!ChronyInstalled()) GTEST_SKIP() << ChronydPath() << " is not installed";
-    SetSntpServerClock(nullptr), server = std::thread([] { SntpServerThread(0); });
-    double offset = 0.0;
-    std::string output;  // from the clock chrony compares it with: a wrong era, second or scale is far off
-    const bool measured = QueryWithChrony("127.0.0.1 port " + std::to_string(TEST_PORT) + " iburst version 3", &offset,
-                                          &output);
-    if (!measured && output.find("Fatal") != std::string::npos) GTEST_SKIP() << "chronyd could not run:\n" << output;
-    ASSERT_TRUE(measured) << output;
-    EXPECT_LT(std::abs(offset), 0.25) << output;
+TEST_F(SntpServerThreadTest, EachAnswerClearsTroubleTwoAndADropNothing) {
+    SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
+    sockets.Queue(Request(FIRST, 2, 0x23));
+    sockets.Queue(Request(FIRST, 3, 0x1B, 47));
+    sockets.Queue(Request(FIRST, 4, 0x1B, 512));
+    sockets.Queue(Request(FIRST, 5));
+    sockets.Queue(Request(FIRST, 6));
+    Serve(sockets);
+    const SeenTrouble cleared{SNTP_NO_RESPONSE, TROUBLE_CLEARED};
+    const std::vector<SeenTrouble> troubles = TakeTroubles();
+    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared, cleared}), troubles);
 }
 
-TEST_F(SntpServerTest, ATakenPortRaisesTroubleEightOnceAndAFailingWaitTroubleOneEachSecond) {
-    LoopbackUdp holder{~0ULL};
-    ASSERT_EQ(0, OpenLoopbackUdp(&holder, "127.0.0.1", TEST_PORT, false));
-    RunServerUntilPauses(3), CloseLoopbackUdp(&holder);
-    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_SERVER_NOT_STARTED, TROUBLE_SET}}), TakeTroubles());
-    // The library given back while idle: restarted every minute, the server would pile up sockets.
-    EXPECT_EQ(std::make_pair(std::vector<uint32_t>(3, 1000), 0u), std::make_pair(pauses, libraryUsersWhilePausing));
-
-    {
-        FailingWaits failing;
-        RunServerUntilPauses(5);
+// 201 senders are answered; the 202nd, late in the same batch as a known one, is not.
+TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
+    for (uint32_t peer = 0; peer < SNTP_SERVER_PEER_LIMIT + 1; ++peer) {
+        sockets.Queue(Request(Address(127, 0, 1 + peer / 250, 1 + peer % 250), peer));
     }
-    EXPECT_EQ(std::vector<SeenTrouble>(5, SeenTrouble{SNTP_SOCKET_ERROR, TROUBLE_SET}), TakeTroubles());
-    EXPECT_EQ(std::make_pair(std::vector<uint32_t>(5, 1000), 1u), std::make_pair(pauses, libraryUsersWhilePausing));
+    sockets.Queue(Request(Address(127, 0, 1, 1), 999));
+    Serve(sockets);
+    const std::vector<ScriptedDatagram> answers = sockets.Sent();
+    const uint32_t refused = Address(127, 0, 1, 1 + SNTP_SERVER_PEER_LIMIT);
+    const auto answeredRefused = std::count_if(answers.begin(), answers.end(), [&](const ScriptedDatagram& answer) {
+        return answer.address == refused;
+    });
+    EXPECT_EQ(SNTP_SERVER_PEER_LIMIT + 1, answers.size()) << "every admitted sender, the first one twice";
+    EXPECT_EQ(0, answeredRefused);
 }
 
-namespace {
-// The server thread on its own clock (NtpNow through the platform driver) in virtual time that
-// stands still: only the seconds that the clock reads decide the stamps.
-class SntpServerInLaterYears : public testing::Test {
-protected:
-    void SetUp() override {
-        NtpInitEpoch();
-        sntpServerPort = TEST_PORT;
-        stopRequested = 0;
-        SetSntpServerClock(nullptr);
-    }
-    void TearDown() override {
-        StopServer();
-        sntpServerPort = SNTP_PORT;
-        RemoveVirtualTime();
-    }
-    // The server's answer to one request while the clock reads fileTime: false when none came.
-    bool AnswerAt(int64_t fileTime, Client* client) {
-        InstallVirtualTime(fileTime);
-        HoldWakeableSleeps(true);  // the socket library's sweeps must not move the clock
-        server = std::thread([] { SntpServerThread(0); });
-        for (int probe = 0; probe < 30; ++probe) {
-            client->Ask(1);
-            if (client->Answer(SILENCE_MS) == static_cast<int32_t>(NTP_PACKET_SIZE)) {
-                return true;
-            }
-        }
-        return false;
-    }
-    void StopServer() {
-        if (server.joinable()) {
-            stopRequested = 1;
-            server.join();
-            stopRequested = 0;
-        }
-    }
-    std::thread server;
-};
-}  // namespace
+// Started for an upstream server (10.1.2.3 as stored), it says so with the alarm until the client
+// has reached that server, whatever an earlier run left.
+TEST_F(SntpServerThreadTest, ForAnUpstreamItAnswersInitUntilReached) {
+    synchronised = 1;
+    sockets.Queue(Request(FIRST, 1));
+    Serve(sockets, 0x0302010A);
+    serverMode = SERVER_MODE_LOCAL_CLOCK;
+    const std::vector<ScriptedDatagram> answers = sockets.Sent();
+    ASSERT_EQ(1u, answers.size());
+    EXPECT_EQ(0xDC, answers[0].bytes[0]) << "alarm, version 3, server";
+    EXPECT_EQ(0, std::memcmp("INIT", &answers[0].bytes[NTP_REFERENCE_ID_OFFSET], 4));
+}
 
-TEST_F(SntpServerInLaterYears, StampsAfterTheWrapCarryTheErasSeconds) {
+// The library given back while idle: restarted every minute, the server would pile up sockets.
+TEST_F(SntpServerThreadTest, APortItCannotOpenRaisesTroubleEightOnceThenIdles) {
+    sockets.FailOpens(10048);  // WSAEADDRINUSE
+    RunServerUntilPauses(3);
+    const std::vector<SeenTrouble> troubles = TakeTroubles();
+    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_SERVER_NOT_STARTED, TROUBLE_SET}}), troubles);
+    EXPECT_EQ(std::vector<uint32_t>(3, 1000), pauses);
+    EXPECT_EQ(0u, libraryUsersWhilePausing);
+}
+
+TEST_F(SntpServerThreadTest, AFailingWaitRaisesTroubleOneEachSecond) {
+    sockets.FailWaits(true);
+    RunServerUntilPauses(5);
+    const std::vector<SeenTrouble> troubles = TakeTroubles();
+    EXPECT_EQ(std::vector<SeenTrouble>(5, SeenTrouble{SNTP_SOCKET_ERROR, TROUBLE_SET}), troubles);
+    EXPECT_EQ(std::vector<uint32_t>(5, 1000), pauses);
+    EXPECT_EQ(1u, libraryUsersWhilePausing);
+}
+
+// On its own clock (NtpNow through the platform driver) in virtual time that stands still, the
+// socket library's sweeps held: only the date decides the stamps, counted on the wire from the wrap.
+TEST(SntpServerInLaterYears, StampsAfterTheWrapCarryTheErasSeconds) {
     const struct {
         const char* label;
         int64_t fileTime;
-        uint64_t seconds;  // on the wire: counted from 2036-02-07 06:28:16
+        uint64_t seconds;
     } rows[] = {
         {"2036-08-01", FileTimeOf(2036, 8, 1), 0x00E7AD00},
         {"2100-01-01", FileTimeOf(2100, 1, 1), 0x7830D580},
     };
+    NtpInitEpoch();
     for (const auto& row : rows) {
-        Client client("127.0.0.42");
-        ASSERT_TRUE(AnswerAt(row.fileTime, &client)) << row.label;
-        EXPECT_EQ(row.seconds, client.Stamp(NTP_RECEIVE_OFFSET) >> 32) << row.label << ", receive";
-        EXPECT_EQ(row.seconds, client.Stamp(NTP_TRANSMIT_OFFSET) >> 32) << row.label << ", transmit";
-        StopServer();
+        ScopedVirtualTime time(row.fileTime);
+        HoldWakeableSleeps(true);
+        ScriptedSockets sockets;
+        sockets.Queue(Request(FIRST, 1));
+        Serve(sockets);
+        const std::vector<ScriptedDatagram> answers = sockets.Sent();
+        ASSERT_EQ(1u, answers.size()) << row.label;
+        EXPECT_EQ(row.seconds, StampOf(answers[0], NTP_RECEIVE_OFFSET) >> 32) << row.label << ", receive";
+        EXPECT_EQ(row.seconds, StampOf(answers[0], NTP_TRANSMIT_OFFSET) >> 32) << row.label << ", transmit";
     }
 }

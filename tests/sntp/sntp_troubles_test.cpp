@@ -5,61 +5,129 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "trouble/trouble_queue.h"
 
 namespace {
-std::string seen;
+std::string seen;  // each record as " +code" set or " -code" cleared, the code found by its text (U: the generic one)
+std::string senders;  // each record's source and trouble code
 
-// Each record as "+code " or "-code ", the code found by its text (U: the generic one); all from SNTP, code 7.
 void RecordReport(const char16_t* source, uint32_t, uint32_t code, uint32_t state, const char16_t* text) {
-    const std::u16string t(text);
-    EXPECT_TRUE(std::u16string(u"SNTP") == source && code == 7u);
-    std::string id = t == u"Unknown Error" ? "U" : "?";
-    for (int32_t k = 1; k < SNTP_RESULT_COUNT; ++k) id = t == SntpTroubleTable[k].defaultText ? std::to_string(k) : id;
-    seen += (state == TROUBLE_SET ? "+" : state == TROUBLE_CLEARED ? "-" : "?") + id + " ";
+    std::string id = std::u16string(text) == u"Unknown Error" ? "U" : "?";
+    for (int32_t k = 1; k < SNTP_RESULT_COUNT; ++k) {
+        if (std::u16string(text) == SntpTroubleTable[k].defaultText) id = std::to_string(k);
+    }
+    seen += (state == TROUBLE_SET ? " +" : " -") + id;
+    senders += (std::u16string(source) == u"SNTP" ? " SNTP/" : " ?/") + std::to_string(code);
 }
 
-std::string Drained() { return seen.clear(), DrainTroubles(), seen; }
+std::string Drained() {
+    DrainTroubles();
+    return std::exchange(seen, {});
+}
 
-struct SntpTroublesTest : testing::Test {
-    void SetUp() override { CreateTroubleQueue(), SetReportCallback(RecordReport), troubleMask = stopRequested = 0; }
+struct SntpTroubles : testing::Test {
+    void SetUp() override {
+        CreateTroubleQueue();
+        SetReportCallback(RecordReport);
+        troubleMask = 0;
+        stopRequested = 0;
+    }
+    void TearDown() override {
+        SetReportCallback(nullptr);
+        DrainTroubles();
+        seen.clear();
+        senders.clear();
+        troubleMask = 0;
+        stopRequested = 0;
+    }
 };
 }  // namespace
 
-TEST_F(SntpTroublesTest, RaisesAndClearsAreReportedWithTheirTextsWhileAnyTroubleIsActiveAndNotDuringAStop) {
-    SetSntpTrouble(SNTP_NOT_SYNCHRONISED), SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
-    EXPECT_EQ((1u << 3) | (1u << 6), troubleMask.load());
-    EXPECT_EQ("+3 +6 -1 -2 -3 -4 -5 -6 ", (ClearAllSntpTroubles(), Drained()));
-
-    // Code 11 lies past the table and past the walk: every clear goes out, then the mask is zeroed.
-    SetSntpTrouble(SNTP_RESULT_COUNT), ClearAllSntpTroubles();
-    EXPECT_EQ(0u, troubleMask.load());
-    EXPECT_EQ("+U -1 -2 -3 -4 -5 -6 -7 -8 -9 -10 ", Drained());
-
-    // Clears go out while any trouble is active, also for codes never raised.
-    ClearSntpTrouble(SNTP_NO_RESPONSE), ClearAllSntpTroubles(), SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
-    ClearSntpTrouble(SNTP_NO_RESPONSE), ClearSntpTrouble(SNTP_NO_RESPONSE);  // never raised, but trouble 5 is active
-    EXPECT_EQ(1u << 5, troubleMask.load());
-    ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION), ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
-    EXPECT_EQ("+5 -2 -2 -5 ", Drained());
-
-    SetSntpTrouble(SNTP_CANNOT_RESOLVE), stopRequested = 1, SetSntpTrouble(SNTP_SOCKET_ERROR);
-    EXPECT_EQ(1u << 10, troubleMask.load());
-    EXPECT_EQ(0u, (ClearSntpTrouble(SNTP_CANNOT_RESOLVE), troubleMask.load()));
-    EXPECT_EQ("+10 -10 ", Drained());
-
-    stopRequested = 0, SetSntpTrouble(SNTP_NO_RESPONSE), SetSntpTrouble(SNTP_NO_RESPONSE);
-    SetSntpTrouble(SNTP_CLIENT_NOT_STARTED);  // no message id of its own
-    SetSntpTrouble(40);                       // outside the table; its bit is taken modulo 32
-    EXPECT_EQ("+2 +2 +9 +U ", Drained());
+// Every raise is reported again; a code without a text of its own (9) has its default, one past
+// the table the generic text, and its bit is taken modulo 32.
+TEST_F(SntpTroubles, EachRaiseIsReportedAndSetsItsBit) {
+    SetSntpTrouble(SNTP_NO_RESPONSE);
+    SetSntpTrouble(SNTP_NO_RESPONSE);
+    SetSntpTrouble(SNTP_CLIENT_NOT_STARTED);
+    SetSntpTrouble(40);
+    const std::string reports = Drained();
+    EXPECT_EQ(" +2 +2 +9 +U", reports);
     EXPECT_EQ((1u << 2) | (1u << 8) | (1u << 9), troubleMask.load());
+}
 
-    SetReportCallback(nullptr), SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION), SetReportCallback(RecordReport);
-    EXPECT_EQ("", Drained());
+TEST_F(SntpTroubles, RecordsComeFromSntpWithTroubleCodeSeven) {
+    SetSntpTrouble(SNTP_SOCKET_ERROR);
+    SetSntpTrouble(SNTP_RESULT_COUNT);
+    ClearSntpTrouble(SNTP_SOCKET_ERROR);
+    DrainTroubles();
+    EXPECT_EQ(" SNTP/7 SNTP/7 SNTP/7", senders);
+}
 
-    EXPECT_EQ(std::u16string(u"Ok"), SntpResultText(SNTP_OK));
-    EXPECT_EQ(std::u16string(SntpTroubleTable[1].defaultText), SntpResultText(SNTP_SOCKET_ERROR));
-    EXPECT_EQ(std::u16string(u"Local SNTP Client: Cannot resolve host name"), SntpResultText(SNTP_CANNOT_RESOLVE));
-    EXPECT_EQ(std::u16string(u"Unknown Error"), SntpResultText(SNTP_RESULT_COUNT));
+// Clears go out for every code from 1 up to the highest active one, in order.
+TEST_F(SntpTroubles, ClearAllClearsEachCodeInOrderUntilNoneIsActive) {
+    SetSntpTrouble(SNTP_NOT_SYNCHRONISED);
+    SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
+    ClearAllSntpTroubles();
+    const std::string reports = Drained();
+    EXPECT_EQ(" +3 +6 -1 -2 -3 -4 -5 -6", reports);
+}
+
+// Code 11 lies past the table and past the walk: every clear goes out, then the mask is zeroed.
+TEST_F(SntpTroubles, ClearAllOfACodePastTheTableClearsAllTenAndEmptiesTheMask) {
+    SetSntpTrouble(SNTP_RESULT_COUNT);
+    ClearAllSntpTroubles();
+    const std::string reports = Drained();
+    EXPECT_EQ(" +U -1 -2 -3 -4 -5 -6 -7 -8 -9 -10", reports);
+    EXPECT_EQ(0u, troubleMask.load());
+}
+
+// The whole mask decides, not the code's bit (the server clears trouble 2 after each answer).
+TEST_F(SntpTroubles, ClearsAreReportedWhileAnyTroubleIsActive) {
+    ClearSntpTrouble(SNTP_NO_RESPONSE);
+    ClearAllSntpTroubles();
+    SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
+    ClearSntpTrouble(SNTP_NO_RESPONSE);
+    ClearSntpTrouble(SNTP_NO_RESPONSE);
+    const uint32_t maskWhileActive = troubleMask.load();
+    ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
+    ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
+    const std::string reports = Drained();
+    EXPECT_EQ(" +5 -2 -2 -5", reports);
+    EXPECT_EQ(1u << 5, maskWhileActive);
+}
+
+// The clears of a restart must reach the workstation.
+TEST_F(SntpTroubles, RaisesAreSilentDuringAStopButClearsAreNot) {
+    SetSntpTrouble(SNTP_CANNOT_RESOLVE);
+    stopRequested = 1;
+    SetSntpTrouble(SNTP_SOCKET_ERROR);
+    const uint32_t maskAfterSilentRaise = troubleMask.load();
+    ClearSntpTrouble(SNTP_CANNOT_RESOLVE);
+    const std::string reports = Drained();
+    EXPECT_EQ(" +10 -10", reports);
+    EXPECT_EQ(1u << 10, maskAfterSilentRaise);
+    EXPECT_EQ(0u, troubleMask.load());
+}
+
+TEST_F(SntpTroubles, WithoutASinkNothingIsQueued) {
+    SetReportCallback(nullptr);
+    SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
+    SetReportCallback(RecordReport);
+    const std::string reports = Drained();
+    EXPECT_EQ("", reports);
+}
+
+TEST_F(SntpTroubles, EachResultHasItsText) {
+    const struct {
+        SntpResult code;
+        std::u16string text;
+    } cases[] = {
+        {SNTP_OK, u"Ok"},
+        {SNTP_SOCKET_ERROR, SntpTroubleTable[SNTP_SOCKET_ERROR].defaultText},
+        {SNTP_CANNOT_RESOLVE, u"Local SNTP Client: Cannot resolve host name"},
+        {SNTP_RESULT_COUNT, u"Unknown Error"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.text, SntpResultText(c.code)) << c.code;
 }

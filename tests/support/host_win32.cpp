@@ -1,5 +1,4 @@
-// Wine twin of the host calls: threads from a toolhelp snapshot; CreateProcess of a Unix path
-// starts the host's own /bin/sh, with no usable process handle (hence the status files).
+// Wine twin of the host calls: threads from a toolhelp snapshot.
 #include <windows.h>
 #include <tlhelp32.h>
 
@@ -19,23 +18,3 @@ size_t CountProcessThreads() {
 }
 
 uint32_t CurrentProcessNumber() { return static_cast<uint32_t>(GetCurrentProcessId()); }
-
-// Wine maps the host's root to drive Z:.
-std::string LocalPathOf(const std::string& hostPath) {
-    std::string local = "Z:" + hostPath;
-    for (char& c : local) c = c == '/' ? '\\' : c;
-    return local;
-}
-
-bool LaunchHostShell(const std::string& scriptHostPath) {
-    std::string commandLine = "/bin/sh " + scriptHostPath;
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (!CreateProcessA(nullptr, &commandLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-        return false;
-    }
-    if (process.hThread != nullptr) CloseHandle(process.hThread);
-    if (process.hProcess != nullptr) CloseHandle(process.hProcess);
-    return true;
-}

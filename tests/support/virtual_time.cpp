@@ -104,8 +104,13 @@ const PlatformDriver guardDriver = {
 void InstallVirtualTime(int64_t fileTime, uint32_t tick) {
     {
         std::lock_guard<std::mutex> hold(stateMutex);
-        startFileTime = fileTime, startTick = tick, clockOffset = 0, randomSeed = 0;
-        clockSettings.clear(), randomValues.clear(), sleepHook = nullptr;
+        startFileTime = fileTime;
+        startTick = tick;
+        clockOffset = 0;
+        randomSeed = 0;
+        clockSettings.clear();
+        randomValues.clear();
+        sleepHook = nullptr;
     }
     elapsedMs.store(0);
     holdWakeable.store(false);
@@ -141,7 +146,6 @@ void SetSleepHook(std::function<void(uint32_t)> hook) {
     std::lock_guard<std::mutex> hold(stateMutex);
     sleepHook = std::move(hook);
 }
-
 
 void HoldWakeableSleeps(bool hold) { holdWakeable.store(hold); }
 

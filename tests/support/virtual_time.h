@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <utility>
 #include <vector>
 
 // 2026-01-01 00:00:00 UTC as a FILETIME.
@@ -37,3 +38,24 @@ void HoldWakeableSleeps(bool hold);
 
 // Reinstalls the guard driver: the operating system's clocks, a clock writer that does nothing.
 void InstallGuardDriver();
+
+// Virtual time for the life of the object, the guard driver again after it (also when an ASSERT
+// ends the test early).
+class ScopedVirtualTime {
+public:
+    explicit ScopedVirtualTime(int64_t startFileTime = VIRTUAL_START_FILETIME, uint32_t startTick = 1000000) {
+        InstallVirtualTime(startFileTime, startTick);
+    }
+    ~ScopedVirtualTime() { RemoveVirtualTime(); }
+    ScopedVirtualTime(const ScopedVirtualTime&) = delete;
+    ScopedVirtualTime& operator=(const ScopedVirtualTime&) = delete;
+};
+
+// A sleep hook for the life of the object: a hook that blocks never outlives its test.
+class ScopedSleepHook {
+public:
+    explicit ScopedSleepHook(std::function<void(uint32_t)> hook) { SetSleepHook(std::move(hook)); }
+    ~ScopedSleepHook() { SetSleepHook({}); }
+    ScopedSleepHook(const ScopedSleepHook&) = delete;
+    ScopedSleepHook& operator=(const ScopedSleepHook&) = delete;
+};

@@ -5,15 +5,46 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <ostream>
 #include <string>
-#include <tuple>
-#include <utility>
 #include <vector>
 
+// Compared and printed field by field, so that a failure names the field.
+bool operator==(const QueryOptions& a, const QueryOptions& b) {
+    return std::string(a.server) == b.server && a.count == b.count && a.intervalS == b.intervalS &&
+           a.timeoutMs == b.timeoutMs && a.warnMs == b.warnMs && a.critMs == b.critMs;
+}
+
+void PrintTo(const QueryOptions& o, std::ostream* out) {
+    *out << "{server " << o.server << ", count " << o.count << ", intervalS " << o.intervalS << ", timeoutMs "
+         << o.timeoutMs << ", warnMs " << o.warnMs << ", critMs " << o.critMs << "}";
+}
+
+bool operator==(const QuerySummary& a, const QuerySummary& b) {
+    return a.asked == b.asked && a.answered == b.answered && a.offsetMinMs == b.offsetMinMs &&
+           a.offsetMedianMs == b.offsetMedianMs && a.offsetMaxMs == b.offsetMaxMs && a.delayMinMs == b.delayMinMs &&
+           a.delayMedianMs == b.delayMedianMs && a.delayMaxMs == b.delayMaxMs;
+}
+
+void PrintTo(const QuerySummary& s, std::ostream* out) {
+    *out << "{asked " << s.asked << ", answered " << s.answered << ", offset min " << s.offsetMinMs << " median "
+         << s.offsetMedianMs << " max " << s.offsetMaxMs << ", delay min " << s.delayMinMs << " median "
+         << s.delayMedianMs << " max " << s.delayMaxMs << "}";
+}
+
 namespace {
-int32_t Parse(std::vector<const char*> words, QueryOptions* options) {
+const char NO_ANSWER[] = "The time server did not respond.";
+
+struct Parsed {
+    int32_t status;
+    QueryOptions options;
+};
+
+Parsed Parse(std::vector<const char*> words) {
     words.insert(words.begin(), "SntpQuery");
-    return ParseQueryOptions(static_cast<int>(words.size()), const_cast<char**>(words.data()), options);
+    Parsed parsed{};
+    parsed.status = ParseQueryOptions(static_cast<int>(words.size()), const_cast<char**>(words.data()), &parsed.options);
+    return parsed;
 }
 
 QueryOptions Thresholds(double warnMs, double critMs) { return {"127.0.0.5", 1, 1, QUERY_DEFAULT_TIMEOUT_MS, warnMs, critMs}; }
@@ -21,30 +52,24 @@ QueryOptions Thresholds(double warnMs, double critMs) { return {"127.0.0.5", 1, 
 QuerySummary Answered(long answered, long asked, double offsetMs, double delayMs) {
     return {asked, answered, offsetMs, offsetMs, offsetMs, delayMs, delayMs, delayMs};
 }
-
-std::vector<double> Figures(const QuerySummary& s) {
-    return {double(s.asked), double(s.answered), s.offsetMinMs, s.offsetMedianMs, s.offsetMaxMs, s.delayMinMs,
-            s.delayMedianMs, s.delayMaxMs};
-}
 }  // namespace
 
-TEST(SntpQueryOptions, AcceptsLongAndShortFormsAndDefaults) {
+TEST(SntpQueryOptions, ReadsLongAndShortFormsWithDefaultsForTheRest) {
     const struct {
-        std::vector<const char*> words; long count, intervalS, timeoutMs; double warnMs, critMs;
+        std::vector<const char*> words;
+        QueryOptions options;
     } rows[] = {
-        {{"ntp1"}, 1, 1, 5000, -1, -1},
-        {{"--count", "5", "--interval", "0", "--timeout", "900", "ntp1"}, 5, 0, 900, -1, -1},
-        {{"ntp1", "-n", "100000", "-i", "86400", "-t", "0"}, 100000, 86400, 0, -1, -1},
-        {{"ntp1", "--warn-ms", "0.5", "--crit-ms", "2"}, 1, 1, 5000, 0.5, 2},
-        {{"--warn-ms", "3", "--crit-ms", "3", "ntp1"}, 1, 1, 5000, 3, 3},
-        {{"ntp1", "--crit-ms", "10"}, 1, 1, 5000, -1, 10},
+        {{"ntp1"}, {"ntp1", 1, 1, 5000, -1, -1}},
+        {{"--count", "5", "--interval", "0", "--timeout", "900", "ntp1"}, {"ntp1", 5, 0, 900, -1, -1}},
+        {{"ntp1", "-n", "100000", "-i", "86400", "-t", "0"}, {"ntp1", 100000, 86400, 0, -1, -1}},
+        {{"ntp1", "--warn-ms", "0.5", "--crit-ms", "2"}, {"ntp1", 1, 1, 5000, 0.5, 2}},
+        {{"--warn-ms", "3", "--crit-ms", "3", "ntp1"}, {"ntp1", 1, 1, 5000, 3, 3}},
+        {{"ntp1", "--crit-ms", "10"}, {"ntp1", 1, 1, 5000, -1, 10}},
     };
     for (const auto& row : rows) {
-        QueryOptions options;
-        ASSERT_EQ(0, Parse(row.words, &options)) << row.words.size();
-        EXPECT_STREQ("ntp1", options.server);
-        EXPECT_EQ(std::make_tuple(row.count, row.intervalS, row.timeoutMs, row.warnMs, row.critMs),
-                  std::make_tuple(options.count, options.intervalS, options.timeoutMs, options.warnMs, options.critMs));
+        const Parsed parsed = Parse(row.words);
+        EXPECT_EQ(parsed.status, 0) << testing::PrintToString(row.words);
+        EXPECT_EQ(parsed.options, row.options) << testing::PrintToString(row.words);
     }
 }
 
@@ -57,32 +82,58 @@ TEST(SntpQueryOptions, RefusesWhatItCannotRead) {
         {"ntp1", "--crit-ms", "86400001"}, {"ntp1", "--warn-ms", "5", "--crit-ms", "4"}, {"ntp1", "--verbose"},
     };
     for (const auto& words : lines) {
-        QueryOptions options;
-        EXPECT_EQ(1, Parse(words, &options)) << ::testing::PrintToString(words);
+        const Parsed parsed = Parse(words);
+        EXPECT_EQ(parsed.status, 1) << testing::PrintToString(words);
     }
-    EXPECT_EQ(1, ParseQueryOptions(1, nullptr, nullptr));
 }
 
-TEST(SntpQuerySummary, TakesMinMedianAndMaxOfTheAnswersOnly) {
-    const QuerySample odd[] = {{1, 3.0, 0.5}, {0, 99.0, 99.0}, {1, -1.0, 2.0}, {1, 0.25, 1.0}};
-    const QuerySample even[] = {{1, 4.0, 1.0}, {1, 1.0, 3.0}, {1, 2.0, 0.0}, {1, 10.0, 2.0}};
+// Min, median and max of the answered samples alone; an even number's median is the mean of the middle two.
+TEST(SntpQuerySummary, TakesMinMedianAndMaxOfTheAnswers) {
+    const struct {
+        const char* label;
+        std::vector<QuerySample> samples;
+        QuerySummary summary;
+    } rows[] = {
+        {"odd", {{1, 3.0, 0.5}, {0, 99.0, 99.0}, {1, -1.0, 2.0}, {1, 0.25, 1.0}}, {4, 3, -1.0, 0.25, 3.0, 0.5, 1.0, 2.0}},
+        {"even", {{1, 4.0, 1.0}, {1, 1.0, 3.0}, {1, 2.0, 0.0}, {1, 10.0, 2.0}}, {4, 4, 1.0, 3.0, 10.0, 0.0, 1.5, 3.0}},
+    };
+    for (const auto& row : rows) {
+        QuerySummary summary{};
+        const int32_t status = SummariseQuery(row.samples.data(), static_cast<long>(row.samples.size()), &summary);
+        EXPECT_EQ(status, 0) << row.label;
+        EXPECT_EQ(summary, row.summary) << row.label;
+    }
+}
+
+TEST(SntpQuerySummary, CountsWhatWasAskedWhenNothingWasAnswered) {
     const QuerySample silent[] = {{0, 5.0, 5.0}, {0, 6.0, 6.0}};
-    QuerySummary summary;
-    ASSERT_EQ(0, SummariseQuery(odd, 4, &summary));
-    EXPECT_EQ((std::vector<double>{4, 3, -1.0, 0.25, 3.0, 0.5, 1.0, 2.0}), Figures(summary));
-    ASSERT_EQ(0, SummariseQuery(even, 4, &summary));
-    EXPECT_EQ((std::vector<double>{4, 4, 1.0, 3.0, 10.0, 0.0, 1.5, 3.0}), Figures(summary));
-    ASSERT_EQ(0, SummariseQuery(silent, 2, &summary));
-    EXPECT_EQ(std::make_pair(2L, 0L), std::make_pair(summary.asked, summary.answered));
-    EXPECT_EQ(std::make_tuple(1, 1, 1), std::make_tuple(SummariseQuery(nullptr, 1, &summary), SummariseQuery(odd, -1, &summary),
-                                                        SummariseQuery(odd, QUERY_MAX_COUNT + 1, &summary)));
+    QuerySummary summary{};
+    SummariseQuery(silent, 2, &summary);
+    EXPECT_EQ(summary.asked, 2);
+    EXPECT_EQ(summary.answered, 0);
+}
+
+TEST(SntpQuerySummary, RefusesWhatItCannotHold) {
+    const QuerySample one[] = {{1, 0.0, 0.0}};
+    QuerySummary summary{};
+    const struct {
+        const char* label;
+        int32_t status;
+    } calls[] = {
+        {"no samples", SummariseQuery(nullptr, 1, &summary)},
+        {"a negative count", SummariseQuery(one, -1, &summary)},
+        {"more than the most a run asks", SummariseQuery(one, QUERY_MAX_COUNT + 1, &summary)},
+    };
+    for (const auto& c : calls) EXPECT_EQ(c.status, 1) << c.label;
 }
 
 // One row per run: the verdict on its median offset, checked through the status line it gives
 // (whole, or up to " -" where the verdict alone is the point).
-TEST(SntpQueryStatus, VerdictAndStatusLine) {
+TEST(SntpQueryStatus, LineGivesTheVerdictOnTheMedianOffset) {
     const struct {
-        long answered, asked; double offsetMs, delayMs, warnMs, critMs; const char* line;
+        long answered, asked;
+        double offsetMs, delayMs, warnMs, critMs;
+        const char* line;
     } rows[] = {
         {0, 4, 0.0, 0.0, 100, 500,  // nothing answered: no verdict on the offset
          "SNTP UNKNOWN - no answer from 127.0.0.5, 0 of 4 answered: The time server did not respond."},
@@ -98,18 +149,22 @@ TEST(SntpQueryStatus, VerdictAndStatusLine) {
         {1, 3, -2.5, 0, 1, 2, "SNTP CRITICAL -"}, {1, 3, 5.0, 0, -1, 4, "SNTP CRITICAL -"},
         {1, 3, 5.0, 0, 4, -1, "SNTP WARNING -"},  {1, 3, 0.1, 0, 0, 0, "SNTP CRITICAL -"},
     };
-    char line[512];
     for (const auto& row : rows) {
         const QuerySummary summary = Answered(row.answered, row.asked, row.offsetMs, row.delayMs);
         const QueryOptions options = Thresholds(row.warnMs, row.critMs);
-        ASSERT_EQ(0, FormatQueryStatusLine(summary, options, DecideQueryStatus(summary, options),
-                                           "The time server did not respond.", line, sizeof line));
+        char line[512] = "";
+        const int32_t status =
+            FormatQueryStatusLine(summary, options, DecideQueryStatus(summary, options), NO_ANSWER, line, sizeof line);
         const size_t length = std::strlen(row.line);
+        EXPECT_EQ(status, 0) << row.line;
         EXPECT_EQ(row.line, std::string(line).substr(0, row.line[length - 1] == '-' ? length : std::string::npos));
     }
-    ASSERT_EQ(0, FormatQueryStatusLine(Answered(1, 1, 0, 0), Thresholds(1, 2), MONITOR_OK, nullptr, line, 8));
+}
+
+TEST(SntpQueryStatus, LineIsCutToItsBuffer) {
+    char line[8];
+    FormatQueryStatusLine(Answered(1, 1, 0, 0), Thresholds(1, 2), MONITOR_OK, nullptr, line, sizeof line);
     EXPECT_STREQ("SNTP OK", line);
-    EXPECT_EQ(1, FormatQueryStatusLine(Answered(1, 1, 0, 0), Thresholds(1, 2), MONITOR_OK, nullptr, nullptr, 8));
 }
 
 // The server's time as printed: the date of the stamp's own era, whatever this machine's clock says.

@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <ostream>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "trouble/ptr_list.h"
@@ -14,7 +14,10 @@
 #include "trouble/workstation_report.h"
 
 namespace {
-struct Entry { int32_t key; char tag; };
+struct Entry {
+    int32_t key;
+    char tag;
+};
 
 int32_t CompareEntries(const void* nodeKey, const void* key) {
     return static_cast<const Entry*>(nodeKey)->key - static_cast<const Entry*>(key)->key;
@@ -24,111 +27,226 @@ int32_t CompareEntries(const void* nodeKey, const void* key) {
 std::string Tags(const PtrList* list) {
     std::string forward;
     const PtrListNode* last = nullptr;
-    for (const PtrListNode* node = list->head; node != nullptr; last = node, node = node->next) {
+    for (const PtrListNode* node = list->head; node != nullptr; node = node->next) {
         EXPECT_EQ(node->previous, last);
         forward += static_cast<const Entry*>(node->item)->tag;
+        last = node;
     }
     EXPECT_EQ(list->tail, last);
     EXPECT_EQ(list->count, forward.size());
     return forward;
 }
 
-using Report = std::tuple<std::u16string, uint32_t, uint32_t, uint32_t, std::u16string>;
+// Tags a to d pushed in order.
+struct FourEntries : testing::Test {
+    void SetUp() override {
+        for (Entry& entry : entries) PushPtrList(list, &entry);
+    }
+    void TearDown() override { DestroyPtrList(list); }
+    Entry entries[4] = {{1, 'a'}, {2, 'b'}, {3, 'c'}, {4, 'd'}};
+    PtrList* list = CreatePtrList(CompareEntries);
+};
+
+struct Report {
+    std::u16string source;
+    uint32_t kind;
+    uint32_t code;
+    uint32_t state;
+    std::u16string text;
+    bool operator==(const Report& other) const {
+        return source == other.source && kind == other.kind && code == other.code && state == other.state &&
+               text == other.text;
+    }
+};
+
+void PrintTo(const Report& r, std::ostream* out) {
+    *out << "{source " << testing::PrintToString(r.source) << ", kind " << r.kind << ", code " << r.code << ", state "
+         << r.state << ", text " << testing::PrintToString(r.text) << "}";
+}
+
 std::vector<Report> reports;  // written by the sink, which runs on the draining thread only
 
 void RecordReport(const char16_t* source, uint32_t kind, uint32_t code, uint32_t state, const char16_t* text) {
-    reports.emplace_back(source, kind, code, state, text);
+    reports.push_back(Report{source, kind, code, state, text});
     std::this_thread::yield();  // a slow sink holds troubleLock, so producers queue up behind it
 }
 
+// The recording sink on the trouble queue for the life of the object; nothing queued outlives it.
+class RecordingSink {
+public:
+    RecordingSink() {
+        CreateTroubleQueue();
+        reports.clear();
+        SetReportCallback(RecordReport);
+    }
+    ~RecordingSink() {
+        SetReportCallback(nullptr);
+        DrainTroubles();
+        reports.clear();
+    }
+    RecordingSink(const RecordingSink&) = delete;
+    RecordingSink& operator=(const RecordingSink&) = delete;
+};
 }  // namespace
 
-TEST(PtrList, InsertsEqualKeysByTheFlagFindsTheFirstEqualRefusesWhatItCannotHoldAndKeepsCursorsPastRemovals) {
-    // Equal keys 5 arrive as a, d, e; 1 becomes the new head, 9 the new tail; z goes last by its own key.
-    Entry entries[] = {{5, 'a'}, {1, 'b'}, {9, 'c'}, {5, 'd'}, {5, 'e'}, {0, 'f'}, {7, 'g'}};
-    Entry z{0, 'z'}, keys[] = {{99, '-'}, {5, '-'}, {4, '-'}};
-    for (uint32_t after : {0u, 1u}) {
+// Equal keys 5 arrive as a, d, e: each new one goes before the equal keys, or after them.
+TEST(PtrList, InsertsANewEqualKeyFirstOrLastByTheFlag) {
+    for (const auto& [insertAfterEqual, order] : {std::make_pair(0u, "fbedagc"), std::make_pair(1u, "fbadegc")}) {
+        Entry entries[] = {{5, 'a'}, {1, 'b'}, {9, 'c'}, {5, 'd'}, {5, 'e'}, {0, 'f'}, {7, 'g'}};
         PtrList* list = CreatePtrList(CompareEntries);
-        list->insertAfterEqual = after;
-        for (Entry& entry : entries) EXPECT_EQ(InsertOrderedPtrList(list, &entry, nullptr), 0);
-        EXPECT_EQ(InsertOrderedPtrList(list, &z, &keys[0]), 0);
-        EXPECT_EQ(Tags(list), after == 0 ? "fbedagcz" : "fbadegcz");  // each new equal key first, or last
-        EXPECT_EQ(FindPtrList(list, &keys[0]), &z);
-        EXPECT_EQ(FindPtrList(list, &keys[1]), after == 0 ? &entries[4] : &entries[0]);
-        EXPECT_EQ(FindPtrList(list, &keys[2]), nullptr);
-        EXPECT_EQ(FindPtrList(list, nullptr), nullptr);
+        list->insertAfterEqual = insertAfterEqual;
+        for (Entry& entry : entries) InsertOrderedPtrList(list, &entry, nullptr);
+        EXPECT_EQ(Tags(list), order) << "insertAfterEqual " << insertAfterEqual;
         DestroyPtrList(list);
     }
+}
 
-    PtrList* list = CreatePtrList(nullptr);
-    EXPECT_EQ(InsertOrderedPtrList(list, &entries[0], nullptr), 1);  // no comparator
-    EXPECT_EQ(PopFrontPtrList(list), nullptr);
-    // Popping the only node must clear the tail too, or the next push links behind the freed node.
-    ASSERT_EQ(PushPtrList(list, &entries[1]), 0);
-    EXPECT_EQ(PopFrontPtrList(list), &entries[1]);
-    EXPECT_EQ(Tags(list), "");
-    for (int i = 0; i < 4; ++i) ASSERT_EQ(PushPtrList(list, &entries[i]), 0);  // tags a b c d
-    // Eleven cursors: the last is not registered (and, standing on a, is never read again).
-    PtrListCursor cursors[11];
-    for (PtrListCursor& cursor : cursors) OpenPtrListCursor(list, &cursor);
-    EXPECT_EQ(list->cursorCount, 10u);
-    // A cursor on a removed node moves to its successor, which is still to be returned.
-    EXPECT_EQ(PopFrontPtrList(list), &entries[0]);
-    EXPECT_EQ(NextPtrListItem(&cursors[0]), &entries[1]);
-    EXPECT_EQ(RemovePtrListItem(list, &entries[2]), 0);  // the cursor's node, in the middle
-    EXPECT_EQ(RemovePtrListItem(list, &entries[2]), 1);
-    EXPECT_EQ(NextPtrListItem(&cursors[0]), &entries[3]);
-    EXPECT_EQ(NextPtrListItem(&cursors[0]), nullptr);
-    EXPECT_EQ(Tags(list), "bd");
-    // Closing one moves the last registered cursor into its slot, where it is still fixed up.
-    ClosePtrListCursor(&cursors[3]);
-    EXPECT_EQ(PopFrontPtrList(list), &entries[1]);
-    EXPECT_EQ(NextPtrListItem(&cursors[9]), &entries[3]);
-    for (PtrListCursor& cursor : cursors) ClosePtrListCursor(&cursor);
-    EXPECT_EQ(list->cursorCount, 0u);
+TEST(PtrList, InsertsByTheKeyItIsGivenInsteadOfTheItem) {
+    Entry item{0, 'z'}, key{99, '-'}, other{5, 'a'};
+    PtrList* list = CreatePtrList(CompareEntries);
+    InsertOrderedPtrList(list, &item, &key);
+    InsertOrderedPtrList(list, &other, nullptr);
+    EXPECT_EQ(Tags(list), "az");
+    EXPECT_EQ(FindPtrList(list, &key), &item);
     DestroyPtrList(list);
 }
 
-TEST(TroubleQueue, DeliversInQueueOrderWithTextsCutTo255UnitsDiscardsWithoutASinkAndLosesNothingToRaces) {
-    CreateTroubleQueue();
-    SetReportCallback(RecordReport);
+TEST(PtrList, FindGivesTheFirstItemWithAnEqualKey) {
+    Entry entries[] = {{1, 'a'}, {5, 'b'}, {5, 'c'}, {9, 'd'}};
+    PtrList* list = CreatePtrList(CompareEntries);
+    for (Entry& entry : entries) PushPtrList(list, &entry);
+    const Entry five{5, '-'}, four{4, '-'};
+    const struct {
+        const char* label;
+        const void* key;
+        const void* found;
+    } cases[] = {{"5", &five, &entries[1]}, {"4, missing", &four, nullptr}, {"null", nullptr, nullptr}};
+    for (const auto& c : cases) EXPECT_EQ(FindPtrList(list, c.key), c.found) << c.label;
+    DestroyPtrList(list);
+}
+
+TEST(PtrList, OrderedInsertionNeedsAComparator) {
+    Entry entry{1, 'a'};
+    PtrList* list = CreatePtrList(nullptr);
+    const int32_t inserted = InsertOrderedPtrList(list, &entry, nullptr);
+    EXPECT_EQ(inserted, 1);
+    EXPECT_EQ(Tags(list), "");
+    DestroyPtrList(list);
+}
+
+// Popping the only node must clear the tail too, or the next push links behind the freed node.
+TEST(PtrList, PoppingTheOnlyItemEmptiesTheList) {
+    Entry entry{1, 'a'};
+    PtrList* list = CreatePtrList(nullptr);
+    PushPtrList(list, &entry);
+    void* const popped = PopFrontPtrList(list);
+    EXPECT_EQ(popped, &entry);
+    EXPECT_EQ(Tags(list), "");
+    DestroyPtrList(list);
+}
+
+TEST_F(FourEntries, RemovingAnItemNotInTheListFails) {
+    RemovePtrListItem(list, &entries[2]);
+    const int32_t removedAgain = RemovePtrListItem(list, &entries[2]);
+    EXPECT_EQ(removedAgain, 1);
+    EXPECT_EQ(Tags(list), "abd");
+}
+
+// A cursor on a removed node moves to its successor, which is still to be returned: at the head
+// (a popped) and in the middle (c removed).
+TEST_F(FourEntries, CursorSkipsNoItemWhenItsNodeIsRemoved) {
+    PtrListCursor cursor;
+    OpenPtrListCursor(list, &cursor);
+    PopFrontPtrList(list);
+    void* const first = NextPtrListItem(&cursor);
+    const int32_t removed = RemovePtrListItem(list, &entries[2]);
+    void* const second = NextPtrListItem(&cursor);
+    void* const end = NextPtrListItem(&cursor);
+    ClosePtrListCursor(&cursor);
+    EXPECT_EQ(first, &entries[1]);
+    EXPECT_EQ(removed, 0);
+    EXPECT_EQ(second, &entries[3]);
+    EXPECT_EQ(end, nullptr);
+}
+
+// Ten cursors are registered; closing one moves the last into its slot, where it is still fixed up.
+TEST_F(FourEntries, CursorMovedIntoAClosedSlotIsStillFixedUp) {
+    PtrListCursor cursors[PTR_LIST_MAX_CURSORS];
+    for (PtrListCursor& cursor : cursors) OpenPtrListCursor(list, &cursor);
+    ClosePtrListCursor(&cursors[3]);
+    PopFrontPtrList(list);
+    void* const next = NextPtrListItem(&cursors[PTR_LIST_MAX_CURSORS - 1]);
+    for (PtrListCursor& cursor : cursors) ClosePtrListCursor(&cursor);
+    EXPECT_EQ(next, &entries[1]);
+    EXPECT_EQ(list->cursorCount, 0u);
+}
+
+// Kind 51, set 255 and cleared 0 are the workstation application's numbers.
+TEST(TroubleQueue, DeliversRecordsInQueueOrderAsTroubleReports) {
+    RecordingSink sink;
+    QueueTrouble(NewTroubleRecord(u"SNTP", u"A", 7, TROUBLE_SET));
+    QueueTrouble(NewTroubleRecord(u"SNTP", u"B", 8, TROUBLE_CLEARED));
+    DrainTroubles();
+    EXPECT_EQ(reports, (std::vector<Report>{{u"SNTP", 51, 7, 255, u"A"}, {u"SNTP", 51, 8, 0, u"B"}}));
+}
+
+TEST(TroubleQueue, CutsSourceAndTextTo255Units) {
+    RecordingSink sink;
     const std::u16string longSource(300, u's'), longText(300, u't');
-    ASSERT_EQ(QueueTrouble(NewTroubleRecord(u"SNTP", u"A", 7, TROUBLE_SET)), 0);
-    ASSERT_EQ(QueueTrouble(NewTroubleRecord(u"SNTP", u"B", 8, TROUBLE_CLEARED)), 0);
-    ASSERT_EQ(QueueTrouble(NewTroubleRecord(longSource.c_str(), longText.c_str(), 9, TROUBLE_SET)), 0);
+    QueueTrouble(NewTroubleRecord(longSource.c_str(), longText.c_str(), 9, TROUBLE_SET));
     DrainTroubles();
-    // Kind 51, set 255 and cleared 0 are the workstation application's numbers.
-    EXPECT_EQ(reports, (std::vector<Report>{{u"SNTP", 51, 7, 255, u"A"}, {u"SNTP", 51, 8, 0, u"B"},
-                                            {longSource.substr(0, 255), 51, 9, 255, longText.substr(0, 255)}}));
-    EXPECT_EQ(TroubleSinkInstalled(), 1);
+    EXPECT_EQ(reports, (std::vector<Report>{{longSource.substr(0, 255), 51, 9, 255, longText.substr(0, 255)}}));
+}
 
-    // Without a sink the drain frees the record (the leak checker of the native build watches).
+// The drain frees the record (the leak checker of the native build watches) and it never comes back.
+TEST(TroubleQueue, DrainWithoutASinkDiscardsTheRecords) {
+    CreateTroubleQueue();
     SetReportCallback(nullptr);
-    EXPECT_EQ(TroubleSinkInstalled(), 0);
-    ASSERT_EQ(QueueTrouble(NewTroubleRecord(u"SNTP", u"lost", 7, TROUBLE_SET)), 0);
+    QueueTrouble(NewTroubleRecord(u"SNTP", u"lost", 7, TROUBLE_SET));
     DrainTroubles();
-    EXPECT_EQ(QueueTrouble(nullptr), 1);
+    RecordingSink sink;
+    DrainTroubles();
+    EXPECT_EQ(reports, std::vector<Report>{});
+}
 
-    // Producers push while the sink runs: none lost, doubled or back from the sinkless drain; each in order.
-    SetReportCallback(RecordReport);
-    const uint32_t PRODUCERS = 4, EACH = 400;
-    reports.clear();
+TEST(TroubleQueue, SinkInstalledIsOneOnlyWhileASinkIs) {
+    int32_t installed = 0;
+    {
+        RecordingSink sink;
+        installed = TroubleSinkInstalled();
+    }
+    EXPECT_EQ(installed, 1);
+    EXPECT_EQ(TroubleSinkInstalled(), 0);
+}
+
+// Producers push while the sink runs: none lost or doubled, each producer's records in its order.
+TEST(TroubleQueue, ProducersOnOtherThreadsLoseNothing) {
+    const uint32_t PRODUCERS = 4;
+    const uint32_t EACH = 400;
+    RecordingSink sink;
+    std::vector<uint32_t> refused(PRODUCERS, 0);
     std::vector<std::thread> producers;
     for (uint32_t producer = 0; producer < PRODUCERS; ++producer) {
-        producers.emplace_back([producer] {
-            for (uint32_t n = 0; n < EACH; ++n)
-                EXPECT_EQ(0, QueueTrouble(NewTroubleRecord(u"", u"", producer * 100000 + n, TROUBLE_SET)));
+        producers.emplace_back([producer, &refused] {
+            for (uint32_t n = 0; n < EACH; ++n) {
+                refused[producer] += QueueTrouble(NewTroubleRecord(u"", u"", producer * 100000 + n, TROUBLE_SET));
+            }
         });
     }
     for (uint32_t pass = 0; pass < 1000000 && reports.size() < PRODUCERS * EACH; ++pass) DrainTroubles();
     for (std::thread& thread : producers) thread.join();
     DrainTroubles();
-    ASSERT_EQ(reports.size(), PRODUCERS * EACH);
-    std::vector<uint32_t> next(PRODUCERS, 0);
-    for (const Report& r : reports) EXPECT_EQ(std::get<2>(r) % 100000, next.at(std::get<2>(r) / 100000)++);
+    std::vector<std::vector<uint32_t>> seen(PRODUCERS);
+    for (const Report& r : reports) seen.at(r.code / 100000).push_back(r.code % 100000);
+    std::vector<uint32_t> inOrder(EACH);
+    for (uint32_t n = 0; n < EACH; ++n) inOrder[n] = n;
+    for (uint32_t producer = 0; producer < PRODUCERS; ++producer) {
+        EXPECT_EQ(refused[producer], 0u) << "producer " << producer;
+        EXPECT_EQ(seen[producer], inOrder) << "producer " << producer;
+    }
 }
 
-TEST(WorkstationReport, LayoutIsPinnedToTheByteAndFieldsAreCut) {
+TEST(WorkstationReport, LayoutIsPinnedToTheByte) {
     uint8_t report[860];  // a larger report would overflow it
     std::memset(report, 0xEE, sizeof report);
     // Every byte of each 32-bit word in its place, a text unit above 255, and zero everywhere else.
@@ -138,8 +256,12 @@ TEST(WorkstationReport, LayoutIsPinnedToTheByteAndFieldsAreCut) {
     const uint8_t text[13] = {'T', 0, 'i', 0, 'm', 0, 'e', 0, ' ', 0, 0xAC, 0x20, '.'};
     std::memcpy(expected + 520, words, sizeof words);
     std::memcpy(expected + 696, text, sizeof text);
-    for (uint32_t i = 0; i < 860; ++i) ASSERT_EQ(expected[i], report[i]) << i;
-    // 255 units of source and 81 of text arrive: the last unit of each field stays NUL.
+    for (uint32_t i = 0; i < 860; ++i) ASSERT_EQ(expected[i], report[i]) << "byte " << i;
+}
+
+// 255 units of source and 81 of text arrive: the last unit of each field stays NUL.
+TEST(WorkstationReport, CutsSourceAndTextToTheirFields) {
+    uint8_t report[860];
     const std::u16string longSource(300, u's'), longText(82, u'x');
     BuildWorkstationReport(report, longSource.c_str(), 51, 7, 255, longText.c_str());
     EXPECT_EQ(0, std::memcmp("s\0\0\0", report + 516, 4));

@@ -1,0 +1,44 @@
+// Socket calls played by the test instead of the platform's, installed for the life of the object:
+// no platform socket is touched, so a batch from hundreds of senders or a server's answer runs the
+// same on every build, in virtual time if need be. Opens give a made-up handle (or fail while told
+// to), a wait is readable while datagrams are queued (or fails while told to; each wait's length is
+// recorded), each receive takes the next queued datagram, and every send is recorded and handed to
+// the test's answerer. One at a time.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "net/socket_platform.h"
+
+struct ScriptedDatagram {
+    uint32_t address;  // network order
+    uint16_t port;     // host order
+    std::vector<uint8_t> bytes;
+};
+
+const uint64_t SCRIPTED_HANDLE = 0x5C0C;
+
+class ScriptedSockets {
+public:
+    ScriptedSockets();
+    ~ScriptedSockets();
+    ScriptedSockets(const ScriptedSockets&) = delete;
+    ScriptedSockets& operator=(const ScriptedSockets&) = delete;
+
+    void Queue(const ScriptedDatagram& datagram);
+    // Called with each datagram sent, after it was recorded; it may queue the answer.
+    void OnSend(std::function<void(const ScriptedDatagram& sent)> onSend);
+    // Called with each handle closed (an invalid one too: the platform's close is handed any).
+    void OnClose(std::function<void(uint64_t handle)> onClose);
+    // 0: opens succeed; otherwise each open fails with this platform error.
+    void FailOpens(int32_t error);
+    void FailWaits(bool fail);
+    bool Drained() const;  // every queued datagram was received
+    std::vector<ScriptedDatagram> Sent() const;
+    std::vector<uint32_t> WaitsMs() const;
+
+private:
+    const SocketPlatform* previous_;
+};
