@@ -1,6 +1,4 @@
-// The server: its answer in every mode, then the thread on scripted sockets, the same on every
-// build: a batch answered in order, each datagram stamped and admitted on its own, trouble cleared
-// per answer, the peer limit late in a batch, a port it cannot open, a failing wait, later years.
+// The server: its answer in every mode, then the thread on scripted sockets.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -89,13 +87,12 @@ void RunServerUntilPauses(size_t count) {
 }
 }  // namespace
 
-// Versions 4 and 1, an alarm or any leap, the server's own modes, and any length but 48 are dropped.
 TEST(SntpServerAnswer, OnlyVersionThreeRequestsOf48BytesGetOne) {
     uint8_t request[512] = {};
     uint8_t answer[NTP_PACKET_SIZE];
     const uint8_t receiveStamp[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    const std::pair<uint8_t, int32_t> dropped[] = {{0x23, 48}, {0x0B, 48}, {0xDB, 48}, {0x5B, 48}, {0x1C, 48},
-                                                   {0x1D, 48}, {0x18, 48}, {0x1B, 47}, {0x1B, 49}, {0x1B, 512}};
+    // Version 4, leap 1, server mode, one byte short, one too many.
+    const std::pair<uint8_t, int32_t> dropped[] = {{0x23, 48}, {0x5B, 48}, {0x1C, 48}, {0x1B, 47}, {0x1B, 49}};
     for (const auto& [header, length] : dropped) {
         request[0] = header;
         const int32_t answered = BuildSntpAnswer(request, length, receiveStamp, answer);
@@ -121,9 +118,7 @@ TEST(SntpServerAnswer, EachModeNamesItsReference) {
         const char* id;
     } cases[] = {
         {"local clock, client", 0, 0, 0x1B, 0x1C, 1, "LOCL"},
-        {"local clock, symmetric active", 0, 1, 0x19, 0x1A, 1, "LOCL"},
         {"upstream not reached", 1, 0, 0x19, 0xDA, 0, "INIT"},
-        {"another mode, not reached", 2, 0, 0x1B, 0xDC, 0, "INIT"},
         {"upstream reached", 1, 1, 0x19, 0x1A, 4, "\x0A\x01\x02\x03"},
         {"another mode, reached: its own top", 2, 1, 0x1B, 0x1C, 1, "TOP "},
     };
@@ -167,8 +162,6 @@ TEST_F(SntpServerThreadTest, ABatchIsAnsweredInOrderEachWithItsOwnStamps) {
 TEST_F(SntpServerThreadTest, EachAnswerClearsTroubleTwoAndADropNothing) {
     SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
     sockets.Queue(Request(FIRST, 2, 0x23));
-    sockets.Queue(Request(FIRST, 3, 0x1B, 47));
-    sockets.Queue(Request(FIRST, 4, 0x1B, 512));
     sockets.Queue(Request(FIRST, 5));
     sockets.Queue(Request(FIRST, 6));
     Serve(sockets);
@@ -177,7 +170,7 @@ TEST_F(SntpServerThreadTest, EachAnswerClearsTroubleTwoAndADropNothing) {
     EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared, cleared}), troubles);
 }
 
-// 201 senders are answered; the 202nd, late in the same batch as a known one, is not.
+// The 202nd sender, late in the same batch as a known one, is not answered.
 TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
     for (uint32_t peer = 0; peer < SNTP_SERVER_PEER_LIMIT + 1; ++peer) {
         sockets.Queue(Request(Address(127, 0, 1 + peer / 250, 1 + peer % 250), peer));
@@ -225,27 +218,17 @@ TEST_F(SntpServerThreadTest, AFailingWaitRaisesTroubleOneEachSecond) {
     EXPECT_EQ(1u, libraryUsersWhilePausing);
 }
 
-// On its own clock (NtpNow through the platform driver) in virtual time that stands still, the
-// socket library's sweeps held: only the date decides the stamps, counted on the wire from the wrap.
+// On its own clock (NtpNow through the platform driver), in virtual time that stands still.
 TEST(SntpServerInLaterYears, StampsAfterTheWrapCarryTheErasSeconds) {
-    const struct {
-        const char* label;
-        int64_t fileTime;
-        uint64_t seconds;
-    } rows[] = {
-        {"2036-08-01", FileTimeOf(2036, 8, 1), 0x00E7AD00},
-        {"2100-01-01", FileTimeOf(2100, 1, 1), 0x7830D580},
-    };
+    const uint64_t secondsOf20360801 = 0x00E7AD00;
     NtpInitEpoch();
-    for (const auto& row : rows) {
-        ScopedVirtualTime time(row.fileTime);
-        HoldWakeableSleeps(true);
-        ScriptedSockets sockets;
-        sockets.Queue(Request(FIRST, 1));
-        Serve(sockets);
-        const std::vector<ScriptedDatagram> answers = sockets.Sent();
-        ASSERT_EQ(1u, answers.size()) << row.label;
-        EXPECT_EQ(row.seconds, StampOf(answers[0], NTP_RECEIVE_OFFSET) >> 32) << row.label << ", receive";
-        EXPECT_EQ(row.seconds, StampOf(answers[0], NTP_TRANSMIT_OFFSET) >> 32) << row.label << ", transmit";
-    }
+    ScopedVirtualTime time(FileTimeOf(2036, 8, 1));
+    HoldWakeableSleeps(true);
+    ScriptedSockets sockets;
+    sockets.Queue(Request(FIRST, 1));
+    Serve(sockets);
+    const std::vector<ScriptedDatagram> answers = sockets.Sent();
+    ASSERT_EQ(1u, answers.size());
+    EXPECT_EQ(secondsOf20360801, StampOf(answers[0], NTP_RECEIVE_OFFSET) >> 32);
+    EXPECT_EQ(secondsOf20360801, StampOf(answers[0], NTP_TRANSMIT_OFFSET) >> 32);
 }
