@@ -37,12 +37,6 @@ Estimate Compute(uint64_t t1, uint64_t t2, uint64_t t3, uint64_t t4) {
 }
 }  // namespace
 
-TEST_F(NtpTime, FileTimeAnchorsGiveTheirStamps) {
-    EXPECT_EQ(0u, FileTimeToNtp(FILETIME_1900));
-    EXPECT_EQ(0xBC17C20000000000ULL, FileTimeToNtp(FILETIME_2000));
-    EXPECT_EQ(2208988800ULL << 32, FileTimeToNtp(UNIX_EPOCH_FILETIME));
-}
-
 // The seconds wrap on 2036-02-07 06:28:16; the top bit of a stamp names its era.
 struct EraRow {
     const char* label;
@@ -53,10 +47,8 @@ struct EraRow {
 const EraRow ERA_ROWS[] = {
     {"1968, the first second with the top bit set", 0x80000000ULL << 32, FileTimeOf(1968, 1, 20, 3, 14, 8)},
     {"2000, the first era", 0xBC17C20000000000ULL, FILETIME_2000},
-    {"today", 0xEEB0A380ULL << 32, FileTimeOf(2026, 11, 25)},
     {"the last second before the wrap", 0xFFFFFFFFULL << 32, FileTimeOf(2036, 2, 7, 6, 28, 15)},
     {"the wrap itself", 0, FileTimeOf(2036, 2, 7, 6, 28, 16)},
-    {"the first second after the wrap", 1ULL << 32, FileTimeOf(2036, 2, 7, 6, 28, 17)},
     {"half a second after the wrap", 0x80000000ULL, FileTimeOf(2036, 2, 7, 6, 28, 16) + 5000000},
     {"2104, the last second of the second era", 0x7FFFFFFFULL << 32, FileTimeOf(2104, 2, 26, 9, 42, 23)},
 };
