@@ -27,7 +27,7 @@ uint32_t Address(uint32_t a, uint32_t b, uint32_t c, uint32_t d) { return a | b 
 
 const uint32_t FIRST = Address(127, 0, 0, 41);
 
-// A request from a sender, its transmit stamp the id that the answer echoes as originate.
+// The id is the transmit stamp, which the answer echoes as originate.
 ScriptedDatagram Request(uint32_t from, uint64_t id, uint8_t header = 0x1B, size_t length = NTP_PACKET_SIZE) {
     ScriptedDatagram request{from, CLIENT_PORT, std::vector<uint8_t>(length, 0)};
     request.bytes[0] = header;
@@ -38,8 +38,7 @@ ScriptedDatagram Request(uint32_t from, uint64_t id, uint8_t header = 0x1B, size
 
 uint64_t StampOf(const ScriptedDatagram& answer, size_t offset) { return LoadBigEndian64(&answer.bytes[offset]); }
 
-// Runs the server thread until it has read every queued datagram, then stops it: the batch it is
-// in ends first, and after the join every answer has been sent and every trouble queued.
+// Runs the server thread until it has read every queued datagram; its batch ends before the stop.
 void Serve(const ScriptedSockets& sockets, uint64_t upstream = 0) {
     std::thread server([upstream] { SntpServerThread(upstream); });
     for (int ms = 0; ms < 10000 && !sockets.Drained(); ++ms) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -64,31 +63,26 @@ protected:
     ScriptedSockets sockets;
 };
 
-thread_local bool onServerThread = false;  // the socket library's ageing thread sleeps too
 std::vector<uint32_t> pauses;
 uint32_t libraryUsersWhilePausing = 0;
 
-// Runs the server thread in virtual time until it has paused count times, and stops it there.
+// Runs the server in virtual time until it has paused count times; the socket library's sweeps held.
 void RunServerUntilPauses(size_t count) {
     ScopedVirtualTime time;
+    HoldWakeableSleeps(true);
     pauses.clear();
     ScopedSleepHook hook([count](uint32_t ms) {
-        if (!onServerThread) return;
         pauses.push_back(ms);
         libraryUsersWhilePausing = NetLibraryUsers();
         stopRequested = pauses.size() == count ? 1 : 0;
     });
-    std::thread server([] {
-        onServerThread = true;
-        SntpServerThread(0);
-    });
-    server.join();
+    SntpServerThread(0);
     stopRequested = 0;
 }
 }  // namespace
 
 TEST(SntpServerAnswer, OnlyVersionThreeRequestsOf48BytesGetOne) {
-    uint8_t request[512] = {};
+    uint8_t request[NTP_PACKET_SIZE + 1] = {};
     uint8_t answer[NTP_PACKET_SIZE];
     const uint8_t receiveStamp[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     // Version 4, leap 1, server mode, one byte short, one too many.
