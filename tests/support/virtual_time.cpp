@@ -94,11 +94,13 @@ const PlatformDriver virtualDriver = {
     systemDriver.joinThread,
 };
 
-const PlatformDriver guardDriver = {
-    systemDriver.tickCount, systemDriver.preciseTickUs, systemDriver.sleep, systemDriver.wallClock, systemDriver.readSystemClock,
-    [](int64_t) {},         systemDriver.seedRandom, systemDriver.nextRandom, systemDriver.sleepUnlessWoken,
-    systemDriver.startJoinableThread, systemDriver.joinThread,
-};
+PlatformDriver MakeGuardDriver() {
+    PlatformDriver guard = systemDriver;
+    guard.writeSystemClock = [](int64_t) {};
+    return guard;
+}
+
+const PlatformDriver guardDriver = MakeGuardDriver();
 }  // namespace
 
 void InstallVirtualTime(int64_t fileTime, uint32_t tick) {
