@@ -104,7 +104,6 @@ TEST_F(NtpTime, TickStampIsTheTimeSinceSystemStart) {
     EXPECT_EQ(0x0000000100000000ULL, TickToNtp(1000));
 }
 
-// One millisecond before the 32-bit count wraps, then two later: 1 ms past the wrap.
 TEST_F(NtpTime, TickStampWrapsWithTheTickCount) {
     ScopedVirtualTime time(VIRTUAL_START_FILETIME, 0xFFFFFFFFu);
     const uint64_t before = ReadStampTick();

@@ -85,8 +85,7 @@ protected:
 };
 }  // namespace
 
-// Countdowns of 60 and 119 mean 59 and 118 sleeps; syncCountdown is set to stored in the sleep at askAt
-// (0 counts as 1). The random generator is seeded with the wall clock.
+// Countdowns of 60 and 119 mean 59 and 118 sleeps; a countdown stored at askAt cuts it (0 counts as 1).
 TEST_F(SntpClient, TheStartDelayComesFromTheSecondRandomValueAndAStoredOneCutsIt) {
     const struct {
         std::vector<int32_t> randoms;
@@ -129,15 +128,13 @@ TEST_F(SntpClient, FailuresRetryEveryTwentyMinutesAndASuccessWaitsADay) {
     RunClient({SNTP_INCONSISTENT_ADDRESS, SNTP_INCONSISTENT_ADDRESS, SNTP_OK, SNTP_OK}, 4);
     const uint64_t third = 59000 + 2 * 1199000;
     EXPECT_EQ((std::vector<uint64_t>{59000, 59000 + 1199000, third, third + 86399000}), callAt);
-    EXPECT_EQ((std::vector<int32_t>{5000, 5000, 5000, 5000}), callTimeout);
     const SeenTrouble raised{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared{SNTP_NO_RESPONSE, TROUBLE_CLEARED};
     const std::vector<SeenTrouble> troubles = TakeTroubles();
     EXPECT_EQ((std::vector<SeenTrouble>{raised, raised, cleared, cleared}), troubles);
     EXPECT_EQ(1u << SNTP_INCONSISTENT_ADDRESS, troubleMask.load());
 }
 
-// Every sleep ends 15 ms late, as one on a 15.6 ms system timer may: the day is still a day, not
-// 86 399 late sleeps that put each day's exchange 21 minutes after the last.
+// Every sleep ends 15 ms late, as one on a 15.6 ms system timer may: the day is still a day.
 TEST_F(SntpClient, TheDaysWaitEndsOnTimeWhenEverySleepEndsLate) {
     onSleep = [] { AdvanceVirtualTime(15); };
     RunClient({SNTP_OK}, 2);
@@ -156,7 +153,6 @@ TEST_F(SntpClient, ASuccessSetsTheClockAndLeavesItsResultsForTheServer) {
     EXPECT_EQ(1767225601, listenedTime.load()) << "the listener hears the time set, in whole seconds";
 }
 
-// As the controller does while the exchange waits.
 TEST_F(SntpClient, AStopDuringTheExchangeEndsTheThreadWithoutATrouble) {
     onExchange = [] { stopRequested = 1; };
     RunClient({SNTP_SOCKET_ERROR}, SIZE_MAX);

@@ -101,7 +101,7 @@ protected:
     }};
 };
 
-// The setting file of the test's data directory, as ReadSntpIp gives it ("failed" if it fails).
+// As ReadSntpIp gives it ("failed" if it fails).
 std::string ReadSetting(const char* directory) {
     char value[SNTP_SETTING_SIZE] = "stale";
     return ReadSntpIp(value, directory) == 0 ? value : "failed";
@@ -152,8 +152,8 @@ TEST_F(SntpController, ASecondStartReplacesTheFirstThread) {
     EXPECT_EQ(threadsBefore + 2, CountProcessThreads()) << "the server and its socket library's thread";
 }
 
-// Each row restarts from what the row above left: every restart reads the role anew, clears the
-// troubles after 1200 ms of grace and joins the thread it replaces (a server lets its port go).
+// Each row restarts from what the row above left: the role read anew, the troubles cleared after
+// 1200 ms of grace, the thread replaced (a server lets its port go).
 TEST_F(SntpController, EachRestartFollowsTheSetting) {
     const struct {
         const char* setting;
@@ -209,8 +209,8 @@ TEST_F(SntpController, ARestartAfterTheStopStartsNothing) {
     EXPECT_EQ(0, TimeThreadRunning());
 }
 
-// Two threads start, restart and stop at random, the role flipping: never a second time thread, and after
-// the last stop none and the port let go (nor a raised trouble: no server found its port taken).
+// Two threads start, restart and stop at random, the role flipping: after the last stop no thread,
+// the port let go, and no raised trouble (no server found its port taken).
 TEST_F(SntpController, RacingCallsNeverLeaveASecondTimeThread) {
     const uint32_t seed = static_cast<uint32_t>(std::random_device{}());
     SCOPED_TRACE("seed " + std::to_string(seed));

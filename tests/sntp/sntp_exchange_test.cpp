@@ -1,5 +1,5 @@
-// The client exchange: the order of the answer checks, then the exchange on scripted sockets in
-// virtual time, where the server's answer takes a round trip the test chooses.
+// The client exchange: the answer checks in their order, then the exchange on scripted sockets in
+// virtual time.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -27,7 +27,6 @@ protected:
         stopRequested = 0;
         EXPECT_EQ(0u, NetLibraryUsers()) << "sockets left";
     }
-    // The server answers each request after the round trip, its answer changed by damage.
     void ServerAnswers(std::function<void(ScriptedDatagram*)> damage = [](ScriptedDatagram*) {}) {
         sockets.OnSend([this, damage](const ScriptedDatagram& request) {
             AdvanceVirtualTime(ROUND_TRIP_MS);
@@ -105,8 +104,7 @@ TEST_F(SntpExchangeTest, TimeIsTheServersPlusHalfTheRoundTrip) {
     EXPECT_EQ(GOOD_ANSWER_STRATUM, stratum);
 }
 
-// Closing the socket (which joins the socket library's thread when it is the last) may take a
-// while on a busy host; the caller sets the clock at once, so the time is carried to the return.
+// Closing the socket may take a while on a busy host; the caller sets the clock at once.
 TEST_F(SntpExchangeTest, TheTimeIsCarriedForwardToTheReturn) {
     ServerAnswers();
     sockets.OnClose([](uint64_t handle) {
@@ -134,8 +132,7 @@ TEST_F(SntpExchangeTest, AFaultyAnswerEndsTheExchangeWithItsCode) {
     }
 }
 
-// A name the platform knows is asked at its address; one it does not know (11001: not found, no
-// retry) ends the exchange before anything is sent.
+// An unknown name (11001: not found) ends the exchange before anything is sent.
 TEST_F(SntpExchangeTest, ANameIsResolvedBeforeTheRequest) {
     ServerAnswers();
     Ipv4Platform platform = systemIpv4Platform;
@@ -167,7 +164,7 @@ TEST_F(SntpExchangeTest, SilenceEndsAfterTheTimeoutPlusOneStep) {
     }
 }
 
-// As the controller does while the exchange waits: at the next 500 ms step, not after 60 s of silence.
+// At the next 500 ms step, not after 60 s of silence.
 TEST_F(SntpExchangeTest, AStopEndsTheWaitAtTheNextStep) {
     sockets.OnSend([](const ScriptedDatagram&) { stopRequested = 1; });
     const SntpResult result = Exchange(SERVER_TEXT, 60000);

@@ -95,7 +95,7 @@ TEST(SntpServerAnswer, OnlyVersionThreeRequestsOf48BytesGetOne) {
 }
 
 // Upstream: the alarm until it is reached; then its address (10.1.2.3 as stored), its stratum's low
-// byte plus one, and the stamp in memory order, on purpose. Only poll and transmit come from the request.
+// byte plus one, and the stamp in memory order, on purpose.
 TEST(SntpServerAnswer, EachModeNamesItsReference) {
     uint8_t request[NTP_PACKET_SIZE];
     uint8_t answer[NTP_PACKET_SIZE];
@@ -133,7 +133,7 @@ TEST(SntpServerAnswer, EachModeNamesItsReference) {
     synchronised = 0;
 }
 
-// Each datagram is read, stamped and answered before the next is read; the answer goes back to its sender.
+// Each datagram is read, stamped and answered before the next is read.
 TEST_F(SntpServerThreadTest, ABatchIsAnsweredInOrderEachWithItsOwnStamps) {
     for (uint64_t id = 100; id < 106; ++id) sockets.Queue(Request(FIRST, id, id % 2 != 0 ? 0x19 : 0x1B));
     Serve(sockets);
@@ -180,8 +180,7 @@ TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
     EXPECT_EQ(0, answeredRefused);
 }
 
-// Started for an upstream server (10.1.2.3 as stored), it says so with the alarm until the client
-// has reached that server, whatever an earlier run left.
+// Whatever an earlier run left.
 TEST_F(SntpServerThreadTest, ForAnUpstreamItAnswersInitUntilReached) {
     synchronised = 1;
     sockets.Queue(Request(FIRST, 1));

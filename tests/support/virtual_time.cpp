@@ -47,8 +47,7 @@ void VirtualSleep(uint32_t milliseconds) {
     elapsedMs.fetch_add(milliseconds);
 }
 
-// Woken before or during the (hooked) sleep: no virtual time passes, as a signalled event returns
-// at once; otherwise the whole sleep passes.
+// As a signalled event returns at once, a wakeup before or during the sleep lets no time pass.
 int32_t VirtualSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
     if (WakeupSignalled(wakeup) != 0) return 1;
     if (holdWakeable.load()) {
