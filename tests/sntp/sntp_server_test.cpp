@@ -180,7 +180,7 @@ TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
     EXPECT_EQ(0, answeredRefused);
 }
 
-// Whatever an earlier run left.
+// Synchronised, as an earlier run may leave it.
 TEST_F(SntpServerThreadTest, ForAnUpstreamItAnswersInitUntilReached) {
     synchronised = 1;
     sockets.Queue(Request(FIRST, 1));
