@@ -1,5 +1,5 @@
-// SNTP troubles: the records that raising and clearing queue, and the texts of the result codes;
-// the clears of a stop or restart are the controller's tests'.
+// SNTP troubles: the records that raising and clearing queue; the clears of a stop or restart are
+// the controller's tests'.
 #include "sntp/sntp_troubles.h"
 
 #include <gtest/gtest.h>
@@ -71,9 +71,4 @@ TEST_F(SntpTroubles, WithoutASinkNothingIsQueued) {
     SetReportCallback(RecordReport);
     const std::string reports = Drained();
     EXPECT_EQ("", reports);
-}
-
-TEST_F(SntpTroubles, SuccessReadsOk) {
-    const std::u16string text = SntpResultText(SNTP_OK);
-    EXPECT_EQ(u"Ok", text);
 }

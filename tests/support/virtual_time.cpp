@@ -7,6 +7,7 @@
 #include <chrono>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
@@ -102,7 +103,7 @@ PlatformDriver MakeGuardDriver() {
 const PlatformDriver guardDriver = MakeGuardDriver();
 }  // namespace
 
-void InstallVirtualTime(int64_t fileTime, uint32_t tick) {
+ScopedVirtualTime::ScopedVirtualTime(int64_t fileTime, uint32_t tick) {
     {
         std::lock_guard<std::mutex> hold(stateMutex);
         startFileTime = fileTime;
@@ -118,7 +119,7 @@ void InstallVirtualTime(int64_t fileTime, uint32_t tick) {
     InstallPlatformDriver(&virtualDriver);
 }
 
-void RemoveVirtualTime() {
+ScopedVirtualTime::~ScopedVirtualTime() {
     InstallGuardDriver();
     std::lock_guard<std::mutex> hold(stateMutex);
     sleepHook = nullptr;
@@ -143,9 +144,14 @@ uint32_t RecordedRandomSeed() {
     return randomSeed;
 }
 
-void SetSleepHook(std::function<void(uint32_t)> hook) {
+ScopedSleepHook::ScopedSleepHook(std::function<void(uint32_t)> hook) {
     std::lock_guard<std::mutex> hold(stateMutex);
     sleepHook = std::move(hook);
+}
+
+ScopedSleepHook::~ScopedSleepHook() {
+    std::lock_guard<std::mutex> hold(stateMutex);
+    sleepHook = nullptr;
 }
 
 void HoldWakeableSleeps(bool hold) { holdWakeable.store(hold); }

@@ -5,14 +5,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <utility>
 #include <vector>
 
 // 2026-01-01 00:00:00 UTC as a FILETIME.
 const int64_t VIRTUAL_START_FILETIME = 134116992000000000LL;
-
-void InstallVirtualTime(int64_t startFileTime = VIRTUAL_START_FILETIME, uint32_t startTick = 1000000);
-void RemoveVirtualTime();
 
 void AdvanceVirtualTime(uint64_t milliseconds);
 uint64_t VirtualElapsedMs();
@@ -23,9 +19,6 @@ std::vector<int64_t> RecordedClockSettings();
 void QueueRandomValues(const std::vector<int32_t>& values);
 uint32_t RecordedRandomSeed();
 
-// Called on the sleeping thread before the clock advances; it may block to hold that thread.
-void SetSleepHook(std::function<void(uint32_t)> hook);
-
 // While on, a sleep on a wakeup (the socket library's ageing thread) lasts until its wakeup is
 // signalled and moves no virtual time, so only the thread under test moves the clocks.
 void HoldWakeableSleeps(bool hold);
@@ -35,18 +28,17 @@ void InstallGuardDriver();
 
 class ScopedVirtualTime {
 public:
-    explicit ScopedVirtualTime(int64_t startFileTime = VIRTUAL_START_FILETIME, uint32_t startTick = 1000000) {
-        InstallVirtualTime(startFileTime, startTick);
-    }
-    ~ScopedVirtualTime() { RemoveVirtualTime(); }
+    explicit ScopedVirtualTime(int64_t startFileTime = VIRTUAL_START_FILETIME, uint32_t startTick = 1000000);
+    ~ScopedVirtualTime();
     ScopedVirtualTime(const ScopedVirtualTime&) = delete;
     ScopedVirtualTime& operator=(const ScopedVirtualTime&) = delete;
 };
 
+// Called on the sleeping thread before the clock advances; it may block to hold that thread.
 class ScopedSleepHook {
 public:
-    explicit ScopedSleepHook(std::function<void(uint32_t)> hook) { SetSleepHook(std::move(hook)); }
-    ~ScopedSleepHook() { SetSleepHook({}); }
+    explicit ScopedSleepHook(std::function<void(uint32_t)> hook);
+    ~ScopedSleepHook();
     ScopedSleepHook(const ScopedSleepHook&) = delete;
     ScopedSleepHook& operator=(const ScopedSleepHook&) = delete;
 };
