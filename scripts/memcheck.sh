@@ -1,8 +1,6 @@
 #!/bin/bash
-# The tests of the long-running threads (client exchange, server, controller) under valgrind's
-# memcheck, in a build without sanitizers (preset memcheck): reads of uninitialised memory, and
-# leaks in code that never returns to a leak check. Fails on a valgrind error, a definite leak, or
-# a test that fails or overruns.   Usage: scripts/memcheck.sh [test binary...]   (default: all three)
+# The long-running threads' tests (client exchange, server, controller) under valgrind's memcheck
+# in a build without sanitizers. Usage: scripts/memcheck.sh [test binary...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ $# -gt 0 ] || set -- sntp_exchange_tests sntp_server_tests sntp_control_tests
