@@ -96,8 +96,6 @@ class ServiceEndToEnd(winerig.RigTestCase):
     # process has gone (a late report of any other state would stay on its books). Each role, one
     # with a workstation listening (the restarts suite stops a listened-to server under load).
     def test_stop_ends_stopped_in_each_role(self):
-        server = winerig.FakeSntpServer("127.0.0.2")
-        self.addCleanup(server.close)
         for setting, listening in (("127.0.0.2", True), ("127.0.0.1", False)):
             with self.subTest(setting=setting, workstation=listening):
                 self.rig.write_setting(setting)
