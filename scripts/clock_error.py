@@ -1,6 +1,5 @@
-"""The client's time error as the operating system sees it: the service in the client role under
-Wine against a fake server 5 s ahead; Wine refuses each setting and logs "difference N ms", so
-N - 5000 is the error at the moment of setting. "command 128" restarts the client for the next.
+"""The client's time error as Wine sees it: against a server 5 s ahead, Wine refuses each setting
+and logs "difference N ms", N - 5000 the error; "command 128" restarts the client for the next.
   python3 scripts/clock_error.py --build build/windows [--samples 5]"""
 
 import argparse, os, statistics, sys

@@ -1,10 +1,7 @@
 #!/bin/bash
-# Builds the libFuzzer targets (clang, ASan+UBSan) and runs each for a bounded time, from its kept
-# seed corpus (fuzz/corpus/<target>) plus a scratch corpus under build/fuzz. A failing input lands
-# in build/fuzz/artifacts/<target>; copied into fuzz/corpus/<target>, the ctest fuzz_replay_<target>
-# replays it ever after. Each run appends "date target seconds executions cpu-seconds" to
-# fuzz/hours.log (wall time, then the fuzzer's own user and system time: on a busy machine the
-# second is what the fuzzing got).
+# Runs each libFuzzer target for a bounded time from fuzz/corpus/<target> and a scratch corpus; a
+# failing input lands in build/fuzz/artifacts/<target>. Appends "date target seconds executions
+# cpu-seconds" to fuzz/hours.log (on a busy machine the CPU time is what the fuzzing got).
 # Usage: scripts/fuzz.sh [seconds per target, default 60] [target...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -28,8 +25,7 @@ for target in "$@"; do
   printf '%s %s %d %d %d\n' "$(date -u +%Y-%m-%dT%H:%M:%SZ)" "$target" "$((SECONDS - started))" "${executions:-0}" \
     "${cpuSeconds:-0}" >>fuzz/hours.log
   failing=$(find "$artifacts" -maxdepth 1 -type f \( -name 'crash-*' -o -name 'leak-*' -o -name 'timeout-*' -o -name 'oom-*' \))
-  [ -z "$failing" ] || { status=1; printf 'fuzz: %s left failing inputs:\n%s\n' "$target" "$failing"
-    echo "fuzz: copy each into fuzz/corpus/$target/ (a name saying what it hits); the ctest fuzz_replay_$target" \
-         "then replays it in the native and Windows builds. Replay one now with: build/native/fuzz/${target}_replay <file>"; }
+  [ -z "$failing" ] || { status=1; printf 'fuzz: %s left failing inputs (copy them into fuzz/corpus/%s):\n%s\n' \
+    "$target" "$target" "$failing"; }
 done
 exit $status

@@ -1,6 +1,5 @@
 #!/bin/bash
-# Restarts at length (tests/e2e/restarts_e2e.py): "command 128" at random moments under load, in
-# a network namespace of its own. Usage: scripts/restarts.sh [minutes, default 60]   (the test run does 3)
+# The restarts (tests/e2e/restarts_e2e.py) at length. Usage: scripts/restarts.sh [minutes, default 60]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 minutes=${1:-60}

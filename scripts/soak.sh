@@ -1,6 +1,5 @@
 #!/bin/bash
-# The soak at length (tests/e2e/soak_e2e.py): the server under load with a client installation
-# and the query tool. Usage: scripts/soak.sh [minutes, default 30]   (the test run does 1.5)
+# The soak (tests/e2e/soak_e2e.py) at length. Usage: scripts/soak.sh [minutes, default 30]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 minutes=${1:-30}

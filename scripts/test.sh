@@ -1,12 +1,8 @@
 #!/bin/bash
-# Sets everything up on a fresh Debian machine, builds and runs every test: the native build
-# (ASan, UBSan), the concurrency tests under ThreadSanitizer, the Windows build under Wine, each
-# fuzz target for FUZZ_SECONDS (default 60; 0 skips), and in the simulator a year of the whole
-# service (a fixed seed and one drawn and printed) and the check that it catches its six known
-# faults. The Windows tests mostly wait on the service's timers, so the native, ThreadSanitizer and
-# fuzz runs go beside them, in a network namespace of their own and at the lowest CPU priority,
-# never delaying the service whose clock setting they measure; the simulator, which would load the
-# second core, runs after the Windows tests, beside the fuzzing.
+# Sets up a fresh Debian machine, builds every preset and runs every test, each fuzz target for
+# FUZZ_SECONDS (default 60; 0 skips) and the simulator. The native, ThreadSanitizer and fuzz runs go
+# beside the Windows tests, at the lowest priority so as never to delay the service whose clock
+# setting they measure; the simulator runs after them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -44,7 +40,6 @@ beside_pid=$!
 status=0
 ctest --preset windows || status=1
 stamp "windows tests done"
-# The simulator once nothing that measures time runs any more, beside the fuzzing: a core each.
 bash scripts/simulate.sh 1 20261201 || status=1
 bash scripts/simulate.sh 1 || status=1
 stamp "simulated years done"

@@ -1,8 +1,7 @@
-"""A Wine prefix laid out as a Norvik installation, the service driven through Wine's real service
-control manager, the trouble monitor standing in for the workstation, and SNTP peers on loopback:
-the end-to-end tests' rig, also used by scripts/run_service.py and scripts/clock_error.py."""
+"""The end-to-end rig: a Wine prefix laid out as an installation, Wine's service manager, the trouble
+monitor as the workstation, SNTP peers on loopback."""
 
-import argparse, contextlib, json, os, re, shutil, socket, struct, subprocess, sys, tempfile, threading, time, unittest
+import argparse, contextlib, glob, json, os, re, shutil, socket, struct, subprocess, sys, tempfile, threading, time, unittest
 from pathlib import Path
 
 WINE, WINESERVER = "/usr/lib/wine/wine64", "/usr/lib/wine/wineserver"
@@ -16,8 +15,7 @@ FIRST_EXCHANGE = (59 - 1, 118 + 6)  # s from the client's start: 59..118, widene
 NTP_UNIX_OFFSET = 2208988800
 SO_TIMESTAMPNS = 35  # Linux: the kernel's receive time of each datagram
 SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-# chrony's programs, unpacked by scripts/setup.sh without installing its package (which would
-# replace the host's own time service).
+# Unpacked by scripts/setup.sh: installing the package would replace the host's time service.
 CHRONYD = os.path.join(SOURCE, "build", "chrony", "usr", "sbin", "chronyd")
 # Directives that keep a test's chronyd to itself: no command port, no socket under /run.
 CHRONY_QUIET = ("cmdport 0", "bindcmdaddress /")
@@ -25,7 +23,6 @@ QUIET = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": su
 
 
 def wait_until(check, timeout, what, every=0.2):
-    """check()'s first true value within timeout seconds; what (text or callable) says what failed."""
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
         if value := check():
@@ -48,9 +45,8 @@ class Rig:
     def wineserver(self, flag):
         subprocess.run([WINESERVER, flag], env=self.env, capture_output=True, timeout=60)
 
-    def boot(self, fresh=True, programs=PROGRAMS, languages=(1033,)):
-        """Boots the prefix, keeps its wineserver alive (a service dies a few seconds after the last
-        ordinary process of its prefix otherwise), installs the programs and the languages' texts."""
+    def boot(self, fresh=True, programs=PROGRAMS):
+        # A persistent wineserver: a service dies a few seconds after its prefix's last ordinary process.
         if fresh and os.path.isdir(self.prefix):
             self.wineserver("-k")
             shutil.rmtree(self.prefix)
@@ -68,11 +64,13 @@ class Rig:
         with open(self.manager_log, "ab") as log:
             subprocess.run([WINE, "sc", "query", "eventlog"], env=dict(self.env, WINEDEBUG="-all,err+sync"),
                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=log, timeout=120)
-        for folder, names in ((TIME_DIR, programs), (SYSTEM_DIR, [f"res{n}.dll" for n in languages])):
-            os.makedirs(self.host_path(folder), exist_ok=True)
-            for name in names:  # from where the build puts it: stale copies lie elsewhere
-                built = "config" if name.startswith("res") else "tests/service" if name in PROGRAMS[3:] else "."
-                shutil.copy(os.path.join(self.build, built, name), self.host_path(f"{folder}\\{name}"))
+        os.makedirs(self.host_path(TIME_DIR), exist_ok=True)
+        os.makedirs(self.host_path(SYSTEM_DIR), exist_ok=True)
+        for name in programs:  # from where the build puts it: stale copies lie elsewhere
+            shutil.copy(os.path.join(self.build, "tests/service" if name in PROGRAMS[3:] else ".", name),
+                        self.host_path(TIME_DIR))
+        for library in glob.glob(os.path.join(self.build, "config", "res[0-9]*.dll")):
+            shutil.copy(library, self.host_path(SYSTEM_DIR))
         os.makedirs(os.path.dirname(self.setting), exist_ok=True)
         self.write_setting(None)
 
@@ -100,7 +98,6 @@ class Rig:
                                                err.read().decode("utf-8", "replace"))
 
     def norvik(self, *args):
-        """Runs a command word; returns (exit code, standard output)."""
         result = self.wine(EXE, *args)
         return result.returncode, result.stdout
 
@@ -118,14 +115,12 @@ class Rig:
         wait_until(lambda: self.state(name) == wanted, timeout, f"{name}: state {wanted}", every=0.3)
 
     def remove_service(self, name=SERVICE):
-        """Leaves no such service behind, whatever state it was in."""
         if self.state(name) != NOT_INSTALLED:
             self.sc("stop", name)
             self.sc("delete", name)
             self.wait_state(NOT_INSTALLED, name)
 
     def write_setting(self, value):
-        """Vantor.dat with SNTP_IP = value; None removes the file."""
         if value is None:
             Path(self.setting).unlink(missing_ok=True)
         else:
@@ -133,7 +128,7 @@ class Rig:
 
 
 class Monitor:
-    """TroubleMonitor.exe --json in the rig's prefix, printing to a file that snapshot() reads."""
+    """TroubleMonitor.exe --json, printing to a file that snapshot() reads."""
 
     def __init__(self, rig):
         self.output = tempfile.TemporaryFile("w+")
@@ -150,7 +145,6 @@ class Monitor:
                 if line.startswith("{") and line.endswith("\n")]
 
     def wait_for(self, predicate, timeout):
-        """The reports, once predicate(reports) holds."""
         return wait_until(lambda: predicate(self.snapshot()) and self.snapshot(), timeout,
                           lambda: f"reports {self.snapshot()}")
 
@@ -160,32 +154,25 @@ class Monitor:
         self.output.close()
 
 
-def ntp_now(ahead=0.0, at=None):
-    now = (time.time() if at is None else at) + ahead
-    return ((int(now) + NTP_UNIX_OFFSET) << 32) | int((now - int(now)) * 2**32)
+def ntp_stamp(at):
+    return ((int(at) + NTP_UNIX_OFFSET) << 32) | int((at - int(at)) * 2**32)
 
 
-def sntp_request(host, first_byte=0x1B, length=48, poll=6, timeout=1.0):
-    """Sends one request to host:123; returns (answer bytes or None, our transmit stamp)."""
-    stamp = ntp_now()
+def answers(host):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
-        sock.settimeout(timeout)
-        sock.sendto((bytes([first_byte, 0, poll]) + bytes(37) + struct.pack(">Q", stamp) + bytes(8))[:length],
-                    (host, 123))
-        try:
-            return sock.recvfrom(512)[0], stamp
-        except socket.timeout:
-            return None, stamp
+        sock.settimeout(0.5)
+        sock.sendto(bytes([0x1B]) + bytes(47), (host, 123))
+        with contextlib.suppress(socket.timeout):
+            return sock.recv(512)
 
 
 def wait_for_server(host, timeout):
-    return wait_until(lambda: sntp_request(host, timeout=0.5)[0], timeout, f"an SNTP answer from {host}:123", 0)
+    return wait_until(lambda: answers(host), timeout, f"an SNTP answer from {host}:123", 0)
 
 
 class FakeSntpServer(threading.Thread):
-    """A good version-3 stratum-2 server on address:123, this host's clock plus ahead seconds (or a
-    subclass's handle(request, sender)). Records each request (monotonic time, bytes) and each answer's
-    lateness, from arrival (the kernel's time) to its stamps, which a client adds half of."""
+    """A version-3 stratum-2 server on address:123, this host's clock plus ahead seconds. Records each
+    request (monotonic time, bytes) and each answer's lateness from the kernel's arrival time."""
 
     def __init__(self, address, ahead=0.0, reuse=False):
         super().__init__(daemon=True)
@@ -220,13 +207,13 @@ class FakeSntpServer(threading.Thread):
         if len(request) == 48:
             stamped = time.time()
             self.lateness.append(stamped - self.arrival)
-            receive = ntp_now(self.ahead, stamped)
+            receive = ntp_stamp(stamped + self.ahead)
             self.sock.sendto(bytes([0x1C, 2, 0, 0xEC]) + bytes(8) + socket.inet_aton("127.0.0.1") + bytes(8)
                              + request[40:48] + struct.pack(">QQ", receive, receive), peer)
 
 
 def chrony_query(address, timeout=30):
-    """Asks address:123 with chrony as a version-3 client that never sets the clock: (exit code, output)."""
+    """chrony as a version-3 client that never sets the clock: (exit code, output)."""
     with tempfile.TemporaryDirectory(prefix="norvik-chrony-") as workdir:
         result = subprocess.run([CHRONYD, "-Q", "-t", "10", "-u", "root", f"pidfile {workdir}/chronyd.pid", *CHRONY_QUIET,
                                  f"server {address} iburst version 3"], capture_output=True, text=True, timeout=timeout)
@@ -234,7 +221,6 @@ def chrony_query(address, timeout=30):
 
 
 def service_pid(rig):
-    """The Linux process of the running service in this rig's prefix, or None."""
     for pid in filter(str.isdigit, os.listdir("/proc")):
         try:
             if b"NorvikTime.exe" in Path(f"/proc/{pid}/cmdline").read_bytes() and \
@@ -245,14 +231,14 @@ def service_pid(rig):
 
 
 def linux_figures(pid):
-    """Resident memory, tasks and descriptors (Wine's host side of its handles) of a process."""
+    """Descriptors are Wine's host side of its handles."""
     rss = re.search(r"^VmRSS:\s*(\d+)", Path(f"/proc/{pid}/status").read_text(), re.M).group(1)
     return {"rss_kb": int(rss), "threads": len(os.listdir(f"/proc/{pid}/task")),
             "fds": len(os.listdir(f"/proc/{pid}/fd"))}
 
 
 class SteadyLoad(threading.Thread):
-    """Clients on 127.0.0.2 and up asking 127.0.0.1:123 in turn, each up to 0.5 s, until stopped or seconds pass."""
+    """Clients on 127.0.0.2 and up asking 127.0.0.1:123 in turn until stopped or seconds pass."""
 
     def __init__(self, clients, seconds):
         super().__init__(daemon=True)
@@ -281,9 +267,9 @@ class SteadyLoad(threading.Thread):
 
 
 class RigTestCase(unittest.TestCase):
-    """One booted prefix per class; each test starts and ends with no service and no Vantor.dat (a server)."""
+    """One prefix per class; each test starts and ends with no service and no Vantor.dat."""
 
-    build = None  # the Windows build directory, set by run_tests
+    build = None  # set by run_tests
     prefix_name = "service-prefix"
 
     @classmethod
@@ -303,7 +289,7 @@ class RigTestCase(unittest.TestCase):
         return monitor
 
     def install_running(self, rig=None):
-        """Installs and starts the service; returns the moment it reported running."""
+        """Returns the moment the service reported running."""
         rig = rig or self.rig
         installed = rig.norvik("install")
         self.assertEqual((0, "Service successfully added..."), installed)
@@ -312,7 +298,6 @@ class RigTestCase(unittest.TestCase):
 
 
 def run_tests(description):
-    """The main of an end-to-end script: --build <Windows build directory> [unittest arguments]."""
     parser = argparse.ArgumentParser(description=description)
     parser.add_argument("--build", required=True)
     arguments, rest = parser.parse_known_args()
