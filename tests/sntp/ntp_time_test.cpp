@@ -1,4 +1,5 @@
-// NTP arithmetic: the anchors and eras, the round trip through the clock, the tick stamp and the estimate.
+// NTP arithmetic: eras, the round trip through the clock, the tick stamp and the estimate; the
+// clock read as a stamp is the server's test in later years.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -11,7 +12,6 @@
 
 namespace {
 const int64_t FILETIME_1900 = 94354848000000000LL;
-const int64_t FILETIME_2000 = 125911584000000000LL;
 const uint64_t T3 = 3900000000ULL << 32;
 
 struct NtpTime : testing::Test {
@@ -37,12 +37,6 @@ Estimate Compute(uint64_t t1, uint64_t t2, uint64_t t3, uint64_t t4) {
 }
 }  // namespace
 
-TEST_F(NtpTime, FileTimeAnchorsGiveTheirStamps) {
-    EXPECT_EQ(0u, FileTimeToNtp(FILETIME_1900));
-    EXPECT_EQ(0xBC17C20000000000ULL, FileTimeToNtp(FILETIME_2000));
-    EXPECT_EQ(2208988800ULL << 32, FileTimeToNtp(UNIX_EPOCH_FILETIME));
-}
-
 // The seconds wrap on 2036-02-07 06:28:16; the top bit of a stamp names its era.
 struct EraRow {
     const char* label;
@@ -52,11 +46,8 @@ struct EraRow {
 
 const EraRow ERA_ROWS[] = {
     {"1968, the first second with the top bit set", 0x80000000ULL << 32, FileTimeOf(1968, 1, 20, 3, 14, 8)},
-    {"2000, the first era", 0xBC17C20000000000ULL, FILETIME_2000},
-    {"today", 0xEEB0A380ULL << 32, FileTimeOf(2026, 11, 25)},
     {"the last second before the wrap", 0xFFFFFFFFULL << 32, FileTimeOf(2036, 2, 7, 6, 28, 15)},
     {"the wrap itself", 0, FileTimeOf(2036, 2, 7, 6, 28, 16)},
-    {"the first second after the wrap", 1ULL << 32, FileTimeOf(2036, 2, 7, 6, 28, 17)},
     {"half a second after the wrap", 0x80000000ULL, FileTimeOf(2036, 2, 7, 6, 28, 16) + 5000000},
     {"2104, the last second of the second era", 0x7FFFFFFFULL << 32, FileTimeOf(2104, 2, 26, 9, 42, 23)},
 };
@@ -103,28 +94,13 @@ TEST_F(NtpTime, ARoundTripThroughAStampKeepsTheMillisecondOrLandsOneEarlier) {
     EXPECT_LT(earlier, 200000 / 8) << "a few per cent land 1 ms early";
 }
 
-TEST_F(NtpTime, NowIsTheSystemClockAsAStamp) {
-    ScopedVirtualTime time(FILETIME_2000 + 5000000);  // half a second past 2000-01-01
-    uint8_t now[8];
-    NtpNow(now);
-    EXPECT_EQ(0xBC17C20080000000ULL, LoadBigEndian64(now));
-}
-
-TEST_F(NtpTime, SettingTheClockIgnoresTheTwoLowestBits) {
-    ScopedVirtualTime time;
-    NtpSetSystemClock(FileTimeToNtp(FILETIME_2000 + 12340000) | 3u);
-    EXPECT_EQ(std::vector<int64_t>{FILETIME_2000 + 12340000}, RecordedClockSettings());
-}
-
 TEST_F(NtpTime, TickStampIsTheTimeSinceSystemStart) {
     ScopedVirtualTime time(VIRTUAL_START_FILETIME, 1500);
     uint8_t tick[8];
     NtpTickStamp(tick);
     EXPECT_EQ(0x0000000180000000ULL, LoadBigEndian64(tick));  // 1.5 s
-    EXPECT_EQ(0x0000000100000000ULL, TickToNtp(1000));
 }
 
-// One millisecond before the 32-bit count wraps, then two later: 1 ms past the wrap.
 TEST_F(NtpTime, TickStampWrapsWithTheTickCount) {
     ScopedVirtualTime time(VIRTUAL_START_FILETIME, 0xFFFFFFFFu);
     const uint64_t before = ReadStampTick();

@@ -1,6 +1,5 @@
-// The client exchange: the order of the answer checks, then the exchange on scripted sockets in
-// virtual time, where the server's answer takes a round trip the test chooses: the request, the
-// estimate to the stamp, each fault's code, name resolution, silence and the stop.
+// The client exchange: the answer checks in their order, then the exchange on scripted sockets in
+// virtual time.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -16,7 +15,6 @@ namespace {
 const char SERVER_TEXT[] = "127.0.0.21";
 const NtpTimestamp SERVER_TIME = 3976214400ULL << 32;  // 2026-01-01 00:00:00 UTC
 const uint32_t ROUND_TRIP_MS = 10;
-const NtpTimestamp UNTOUCHED = 0x0123456789ABCDEFULL;
 
 class SntpExchangeTest : public testing::Test {
 protected:
@@ -29,7 +27,6 @@ protected:
         stopRequested = 0;
         EXPECT_EQ(0u, NetLibraryUsers()) << "sockets left";
     }
-    // The server answers each request after the round trip, its answer changed by damage.
     void ServerAnswers(std::function<void(ScriptedDatagram*)> damage = [](ScriptedDatagram*) {}) {
         sockets.OnSend([this, damage](const ScriptedDatagram& request) {
             AdvanceVirtualTime(ROUND_TRIP_MS);
@@ -43,9 +40,9 @@ protected:
     }
     ScopedVirtualTime virtualTime;
     ScriptedSockets sockets;
-    NtpTimestamp time = UNTOUCHED;
-    NtpTimestamp delay = UNTOUCHED;
-    uint32_t stratum = 99;
+    NtpTimestamp time = 0;
+    NtpTimestamp delay = 0;
+    uint32_t stratum = 0;
 };
 }  // namespace
 
@@ -61,15 +58,12 @@ TEST(SntpAnswerChecks, TheFirstFailingCheckDecides) {
         uint32_t source;
         SntpResult expected;
     } cases[] = {
-        {"valid", 0x1C, 2, false, false, 123, SERVER, SNTP_OK},
-        {"leap 1 and 2 are no alarm", 0x5C, 2, false, false, 123, SERVER, SNTP_OK},
+        {"valid, leap 1 and 2 no alarm", 0x5C, 2, false, false, 123, SERVER, SNTP_OK},
         {"another address before everything", 0xE3, 0, true, true, 123, OTHER, SNTP_INCONSISTENT_ADDRESS},
         {"another port before everything", 0xE3, 0, true, true, 124, SERVER, SNTP_INCONSISTENT_ADDRESS},
         {"originate before mode", 0xE3, 0, true, true, 123, SERVER, SNTP_INCONSISTENT_ADDRESS},
         {"mode before version", 0xE3, 0, true, false, 123, SERVER, SNTP_INVALID_RESPONSE},
-        {"symmetric passive is no server", 0x1A, 2, false, false, 123, SERVER, SNTP_INVALID_RESPONSE},
         {"version before leap", 0xE4, 0, true, false, 123, SERVER, SNTP_INCOMPATIBLE_VERSION},
-        {"version 4 otherwise valid", 0x24, 2, false, false, 123, SERVER, SNTP_INCOMPATIBLE_VERSION},
         {"leap before stratum", 0xDC, 0, true, false, 123, SERVER, SNTP_NOT_SYNCHRONISED},
         {"stratum before transmit", 0x1C, 0, true, false, 123, SERVER, SNTP_UNKNOWN_ERROR},
         {"zero transmit", 0x1C, 2, true, false, 123, SERVER, SNTP_NOT_SYNCHRONISED},
@@ -109,8 +103,7 @@ TEST_F(SntpExchangeTest, TimeIsTheServersPlusHalfTheRoundTrip) {
     EXPECT_EQ(GOOD_ANSWER_STRATUM, stratum);
 }
 
-// Closing the socket (which joins the socket library's thread when it is the last) may take a
-// while on a busy host; the caller sets the clock at once, so the time is carried to the return.
+// Closing the socket may take a while on a busy host; the caller sets the clock at once.
 TEST_F(SntpExchangeTest, TheTimeIsCarriedForwardToTheReturn) {
     ServerAnswers();
     sockets.OnClose([](uint64_t handle) {
@@ -120,22 +113,14 @@ TEST_F(SntpExchangeTest, TheTimeIsCarriedForwardToTheReturn) {
     EXPECT_EQ(SERVER_TIME + delay / 2 + MicrosToNtp(5000), time);
 }
 
-TEST_F(SntpExchangeTest, DelayAndStratumMayBeLeftOut) {
-    ServerAnswers();
-    const SntpResult result = SntpExchange(SERVER_TEXT, 5000, &time, nullptr, nullptr);
-    EXPECT_EQ(SNTP_OK, result);
-}
-
-// The wire adds a port and a length to the checks; only the first answer is read.
+// The wire adds a port and a length to the checks.
 TEST_F(SntpExchangeTest, AFaultyAnswerEndsTheExchangeWithItsCode) {
     const struct {
         const char* fault;
         std::function<void(ScriptedDatagram*)> damage;
         SntpResult result;
     } cases[] = {
-        {"wrong originate", [](ScriptedDatagram* a) { a->bytes[NTP_ORIGINATE_OFFSET + 7] ^= 1; }, SNTP_INCONSISTENT_ADDRESS},
         {"another port", [](ScriptedDatagram* a) { a->port = 124; }, SNTP_INCONSISTENT_ADDRESS},
-        {"version 4", [](ScriptedDatagram* a) { a->bytes[0] = 0x24; }, SNTP_INCOMPATIBLE_VERSION},
         {"47 bytes", [](ScriptedDatagram* a) { a->bytes.pop_back(); }, SNTP_INVALID_RESPONSE},
         {"49 bytes", [](ScriptedDatagram* a) { a->bytes.push_back(0); }, SNTP_INVALID_RESPONSE},
     };
@@ -146,16 +131,7 @@ TEST_F(SntpExchangeTest, AFaultyAnswerEndsTheExchangeWithItsCode) {
     }
 }
 
-TEST_F(SntpExchangeTest, AFailureLeavesTheOutputsUntouched) {
-    ServerAnswers([](ScriptedDatagram* answer) { answer->bytes[0] = 0x24; });
-    Exchange();
-    EXPECT_EQ(UNTOUCHED, time);
-    EXPECT_EQ(UNTOUCHED, delay);
-    EXPECT_EQ(99u, stratum);
-}
-
-// A name the platform knows is asked at its address; one it does not know (11001: not found, no
-// retry) ends the exchange before anything is sent.
+// An unknown name (11001: not found) ends the exchange before anything is sent.
 TEST_F(SntpExchangeTest, ANameIsResolvedBeforeTheRequest) {
     ServerAnswers();
     Ipv4Platform platform = systemIpv4Platform;
@@ -187,7 +163,7 @@ TEST_F(SntpExchangeTest, SilenceEndsAfterTheTimeoutPlusOneStep) {
     }
 }
 
-// As the controller does while the exchange waits: at the next 500 ms step, not after 60 s of silence.
+// At the next 500 ms step, not after 60 s of silence.
 TEST_F(SntpExchangeTest, AStopEndsTheWaitAtTheNextStep) {
     sockets.OnSend([](const ScriptedDatagram&) { stopRequested = 1; });
     const SntpResult result = Exchange(SERVER_TEXT, 60000);

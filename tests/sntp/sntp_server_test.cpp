@@ -1,6 +1,4 @@
-// The server: its answer in every mode, then the thread on scripted sockets, the same on every
-// build: a batch answered in order, each datagram stamped and admitted on its own, trouble cleared
-// per answer, the peer limit late in a batch, a port it cannot open, a failing wait, later years.
+// The server: its answer in every mode, then the thread on scripted sockets.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -29,7 +27,7 @@ uint32_t Address(uint32_t a, uint32_t b, uint32_t c, uint32_t d) { return a | b 
 
 const uint32_t FIRST = Address(127, 0, 0, 41);
 
-// A request from a sender, its transmit stamp the id that the answer echoes as originate.
+// The id is the transmit stamp, which the answer echoes as originate.
 ScriptedDatagram Request(uint32_t from, uint64_t id, uint8_t header = 0x1B, size_t length = NTP_PACKET_SIZE) {
     ScriptedDatagram request{from, CLIENT_PORT, std::vector<uint8_t>(length, 0)};
     request.bytes[0] = header;
@@ -40,8 +38,7 @@ ScriptedDatagram Request(uint32_t from, uint64_t id, uint8_t header = 0x1B, size
 
 uint64_t StampOf(const ScriptedDatagram& answer, size_t offset) { return LoadBigEndian64(&answer.bytes[offset]); }
 
-// Runs the server thread until it has read every queued datagram, then stops it: the batch it is
-// in ends first, and after the join every answer has been sent and every trouble queued.
+// Runs the server thread until it has read every queued datagram; its batch ends before the stop.
 void Serve(const ScriptedSockets& sockets, uint64_t upstream = 0) {
     std::thread server([upstream] { SntpServerThread(upstream); });
     for (int ms = 0; ms < 10000 && !sockets.Drained(); ++ms) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -66,36 +63,30 @@ protected:
     ScriptedSockets sockets;
 };
 
-thread_local bool onServerThread = false;  // the socket library's ageing thread sleeps too
 std::vector<uint32_t> pauses;
 uint32_t libraryUsersWhilePausing = 0;
 
-// Runs the server thread in virtual time until it has paused count times, and stops it there.
+// Runs the server in virtual time until it has paused count times; the socket library's sweeps held.
 void RunServerUntilPauses(size_t count) {
     ScopedVirtualTime time;
+    HoldWakeableSleeps(true);
     pauses.clear();
     ScopedSleepHook hook([count](uint32_t ms) {
-        if (!onServerThread) return;
         pauses.push_back(ms);
         libraryUsersWhilePausing = NetLibraryUsers();
         stopRequested = pauses.size() == count ? 1 : 0;
     });
-    std::thread server([] {
-        onServerThread = true;
-        SntpServerThread(0);
-    });
-    server.join();
+    SntpServerThread(0);
     stopRequested = 0;
 }
 }  // namespace
 
-// Versions 4 and 1, an alarm or any leap, the server's own modes, and any length but 48 are dropped.
 TEST(SntpServerAnswer, OnlyVersionThreeRequestsOf48BytesGetOne) {
-    uint8_t request[512] = {};
+    uint8_t request[NTP_PACKET_SIZE + 1] = {};
     uint8_t answer[NTP_PACKET_SIZE];
     const uint8_t receiveStamp[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    const std::pair<uint8_t, int32_t> dropped[] = {{0x23, 48}, {0x0B, 48}, {0xDB, 48}, {0x5B, 48}, {0x1C, 48},
-                                                   {0x1D, 48}, {0x18, 48}, {0x1B, 47}, {0x1B, 49}, {0x1B, 512}};
+    // Version 4, leap 1, server mode, one byte short, one too many.
+    const std::pair<uint8_t, int32_t> dropped[] = {{0x23, 48}, {0x5B, 48}, {0x1C, 48}, {0x1B, 47}, {0x1B, 49}};
     for (const auto& [header, length] : dropped) {
         request[0] = header;
         const int32_t answered = BuildSntpAnswer(request, length, receiveStamp, answer);
@@ -104,7 +95,7 @@ TEST(SntpServerAnswer, OnlyVersionThreeRequestsOf48BytesGetOne) {
 }
 
 // Upstream: the alarm until it is reached; then its address (10.1.2.3 as stored), its stratum's low
-// byte plus one, and the stamp in memory order, on purpose. Only poll and transmit come from the request.
+// byte plus one, and the stamp in memory order, on purpose.
 TEST(SntpServerAnswer, EachModeNamesItsReference) {
     uint8_t request[NTP_PACKET_SIZE];
     uint8_t answer[NTP_PACKET_SIZE];
@@ -121,9 +112,7 @@ TEST(SntpServerAnswer, EachModeNamesItsReference) {
         const char* id;
     } cases[] = {
         {"local clock, client", 0, 0, 0x1B, 0x1C, 1, "LOCL"},
-        {"local clock, symmetric active", 0, 1, 0x19, 0x1A, 1, "LOCL"},
         {"upstream not reached", 1, 0, 0x19, 0xDA, 0, "INIT"},
-        {"another mode, not reached", 2, 0, 0x1B, 0xDC, 0, "INIT"},
         {"upstream reached", 1, 1, 0x19, 0x1A, 4, "\x0A\x01\x02\x03"},
         {"another mode, reached: its own top", 2, 1, 0x1B, 0x1C, 1, "TOP "},
     };
@@ -144,7 +133,7 @@ TEST(SntpServerAnswer, EachModeNamesItsReference) {
     synchronised = 0;
 }
 
-// Each datagram is read, stamped and answered before the next is read; the answer goes back to its sender.
+// Each datagram is read, stamped and answered before the next is read.
 TEST_F(SntpServerThreadTest, ABatchIsAnsweredInOrderEachWithItsOwnStamps) {
     for (uint64_t id = 100; id < 106; ++id) sockets.Queue(Request(FIRST, id, id % 2 != 0 ? 0x19 : 0x1B));
     Serve(sockets);
@@ -167,8 +156,6 @@ TEST_F(SntpServerThreadTest, ABatchIsAnsweredInOrderEachWithItsOwnStamps) {
 TEST_F(SntpServerThreadTest, EachAnswerClearsTroubleTwoAndADropNothing) {
     SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
     sockets.Queue(Request(FIRST, 2, 0x23));
-    sockets.Queue(Request(FIRST, 3, 0x1B, 47));
-    sockets.Queue(Request(FIRST, 4, 0x1B, 512));
     sockets.Queue(Request(FIRST, 5));
     sockets.Queue(Request(FIRST, 6));
     Serve(sockets);
@@ -177,7 +164,7 @@ TEST_F(SntpServerThreadTest, EachAnswerClearsTroubleTwoAndADropNothing) {
     EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared, cleared}), troubles);
 }
 
-// 201 senders are answered; the 202nd, late in the same batch as a known one, is not.
+// The 202nd sender, late in the same batch as a known one, is not answered.
 TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
     for (uint32_t peer = 0; peer < SNTP_SERVER_PEER_LIMIT + 1; ++peer) {
         sockets.Queue(Request(Address(127, 0, 1 + peer / 250, 1 + peer % 250), peer));
@@ -193,8 +180,7 @@ TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
     EXPECT_EQ(0, answeredRefused);
 }
 
-// Started for an upstream server (10.1.2.3 as stored), it says so with the alarm until the client
-// has reached that server, whatever an earlier run left.
+// Synchronised, as an earlier run may leave it.
 TEST_F(SntpServerThreadTest, ForAnUpstreamItAnswersInitUntilReached) {
     synchronised = 1;
     sockets.Queue(Request(FIRST, 1));
@@ -225,27 +211,17 @@ TEST_F(SntpServerThreadTest, AFailingWaitRaisesTroubleOneEachSecond) {
     EXPECT_EQ(1u, libraryUsersWhilePausing);
 }
 
-// On its own clock (NtpNow through the platform driver) in virtual time that stands still, the
-// socket library's sweeps held: only the date decides the stamps, counted on the wire from the wrap.
+// On its own clock (NtpNow through the platform driver), in virtual time that stands still.
 TEST(SntpServerInLaterYears, StampsAfterTheWrapCarryTheErasSeconds) {
-    const struct {
-        const char* label;
-        int64_t fileTime;
-        uint64_t seconds;
-    } rows[] = {
-        {"2036-08-01", FileTimeOf(2036, 8, 1), 0x00E7AD00},
-        {"2100-01-01", FileTimeOf(2100, 1, 1), 0x7830D580},
-    };
+    const uint64_t secondsOf20360801 = 0x00E7AD00;
     NtpInitEpoch();
-    for (const auto& row : rows) {
-        ScopedVirtualTime time(row.fileTime);
-        HoldWakeableSleeps(true);
-        ScriptedSockets sockets;
-        sockets.Queue(Request(FIRST, 1));
-        Serve(sockets);
-        const std::vector<ScriptedDatagram> answers = sockets.Sent();
-        ASSERT_EQ(1u, answers.size()) << row.label;
-        EXPECT_EQ(row.seconds, StampOf(answers[0], NTP_RECEIVE_OFFSET) >> 32) << row.label << ", receive";
-        EXPECT_EQ(row.seconds, StampOf(answers[0], NTP_TRANSMIT_OFFSET) >> 32) << row.label << ", transmit";
-    }
+    ScopedVirtualTime time(FileTimeOf(2036, 8, 1));
+    HoldWakeableSleeps(true);
+    ScriptedSockets sockets;
+    sockets.Queue(Request(FIRST, 1));
+    Serve(sockets);
+    const std::vector<ScriptedDatagram> answers = sockets.Sent();
+    ASSERT_EQ(1u, answers.size());
+    EXPECT_EQ(secondsOf20360801, StampOf(answers[0], NTP_RECEIVE_OFFSET) >> 32);
+    EXPECT_EQ(secondsOf20360801, StampOf(answers[0], NTP_TRANSMIT_OFFSET) >> 32);
 }

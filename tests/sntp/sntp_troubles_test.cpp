@@ -1,5 +1,5 @@
-// SNTP troubles: the records that raising and clearing queue, the whole-mask rule of the
-// clears, the silence during a stop, and the texts of the result codes.
+// SNTP troubles: the records that raising and clearing queue; the clears of a stop or restart are
+// the controller's tests'.
 #include "sntp/sntp_troubles.h"
 
 #include <gtest/gtest.h>
@@ -65,69 +65,10 @@ TEST_F(SntpTroubles, RecordsComeFromSntpWithTroubleCodeSeven) {
     EXPECT_EQ(" SNTP/7 SNTP/7 SNTP/7", senders);
 }
 
-// Clears go out for every code from 1 up to the highest active one, in order.
-TEST_F(SntpTroubles, ClearAllClearsEachCodeInOrderUntilNoneIsActive) {
-    SetSntpTrouble(SNTP_NOT_SYNCHRONISED);
-    SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
-    ClearAllSntpTroubles();
-    const std::string reports = Drained();
-    EXPECT_EQ(" +3 +6 -1 -2 -3 -4 -5 -6", reports);
-}
-
-// Code 11 lies past the table and past the walk: every clear goes out, then the mask is zeroed.
-TEST_F(SntpTroubles, ClearAllOfACodePastTheTableClearsAllTenAndEmptiesTheMask) {
-    SetSntpTrouble(SNTP_RESULT_COUNT);
-    ClearAllSntpTroubles();
-    const std::string reports = Drained();
-    EXPECT_EQ(" +U -1 -2 -3 -4 -5 -6 -7 -8 -9 -10", reports);
-    EXPECT_EQ(0u, troubleMask.load());
-}
-
-// The whole mask decides, not the code's bit (the server clears trouble 2 after each answer).
-TEST_F(SntpTroubles, ClearsAreReportedWhileAnyTroubleIsActive) {
-    ClearSntpTrouble(SNTP_NO_RESPONSE);
-    ClearAllSntpTroubles();
-    SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
-    ClearSntpTrouble(SNTP_NO_RESPONSE);
-    ClearSntpTrouble(SNTP_NO_RESPONSE);
-    const uint32_t maskWhileActive = troubleMask.load();
-    ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
-    ClearSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
-    const std::string reports = Drained();
-    EXPECT_EQ(" +5 -2 -2 -5", reports);
-    EXPECT_EQ(1u << 5, maskWhileActive);
-}
-
-// The clears of a restart must reach the workstation.
-TEST_F(SntpTroubles, RaisesAreSilentDuringAStopButClearsAreNot) {
-    SetSntpTrouble(SNTP_CANNOT_RESOLVE);
-    stopRequested = 1;
-    SetSntpTrouble(SNTP_SOCKET_ERROR);
-    const uint32_t maskAfterSilentRaise = troubleMask.load();
-    ClearSntpTrouble(SNTP_CANNOT_RESOLVE);
-    const std::string reports = Drained();
-    EXPECT_EQ(" +10 -10", reports);
-    EXPECT_EQ(1u << 10, maskAfterSilentRaise);
-    EXPECT_EQ(0u, troubleMask.load());
-}
-
 TEST_F(SntpTroubles, WithoutASinkNothingIsQueued) {
     SetReportCallback(nullptr);
     SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
     SetReportCallback(RecordReport);
     const std::string reports = Drained();
     EXPECT_EQ("", reports);
-}
-
-TEST_F(SntpTroubles, EachResultHasItsText) {
-    const struct {
-        SntpResult code;
-        std::u16string text;
-    } cases[] = {
-        {SNTP_OK, u"Ok"},
-        {SNTP_SOCKET_ERROR, SntpTroubleTable[SNTP_SOCKET_ERROR].defaultText},
-        {SNTP_CANNOT_RESOLVE, u"Local SNTP Client: Cannot resolve host name"},
-        {SNTP_RESULT_COUNT, u"Unknown Error"},
-    };
-    for (const auto& c : cases) EXPECT_EQ(c.text, SntpResultText(c.code)) << c.code;
 }

@@ -1,6 +1,5 @@
-// Dates as the tests' expectations are written: a UTC calendar date and time of day as a FILETIME
-// (100 ns ticks since 1601-01-01), computed from the calendar alone, apart from the code under
-// test (the days-from-civil algorithm of H. Hinnant's date library).
+// A UTC date as a FILETIME, from the calendar alone, apart from the code under test (H. Hinnant's
+// days-from-civil algorithm).
 #pragma once
 
 #include <cstdint>
@@ -14,7 +13,6 @@ inline int64_t DaysFromCivil(int64_t year, int64_t month, int64_t day) {
     return era * 146097 + dayOfEra - 719468;  // days since 1970-01-01
 }
 
-// FILETIME of year-month-day hour:minute:second UTC.
 inline int64_t FileTimeOf(int64_t year, int64_t month, int64_t day, int64_t hour = 0, int64_t minute = 0,
                           int64_t second = 0) {
     const int64_t TICKS_PER_SECOND = 10000000;

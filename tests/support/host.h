@@ -1,5 +1,4 @@
-// What a test asks of the process it runs in, natively or under Wine alike: its threads as the
-// operating system counts them (starts and stops must leave none behind) and its number.
+// The test process's threads as the operating system counts them, and its number.
 #pragma once
 
 #include <cstddef>

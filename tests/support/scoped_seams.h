@@ -1,13 +1,10 @@
-// The product's test seams, replaced for the life of an object and put back after it, also when an
-// ASSERT ends the test early: the platform driver, the socket calls, the IPv4 calls, the
-// installation root.
+// The product's test seams, replaced for the life of an object and put back after it.
 #pragma once
 
 #include "config/config_test_seams.h"
 #include "net/net_test_seams.h"
 #include "runtime/runtime_test_seams.h"
 
-// One of the process-wide tables of platform calls; the one in force before comes back.
 template <typename Table, const Table* (*Install)(const Table*)>
 class ScopedTable {
 public:
@@ -21,11 +18,9 @@ private:
 };
 
 using ScopedPlatformDriver = ScopedTable<PlatformDriver, InstallPlatformDriver>;
-using ScopedSocketPlatform = ScopedTable<SocketPlatform, InstallSocketPlatform>;
 using ScopedIpv4Platform = ScopedTable<Ipv4Platform, InstallIpv4Platform>;
 
-// The installation root a test takes as its own (its setting file and resource libraries are
-// found there); forgotten after, so the next use computes it from the executable again.
+// Forgotten after, so the next use computes it from the executable again.
 class ScopedInstallRoot {
 public:
     explicit ScopedInstallRoot(const char* root) { OverrideInstallRoot(root); }

@@ -1,9 +1,6 @@
-// Socket calls played by the test instead of the platform's, installed for the life of the object:
-// no platform socket is touched, so a batch from hundreds of senders or a server's answer runs the
-// same on every build, in virtual time if need be. Opens give a made-up handle (or fail while told
-// to), a wait is readable while datagrams are queued (or fails while told to; each wait's length is
-// recorded), each receive takes the next queued datagram, and every send is recorded and handed to
-// the test's answerer. One at a time.
+// Socket calls played by the test instead of the platform's, for the life of the object, the same
+// on every build: a wait is readable while datagrams are queued, each receive takes the next one,
+// every send is recorded and handed to the test's answerer. One at a time.
 #pragma once
 
 #include <cstdint>
@@ -28,14 +25,13 @@ public:
     ScriptedSockets& operator=(const ScriptedSockets&) = delete;
 
     void Queue(const ScriptedDatagram& datagram);
-    // Called with each datagram sent, after it was recorded; it may queue the answer.
+    // It may queue the answer.
     void OnSend(std::function<void(const ScriptedDatagram& sent)> onSend);
-    // Called with each handle closed (an invalid one too: the platform's close is handed any).
     void OnClose(std::function<void(uint64_t handle)> onClose);
     // 0: opens succeed; otherwise each open fails with this platform error.
     void FailOpens(int32_t error);
     void FailWaits(bool fail);
-    bool Drained() const;  // every queued datagram was received
+    bool Drained() const;
     std::vector<ScriptedDatagram> Sent() const;
     std::vector<uint32_t> WaitsMs() const;
 

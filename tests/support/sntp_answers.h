@@ -1,5 +1,4 @@
-// A server's answers as the SNTP tests script them over scripted sockets: the good version-3
-// answer to a request, from the server's address and port, at a given server time.
+// The good version-3 answer of a server to a scripted request.
 #pragma once
 
 #include <cstring>
@@ -10,7 +9,7 @@
 const uint8_t GOOD_ANSWER_HEADER = 0x1C;  // leap 0, version 3, server mode
 const uint8_t GOOD_ANSWER_STRATUM = 2;
 
-// Originate echoed from the request's transmit stamp; receive = transmit = serverTime.
+// Receive = transmit = serverTime.
 inline ScriptedDatagram GoodAnswerTo(const ScriptedDatagram& request, NtpTimestamp serverTime) {
     ScriptedDatagram answer{request.address, request.port, std::vector<uint8_t>(NTP_PACKET_SIZE, 0)};
     answer.bytes[0] = GOOD_ANSWER_HEADER;

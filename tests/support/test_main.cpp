@@ -1,5 +1,4 @@
-// The main of every test binary: no test may ever set the real system clock, so the guard
-// driver, whose clock writer only counts, is installed before any test runs.
+// The main of every test binary: the guard driver first, so no test can set the real clock.
 #include <gtest/gtest.h>
 
 #include "tests/support/virtual_time.h"

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "runtime/platform.h"
 #include "runtime/runtime.h"
@@ -47,8 +48,7 @@ void VirtualSleep(uint32_t milliseconds) {
     elapsedMs.fetch_add(milliseconds);
 }
 
-// Woken before or during the (hooked) sleep: no virtual time passes, as a signalled event returns
-// at once; otherwise the whole sleep passes.
+// As a signalled event returns at once, a wakeup before or during the sleep lets no time pass.
 int32_t VirtualSleepUnlessWoken(Wakeup* wakeup, uint32_t milliseconds) {
     if (WakeupSignalled(wakeup) != 0) return 1;
     if (holdWakeable.load()) {
@@ -94,14 +94,16 @@ const PlatformDriver virtualDriver = {
     systemDriver.joinThread,
 };
 
-const PlatformDriver guardDriver = {
-    systemDriver.tickCount, systemDriver.preciseTickUs, systemDriver.sleep, systemDriver.wallClock, systemDriver.readSystemClock,
-    [](int64_t) {},         systemDriver.seedRandom, systemDriver.nextRandom, systemDriver.sleepUnlessWoken,
-    systemDriver.startJoinableThread, systemDriver.joinThread,
-};
+PlatformDriver MakeGuardDriver() {
+    PlatformDriver guard = systemDriver;
+    guard.writeSystemClock = [](int64_t) {};
+    return guard;
+}
+
+const PlatformDriver guardDriver = MakeGuardDriver();
 }  // namespace
 
-void InstallVirtualTime(int64_t fileTime, uint32_t tick) {
+ScopedVirtualTime::ScopedVirtualTime(int64_t fileTime, uint32_t tick) {
     {
         std::lock_guard<std::mutex> hold(stateMutex);
         startFileTime = fileTime;
@@ -117,7 +119,7 @@ void InstallVirtualTime(int64_t fileTime, uint32_t tick) {
     InstallPlatformDriver(&virtualDriver);
 }
 
-void RemoveVirtualTime() {
+ScopedVirtualTime::~ScopedVirtualTime() {
     InstallGuardDriver();
     std::lock_guard<std::mutex> hold(stateMutex);
     sleepHook = nullptr;
@@ -142,9 +144,14 @@ uint32_t RecordedRandomSeed() {
     return randomSeed;
 }
 
-void SetSleepHook(std::function<void(uint32_t)> hook) {
+ScopedSleepHook::ScopedSleepHook(std::function<void(uint32_t)> hook) {
     std::lock_guard<std::mutex> hold(stateMutex);
     sleepHook = std::move(hook);
+}
+
+ScopedSleepHook::~ScopedSleepHook() {
+    std::lock_guard<std::mutex> hold(stateMutex);
+    sleepHook = nullptr;
 }
 
 void HoldWakeableSleeps(bool hold) { holdWakeable.store(hold); }
