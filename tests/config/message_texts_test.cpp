@@ -135,29 +135,6 @@ TEST_F(MessageTextsTest, WithoutALibraryNoTextLoads) {
     EXPECT_EQ(Lookup(6210), u"default");
 }
 
-// Initialised in this order: the profile follows the primary language, and stays (status 1) when
-// no row matches it.
-TEST_F(MessageTextsTest, DisplayProfileFollowsThePrimaryLanguage) {
-    const struct {
-        const char* language;
-        uint16_t id;
-        int32_t status;
-        const char* profile;
-    } cases[] = {
-        {"Arabic, Saudi Arabia", 0x0401, 0, "Arabic"},
-        {"German", 0x0407, 1, "Arabic"},
-        {"Chinese, Hong Kong", 0x0C04, 0, "Chinese"},
-        {"English, United Kingdom", 2057, 0, "English"},
-    };
-    const char* const profiles[LANGUAGE_PROFILE_COUNT] = {"English", "Arabic", "Hebrew", "Persian", "Chinese",
-                                                          "Korean",  "Russian", "Thai", "Japanese"};
-    for (const auto& c : cases) {
-        const int32_t status = InitMessageTextsFor(c.id);
-        EXPECT_EQ(status, c.status) << c.language;
-        EXPECT_STREQ(profiles[currentProfile - languageProfiles], c.profile) << c.language;
-    }
-}
-
 // Candidates: the language, its primary language with the default sublanguage, 1033; accents stay intact.
 TEST_F(MessageTextsTest, ShippedTranslationsAnswerForTheirLanguages) {
     const struct {
