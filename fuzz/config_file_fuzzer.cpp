@@ -12,7 +12,7 @@
 #include "config/config_file.h"
 
 namespace {
-// A failed check ends the run, naming the condition: libFuzzer keeps the input as a crash.
+// libFuzzer keeps the input that fails a check as a crash.
 void Check(bool holds, const char* condition, int line) {
     if (!holds) {
         fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, line, condition);
@@ -43,7 +43,7 @@ bool IsWellFormed(const std::string& text) {
     return true;
 }
 
-// The store's entries; *unique is false when a key occurs twice.
+// *unique is false when a key occurs twice.
 std::map<std::string, std::string> Collect(const ConfigFile& file, bool* unique) {
     std::map<std::string, std::string> entries;
     *unique = true;

@@ -1,6 +1,5 @@
-// The main of the replay builds of the fuzz targets: feeds every file named on the command line,
-// or found under a named directory, to the target once, so that the kept corpus (seeds and every
-// crash fuzzing ever found) runs as an ordinary test in the builds without libFuzzer.
+// The replay builds' main: every file named, or found under a directory named, goes to the target
+// once, so the kept corpus runs as an ordinary test without libFuzzer.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -36,8 +35,7 @@ int main(int argc, char** argv) {
         // Named before it runs: a crash ends the process, and the last name is the culprit.
         std::printf("replay: %s (%zu bytes)\n", input.string().c_str(), bytes.size());
         std::fflush(stdout);
-        // A copy of exactly the input's size, as libFuzzer passes it, so that the sanitizers
-        // see any read past its end.
+        // Exactly the input's size, so the sanitizers see any read past its end.
         std::unique_ptr<uint8_t[]> copy(new uint8_t[bytes.size()]);
         std::copy(bytes.begin(), bytes.end(), copy.get());
         LLVMFuzzerTestOneInput(copy.get(), bytes.size());

@@ -1,5 +1,4 @@
-// ConfigFile store: the line format and its limits, lookups, the merging save with its backup,
-// and the inter-process lock, each through real files in a scratch directory.
+// ConfigFile store and its lock, through real files in a scratch directory.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -32,7 +31,7 @@ std::string ReadFileText(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
-// An open store that closes itself; "" opens one without a file.
+// "" opens one without a file.
 struct OpenStore {
     explicit OpenStore(const std::string& path) { OpenConfigFile(&file, path.empty() ? nullptr : path.c_str()); }
     ~OpenStore() { CloseConfigFile(&file); }
@@ -101,12 +100,6 @@ TEST_F(ConfigFileTest, LoadReadsTheLineFormat) {
     for (const auto& c : cases) EXPECT_EQ(store.Get(c.key), c.value) << c.rule;
 }
 
-TEST_F(ConfigFileTest, LoadMakesNoEntryOfCommentsBlankLinesOrAnEmptyKey) {
-    WriteFileText(PathOf("empty.dat"), "# comment\n   \t\nNOTE # note\n\"\" ignored\n");
-    OpenStore store(PathOf("empty.dat"));
-    EXPECT_EQ(store.file.entries->count, 0u);
-}
-
 // Lines are read in pieces of 4146 characters, values cut to 4095, keys kept with 55 characters
 // and looked up with 49.
 TEST_F(ConfigFileTest, LoadCutsLinesValuesAndKeysToTheirLimits) {
@@ -141,20 +134,6 @@ TEST_F(ConfigFileTest, SetCutsTheValueTo4095Characters) {
     OpenStore store("");
     SetConfigString(&store.file, "W", std::string(5000, 'w').c_str());
     EXPECT_EQ(store.Get("W"), std::string(4095, 'w'));
-}
-
-TEST_F(ConfigFileTest, GetWithoutAnEntry) {
-    OpenStore store("");
-    char out[16];
-    const struct {
-        const char* label;
-        const char* answer;
-        const char* expected;
-    } cases[] = {
-        {"an empty key gives the default itself", GetConfigString(&store.file, "", out, 16, DEFAULT_TEXT), DEFAULT_TEXT},
-        {"a missing key without a default gives the empty text", GetConfigString(&store.file, "k", out, 16, nullptr), ""},
-    };
-    for (const auto& c : cases) EXPECT_STREQ(c.answer, c.expected) << c.label;
 }
 
 TEST_F(ConfigFileTest, StatusAtTheEdges) {
@@ -307,17 +286,6 @@ TEST_F(ConfigFileTest, LockIsTakenAgainByItsHolder) {
     EXPECT_NE(inner, nullptr);
     EXPECT_FALSE(takenWhileHeldOnce);
     EXPECT_TRUE(takenOnceReleased);
-}
-
-TEST_F(ConfigFileTest, LoadAndSaveReleaseTheLock) {
-    const std::string path = PathOf("released_" + RUN_TAG + ".dat");
-    OpenStore store(path);  // a load that finds no file
-    WriteFileText(path, "K 1\n");
-    LoadConfigFile(&store.file, path.c_str());
-    SaveConfigFile(&store.file, nullptr);
-    LockTaker taker(path);
-    const bool taken = taker.TakenWithin(GRANT_MS);
-    EXPECT_TRUE(taken);
 }
 
 #ifdef _WIN32

@@ -1,6 +1,4 @@
-// The trouble path: PtrList (ordered insertion, find, removal, cursors that survive removals), the
-// trouble queue (order, bounded texts, no sink, producers on other threads) and the 860-byte
-// workstation report pinned to the byte. The end-to-end tests deliver it through the real mailslot.
+// The trouble path: PtrList, the trouble queue and the 860-byte workstation report.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -37,7 +35,6 @@ std::string Tags(const PtrList* list) {
     return forward;
 }
 
-// Tags a to d pushed in order.
 struct FourEntries : testing::Test {
     void SetUp() override {
         for (Entry& entry : entries) PushPtrList(list, &entry);
@@ -71,7 +68,7 @@ void RecordReport(const char16_t* source, uint32_t kind, uint32_t code, uint32_t
     std::this_thread::yield();  // a slow sink holds troubleLock, so producers queue up behind it
 }
 
-// The recording sink on the trouble queue for the life of the object; nothing queued outlives it.
+// Nothing queued outlives it.
 class RecordingSink {
 public:
     RecordingSink() {
@@ -101,37 +98,14 @@ TEST(PtrList, InsertsANewEqualKeyFirstOrLastByTheFlag) {
     }
 }
 
-TEST(PtrList, InsertsByTheKeyItIsGivenInsteadOfTheItem) {
-    Entry item{0, 'z'}, key{99, '-'}, other{5, 'a'};
-    PtrList* list = CreatePtrList(CompareEntries);
-    InsertOrderedPtrList(list, &item, &key);
-    InsertOrderedPtrList(list, &other, nullptr);
-    EXPECT_EQ(Tags(list), "az");
-    EXPECT_EQ(FindPtrList(list, &key), &item);
-    DestroyPtrList(list);
-}
-
 TEST(PtrList, FindGivesTheFirstItemWithAnEqualKey) {
     Entry entries[] = {{1, 'a'}, {5, 'b'}, {5, 'c'}, {9, 'd'}};
     PtrList* list = CreatePtrList(CompareEntries);
     for (Entry& entry : entries) PushPtrList(list, &entry);
-    const Entry five{5, '-'}, four{4, '-'};
-    const struct {
-        const char* label;
-        const void* key;
-        const void* found;
-    } cases[] = {{"5", &five, &entries[1]}, {"4, missing", &four, nullptr}, {"null", nullptr, nullptr}};
-    for (const auto& c : cases) EXPECT_EQ(FindPtrList(list, c.key), c.found) << c.label;
+    const Entry five{5, '-'};
+    const void* const found = FindPtrList(list, &five);
     DestroyPtrList(list);
-}
-
-TEST(PtrList, OrderedInsertionNeedsAComparator) {
-    Entry entry{1, 'a'};
-    PtrList* list = CreatePtrList(nullptr);
-    const int32_t inserted = InsertOrderedPtrList(list, &entry, nullptr);
-    EXPECT_EQ(inserted, 1);
-    EXPECT_EQ(Tags(list), "");
-    DestroyPtrList(list);
+    EXPECT_EQ(found, &entries[1]);
 }
 
 // Popping the only node must clear the tail too, or the next push links behind the freed node.
@@ -190,25 +164,6 @@ TEST(TroubleQueue, DeliversRecordsInQueueOrderAsTroubleReports) {
     EXPECT_EQ(reports, (std::vector<Report>{{u"SNTP", 51, 7, 255, u"A"}, {u"SNTP", 51, 8, 0, u"B"}}));
 }
 
-TEST(TroubleQueue, CutsSourceAndTextTo255Units) {
-    RecordingSink sink;
-    const std::u16string longSource(300, u's'), longText(300, u't');
-    QueueTrouble(NewTroubleRecord(longSource.c_str(), longText.c_str(), 9, TROUBLE_SET));
-    DrainTroubles();
-    EXPECT_EQ(reports, (std::vector<Report>{{longSource.substr(0, 255), 51, 9, 255, longText.substr(0, 255)}}));
-}
-
-// The drain frees the record (the leak checker of the native build watches) and it never comes back.
-TEST(TroubleQueue, DrainWithoutASinkDiscardsTheRecords) {
-    CreateTroubleQueue();
-    SetReportCallback(nullptr);
-    QueueTrouble(NewTroubleRecord(u"SNTP", u"lost", 7, TROUBLE_SET));
-    DrainTroubles();
-    RecordingSink sink;
-    DrainTroubles();
-    EXPECT_EQ(reports, std::vector<Report>{});
-}
-
 TEST(TroubleQueue, SinkInstalledIsOneOnlyWhileASinkIs) {
     int32_t installed = 0;
     {
@@ -217,6 +172,14 @@ TEST(TroubleQueue, SinkInstalledIsOneOnlyWhileASinkIs) {
     }
     EXPECT_EQ(installed, 1);
     EXPECT_EQ(TroubleSinkInstalled(), 0);
+}
+
+TEST(TroubleQueue, CutsSourceAndTextTo255Units) {
+    RecordingSink sink;
+    const std::u16string longSource(300, u's'), longText(300, u't');
+    QueueTrouble(NewTroubleRecord(longSource.c_str(), longText.c_str(), 9, TROUBLE_SET));
+    DrainTroubles();
+    EXPECT_EQ(reports, (std::vector<Report>{{longSource.substr(0, 255), 51, 9, 255, longText.substr(0, 255)}}));
 }
 
 // Producers push while the sink runs: none lost or doubled, each producer's records in its order.
