@@ -8,24 +8,28 @@
 #include <map>
 #include <random>
 #include <string>
+#include <system_error>
 
 #include "config/config_file.h"
 
 namespace {
-// libFuzzer keeps the input that fails a check as a crash.
-void Check(bool holds, const char* condition, int line) {
-    if (!holds) {
-        fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, line, condition);
-        abort();
-    }
-}
-#define CHECK(condition) Check((condition), #condition, __LINE__)
-
 const char FUZZ_VALUE[] = "fuzz value \"q\"";
 
 // This process's own directory (no mkdtemp on Windows, where the replay also runs).
 const std::filesystem::path scratch =
     std::filesystem::temp_directory_path() / ("config_file_fuzzer." + std::to_string(std::random_device()()));
+
+// libFuzzer keeps the input that fails a check as a crash; the scratch directory goes first, as
+// no later input of this process will remove it.
+void Check(bool holds, const char* condition, int line) {
+    if (!holds) {
+        fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, line, condition);
+        std::error_code ignored;
+        std::filesystem::remove_all(scratch, ignored);
+        abort();
+    }
+}
+#define CHECK(condition) Check((condition), #condition, __LINE__)
 
 std::string ReadText(const std::string& path) {  // in text mode, as the store reads and writes
     std::ifstream file(path);
