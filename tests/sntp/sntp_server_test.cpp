@@ -63,22 +63,6 @@ protected:
     ScriptedSockets sockets;
 };
 
-std::vector<uint32_t> pauses;
-uint32_t libraryUsersWhilePausing = 0;
-
-// Runs the server in virtual time until it has paused count times; the socket library's sweeps held.
-void RunServerUntilPauses(size_t count) {
-    ScopedVirtualTime time;
-    HoldWakeableSleeps(true);
-    pauses.clear();
-    ScopedSleepHook hook([count](uint32_t ms) {
-        pauses.push_back(ms);
-        libraryUsersWhilePausing = NetLibraryUsers();
-        stopRequested = pauses.size() == count ? 1 : 0;
-    });
-    SntpServerThread(0);
-    stopRequested = 0;
-}
 }  // namespace
 
 TEST(SntpServerAnswer, OnlyVersionThreeRequestsOf48BytesGetOne) {
@@ -192,23 +176,38 @@ TEST_F(SntpServerThreadTest, ForAnUpstreamItAnswersInitUntilReached) {
     EXPECT_EQ(0, std::memcmp("INIT", &answers[0].bytes[NTP_REFERENCE_ID_OFFSET], 4));
 }
 
-// The library given back while idle: restarted every minute, the server would pile up sockets.
-TEST_F(SntpServerThreadTest, APortItCannotOpenRaisesTroubleEightOnceThenIdles) {
-    sockets.FailOpens(10048);  // WSAEADDRINUSE
-    RunServerUntilPauses(3);
-    const std::vector<SeenTrouble> troubles = TakeTroubles();
-    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_SERVER_NOT_STARTED, TROUBLE_SET}}), troubles);
-    EXPECT_EQ(std::vector<uint32_t>(3, 1000), pauses);
-    EXPECT_EQ(0u, libraryUsersWhilePausing);
-}
-
-TEST_F(SntpServerThreadTest, AFailingWaitRaisesTroubleOneEachSecond) {
-    sockets.FailWaits(true);
-    RunServerUntilPauses(5);
-    const std::vector<SeenTrouble> troubles = TakeTroubles();
-    EXPECT_EQ(std::vector<SeenTrouble>(5, SeenTrouble{SNTP_SOCKET_ERROR, TROUBLE_SET}), troubles);
-    EXPECT_EQ(std::vector<uint32_t>(5, 1000), pauses);
-    EXPECT_EQ(1u, libraryUsersWhilePausing);
+// Open fails: trouble 8 once, the library given back while idle (restarted every minute, the
+// server would pile up sockets). Wait fails: trouble 1 each second.
+TEST_F(SntpServerThreadTest, ASocketFailureIsReportedAndPausesASecond) {
+    const struct {
+        const char* label;
+        int32_t openError;  // 10048: WSAEADDRINUSE
+        bool waitsFail;
+        std::vector<SeenTrouble> troubles;
+        uint32_t libraryUsers;
+    } cases[] = {
+        {"open fails", 10048, false, {{SNTP_SERVER_NOT_STARTED, TROUBLE_SET}}, 0},
+        {"wait fails", 0, true, std::vector<SeenTrouble>(3, SeenTrouble{SNTP_SOCKET_ERROR, TROUBLE_SET}), 1},
+    };
+    for (const auto& c : cases) {
+        ScopedVirtualTime time;
+        HoldWakeableSleeps(true);
+        sockets.FailOpens(c.openError);
+        sockets.FailWaits(c.waitsFail);
+        std::vector<uint32_t> pauses;
+        uint32_t libraryUsers = 0;
+        ScopedSleepHook hook([&](uint32_t ms) {
+            pauses.push_back(ms);
+            libraryUsers = NetLibraryUsers();
+            stopRequested = pauses.size() == 3 ? 1 : 0;
+        });
+        SntpServerThread(0);
+        stopRequested = 0;
+        const std::vector<SeenTrouble> troubles = TakeTroubles();
+        EXPECT_EQ(c.troubles, troubles) << c.label;
+        EXPECT_EQ(std::vector<uint32_t>(3, 1000), pauses) << c.label;
+        EXPECT_EQ(c.libraryUsers, libraryUsers) << c.label;
+    }
 }
 
 // On its own clock (NtpNow through the platform driver), in virtual time that stands still.
