@@ -137,17 +137,6 @@ TEST_F(SntpServerThreadTest, ABatchIsAnsweredInOrderEachWithItsOwnStamps) {
     }
 }
 
-TEST_F(SntpServerThreadTest, EachAnswerClearsTroubleTwoAndADropNothing) {
-    SetSntpTrouble(SNTP_INCONSISTENT_ADDRESS);
-    sockets.Queue(Request(FIRST, 2, 0x23));
-    sockets.Queue(Request(FIRST, 5));
-    sockets.Queue(Request(FIRST, 6));
-    Serve(sockets);
-    const SeenTrouble cleared{SNTP_NO_RESPONSE, TROUBLE_CLEARED};
-    const std::vector<SeenTrouble> troubles = TakeTroubles();
-    EXPECT_EQ((std::vector<SeenTrouble>{{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared, cleared}), troubles);
-}
-
 // The 202nd sender, late in the same batch as a known one, is not answered.
 TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
     for (uint32_t peer = 0; peer < SNTP_SERVER_PEER_LIMIT + 1; ++peer) {
