@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 
 #include "runtime/platform.h"
 #include "sntp/ntp_time.h"
@@ -69,29 +68,6 @@ TEST_F(NtpTime, EraSecondsCountOnPastTheWrap) {
         const int64_t secondsSince1900 = (row.fileTime - FILETIME_1900) / 10000000;
         EXPECT_EQ(secondsSince1900, NtpEraSeconds(row.stamp)) << row.label;
     }
-}
-
-// Whole-millisecond FILETIMEs (all the platform clock gives) over both eras, 1968 to 2104.
-TEST_F(NtpTime, ARoundTripThroughAStampKeepsTheMillisecondOrLandsOneEarlier) {
-    const int64_t first = FileTimeOf(1968, 1, 20, 3, 14, 8);
-    const int64_t last = FileTimeOf(2104, 2, 26, 9, 42, 23);
-    std::mt19937_64 random(20261122);  // fixed seed: a failure replays
-    std::uniform_int_distribution<int64_t> span(0, (last - first) / FILETIME_TICKS_PER_MS);
-    int earlier = 0;
-    int wrong = 0;
-    for (int i = 0; i < 200000; ++i) {
-        const int64_t fileTime = first + span(random) * FILETIME_TICKS_PER_MS;
-        const NtpTimestamp stamp = FileTimeToNtp(fileTime);
-        const int64_t back = NtpToFileTime(stamp);  // past 2^52 the double rounds, 4 ticks either side
-        const bool near = (stamp & 3u) == 0 && back - fileTime <= 4 && fileTime - back <= 4;
-        if (!near && wrong++ == 0) {
-            ADD_FAILURE() << "FILETIME " << fileTime << " came back as " << back;
-        }
-        earlier += back < fileTime ? 1 : 0;
-    }
-    EXPECT_EQ(0, wrong);
-    EXPECT_GT(earlier, 200000 / 100) << "a few per cent land 1 ms early";
-    EXPECT_LT(earlier, 200000 / 8) << "a few per cent land 1 ms early";
 }
 
 TEST_F(NtpTime, TickStampIsTheTimeSinceSystemStart) {
