@@ -2,9 +2,7 @@
 // clock read as a stamp is the server's test in later years.
 #include <gtest/gtest.h>
 
-#include <cstring>
 
-#include "runtime/platform.h"
 #include "sntp/ntp_time.h"
 #include "tests/support/civil_time.h"
 #include "tests/support/virtual_time.h"

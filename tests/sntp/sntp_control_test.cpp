@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <thread>
 
 #include "config/directories.h"
-#include "sntp/sntp_client.h"
 #include "sntp/sntp_control.h"
 #include "sntp/sntp_test_seams.h"
 #include "tests/support/host.h"
@@ -230,23 +228,4 @@ TEST_F(SntpController, RacingCallsNeverLeaveASecondTimeThread) {
     EXPECT_EQ(std::string::npos, troubles.find('+')) << troubles;
     EXPECT_EQ(threadsBefore, CountProcessThreads());
     EXPECT_EQ(0, bound) << "the port let go";
-}
-
-// No thread can be started (as when the process has run out of them): the role's trouble says so.
-TEST_F(SntpController, ATimeThreadThatCannotStartIsReported) {
-    PlatformDriver noThreads = *ActivePlatformDriver();
-    noThreads.startJoinableThread = [](ThreadFunction, uint64_t, JoinableThread**) -> int32_t { return 0; };
-    ScopedPlatformDriver failing(&noThreads);
-    const struct {
-        const char* setting;
-        const char* trouble;
-    } roles[] = {{"", " +8"}, {"SNTP_IP 127.0.0.2", " +9"}};  // the server, the client could not start
-    for (const auto& role : roles) {
-        WriteSetting(role.setting);
-        const int32_t started = StartSntp();
-        const std::string troubles = Seen();
-        EXPECT_EQ(1, started) << role.setting;
-        EXPECT_EQ(0, TimeThreadRunning()) << role.setting;
-        EXPECT_EQ(role.trouble, troubles) << role.setting;
-    }
 }
