@@ -8,7 +8,6 @@
 #include "net/net_socket.h"
 #include "sntp/sntp_client.h"
 #include "sntp/sntp_server.h"
-#include "sntp/sntp_test_seams.h"
 #include "tests/support/civil_time.h"
 #include "tests/support/scripted_sockets.h"
 #include "tests/support/trouble_recorder.h"
@@ -17,26 +16,17 @@
 
 namespace {
 const uint16_t CLIENT_PORT = 50123;
-std::atomic<uint64_t> clockReads{0};
-
-// Never the same stamp twice.
-void CountingClock(uint8_t* out) { StoreBigEndian64(out, clockReads.fetch_add(1) + 1); }
-
 // a.b.c.d in network order on the little-endian hosts we build for.
 uint32_t Address(uint32_t a, uint32_t b, uint32_t c, uint32_t d) { return a | b << 8 | c << 16 | d << 24; }
 
 const uint32_t FIRST = Address(127, 0, 0, 41);
 
-// The id is the transmit stamp, which the answer echoes as originate.
-ScriptedDatagram Request(uint32_t from, uint64_t id, uint8_t header = 0x1B, size_t length = NTP_PACKET_SIZE) {
-    ScriptedDatagram request{from, CLIENT_PORT, std::vector<uint8_t>(length, 0)};
-    request.bytes[0] = header;
-    request.bytes[NTP_POLL_OFFSET] = 6;
-    if (length >= NTP_PACKET_SIZE) StoreBigEndian64(&request.bytes[NTP_TRANSMIT_OFFSET], id);
+ScriptedDatagram Request(uint32_t from, uint64_t id) {
+    ScriptedDatagram request{from, CLIENT_PORT, std::vector<uint8_t>(NTP_PACKET_SIZE, 0)};
+    request.bytes[0] = 0x1B;
+    StoreBigEndian64(&request.bytes[NTP_TRANSMIT_OFFSET], id);
     return request;
 }
-
-uint64_t StampOf(const ScriptedDatagram& answer, size_t offset) { return LoadBigEndian64(&answer.bytes[offset]); }
 
 // Runs the server thread until it has read every queued datagram; its batch ends before the stop.
 void Serve(const ScriptedSockets& sockets, uint64_t upstream = 0) {
@@ -52,11 +42,9 @@ protected:
     void SetUp() override {
         NtpInitEpoch();
         StartTroubleRecorder();
-        SetSntpServerClock(CountingClock);
         stopRequested = 0;
     }
     void TearDown() override {
-        SetSntpServerClock(nullptr);
         StopTroubleRecorder();
         stopRequested = 0;
     }
@@ -115,26 +103,6 @@ TEST(SntpServerAnswer, EachModeNamesItsReference) {
     }
     serverMode = SERVER_MODE_LOCAL_CLOCK;
     synchronised = 0;
-}
-
-// Each datagram is read, stamped and answered before the next is read.
-TEST_F(SntpServerThreadTest, ABatchIsAnsweredInOrderEachWithItsOwnStamps) {
-    for (uint64_t id = 100; id < 106; ++id) sockets.Queue(Request(FIRST, id, id % 2 != 0 ? 0x19 : 0x1B));
-    Serve(sockets);
-    const std::vector<ScriptedDatagram> answers = sockets.Sent();
-    ASSERT_EQ(6u, answers.size());
-    uint64_t lastTransmit = 0;
-    for (uint64_t id = 100; id < 106; ++id) {
-        const ScriptedDatagram& answer = answers[id - 100];
-        const uint64_t receive = StampOf(answer, NTP_RECEIVE_OFFSET);
-        const uint64_t transmit = StampOf(answer, NTP_TRANSMIT_OFFSET);
-        EXPECT_EQ(id, StampOf(answer, NTP_ORIGINATE_OFFSET));
-        EXPECT_EQ(FIRST, answer.address) << id;
-        EXPECT_EQ(CLIENT_PORT, answer.port) << id;
-        EXPECT_LT(lastTransmit, receive) << id;
-        EXPECT_LT(receive, transmit) << id;
-        lastTransmit = transmit;
-    }
 }
 
 // The 202nd sender, late in the same batch as a known one, is not answered.
@@ -200,16 +168,14 @@ TEST_F(SntpServerThreadTest, ASocketFailureIsReportedAndPausesASecond) {
 }
 
 // On its own clock (NtpNow through the platform driver), in virtual time that stands still.
-TEST(SntpServerInLaterYears, StampsAfterTheWrapCarryTheErasSeconds) {
+TEST_F(SntpServerThreadTest, StampsAfterTheWrapCarryTheErasSeconds) {
     const uint64_t secondsOf20360801 = 0x00E7AD00;
-    NtpInitEpoch();
     ScopedVirtualTime time(FileTimeOf(2036, 8, 1));
     HoldWakeableSleeps(true);
-    ScriptedSockets sockets;
     sockets.Queue(Request(FIRST, 1));
     Serve(sockets);
     const std::vector<ScriptedDatagram> answers = sockets.Sent();
     ASSERT_EQ(1u, answers.size());
-    EXPECT_EQ(secondsOf20360801, StampOf(answers[0], NTP_RECEIVE_OFFSET) >> 32);
-    EXPECT_EQ(secondsOf20360801, StampOf(answers[0], NTP_TRANSMIT_OFFSET) >> 32);
+    EXPECT_EQ(secondsOf20360801, LoadBigEndian64(&answers[0].bytes[NTP_RECEIVE_OFFSET]) >> 32);
+    EXPECT_EQ(secondsOf20360801, LoadBigEndian64(&answers[0].bytes[NTP_TRANSMIT_OFFSET]) >> 32);
 }
