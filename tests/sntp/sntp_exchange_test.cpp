@@ -103,16 +103,6 @@ TEST_F(SntpExchangeTest, TimeIsTheServersPlusHalfTheRoundTrip) {
     EXPECT_EQ(GOOD_ANSWER_STRATUM, stratum);
 }
 
-// Closing the socket may take a while on a busy host; the caller sets the clock at once.
-TEST_F(SntpExchangeTest, TheTimeIsCarriedForwardToTheReturn) {
-    ServerAnswers();
-    sockets.OnClose([](uint64_t handle) {
-        if (handle == SCRIPTED_HANDLE) AdvanceVirtualTime(5);
-    });
-    Exchange();
-    EXPECT_EQ(SERVER_TIME + delay / 2 + MicrosToNtp(5000), time);
-}
-
 // The wire adds a port and a length to the checks.
 TEST_F(SntpExchangeTest, AFaultyAnswerEndsTheExchangeWithItsCode) {
     const struct {
