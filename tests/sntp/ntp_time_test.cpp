@@ -1,5 +1,4 @@
-// NTP arithmetic: eras, the round trip through the clock, the tick stamp and the estimate; the
-// clock read as a stamp is the server's test in later years.
+// NTP arithmetic: eras, the tick stamp and the estimate.
 #include <gtest/gtest.h>
 
 

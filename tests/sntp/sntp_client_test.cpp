@@ -1,5 +1,4 @@
-// The client thread's schedule in virtual time, on a fake exchange that records each call; then the
-// real exchange against a server whose clock has passed the era's wrap.
+// The client thread's schedule in virtual time on a recording fake exchange; then across the wrap.
 #include <gtest/gtest.h>
 
 #include <algorithm>

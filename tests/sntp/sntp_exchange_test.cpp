@@ -1,5 +1,4 @@
-// The client exchange: the answer checks in their order, then the exchange on scripted sockets in
-// virtual time.
+// The client exchange: the answer's checks, then the exchange on scripted sockets.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,4 +1,4 @@
-// The server: its answer in every mode, then the thread on scripted sockets.
+// The server's answer, then its thread on scripted sockets.
 #include <gtest/gtest.h>
 
 #include <chrono>

@@ -1,5 +1,4 @@
-// SNTP troubles: the records that raising and clearing queue; the clears of a stop or restart are
-// the controller's tests'.
+// The records that raising and clearing SNTP troubles queue.
 #include "sntp/sntp_troubles.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,4 @@
-// A UTC date as a FILETIME, from the calendar alone, apart from the code under test (H. Hinnant's
-// days-from-civil algorithm).
+// A UTC date as a FILETIME, from the calendar alone (H. Hinnant's days-from-civil).
 #pragma once
 
 #include <cstdint>

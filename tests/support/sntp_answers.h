@@ -1,4 +1,4 @@
-// The good version-3 answer of a server to a scripted request.
+// A good version-3 answer to a scripted request: receive = transmit = serverTime.
 #pragma once
 
 #include <cstring>
@@ -9,7 +9,6 @@
 const uint8_t GOOD_ANSWER_HEADER = 0x1C;  // leap 0, version 3, server mode
 const uint8_t GOOD_ANSWER_STRATUM = 2;
 
-// Receive = transmit = serverTime.
 inline ScriptedDatagram GoodAnswerTo(const ScriptedDatagram& request, NtpTimestamp serverTime) {
     ScriptedDatagram answer{request.address, request.port, std::vector<uint8_t>(NTP_PACKET_SIZE, 0)};
     answer.bytes[0] = GOOD_ANSWER_HEADER;
