@@ -76,22 +76,6 @@ TEST(SntpAnswerChecks, TheFirstFailingCheckDecides) {
     }
 }
 
-// Version 3, client mode, zeros, and as T1 the tick stamp of the moment it is sent, to port 123.
-TEST_F(SntpExchangeTest, RequestIsAVersionThreeClientStampedWithTheTick) {
-    ServerAnswers();
-    uint8_t tick[8];
-    NtpTickStamp(tick);
-    Exchange();
-    const std::vector<ScriptedDatagram> sent = sockets.Sent();
-    ASSERT_EQ(1u, sent.size());
-    std::vector<uint8_t> expected(NTP_PACKET_SIZE, 0);
-    expected[0] = 0x1B;
-    std::memcpy(&expected[NTP_TRANSMIT_OFFSET], tick, 8);
-    EXPECT_EQ(expected, sent[0].bytes);
-    EXPECT_EQ(LoopbackAddress(SERVER_TEXT), sent[0].address);
-    EXPECT_EQ(123, sent[0].port);
-}
-
 // The server's T2 = T3: the round trip is T4 - T1 and the time T3 plus half of it.
 TEST_F(SntpExchangeTest, TimeIsTheServersPlusHalfTheRoundTrip) {
     ServerAnswers();
