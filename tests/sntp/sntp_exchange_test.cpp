@@ -135,11 +135,3 @@ TEST_F(SntpExchangeTest, SilenceEndsAfterTheTimeoutPlusOneStep) {
         EXPECT_EQ(c.waitsMs, silent.WaitsMs()) << c.timeoutMs << " ms";
     }
 }
-
-// At the next 500 ms step, not after 60 s of silence.
-TEST_F(SntpExchangeTest, AStopEndsTheWaitAtTheNextStep) {
-    sockets.OnSend([](const ScriptedDatagram&) { stopRequested = 1; });
-    const SntpResult result = Exchange(SERVER_TEXT, 60000);
-    EXPECT_EQ(SNTP_SOCKET_ERROR, result);
-    EXPECT_EQ(std::vector<uint32_t>{500}, sockets.WaitsMs());
-}
