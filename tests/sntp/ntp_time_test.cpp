@@ -1,7 +1,6 @@
 // NTP arithmetic: eras, the tick stamp and the estimate.
 #include <gtest/gtest.h>
 
-
 #include "sntp/ntp_time.h"
 #include "tests/support/civil_time.h"
 #include "tests/support/virtual_time.h"
@@ -14,23 +13,6 @@ struct NtpTime : testing::Test {
     void SetUp() override { NtpInitEpoch(); }
 };
 
-struct Estimate {
-    NtpTimestamp time;
-    NtpTimestamp delay;
-};
-
-// From an answer carrying t1, t2 and t3, and the local tick stamp t4.
-Estimate Compute(uint64_t t1, uint64_t t2, uint64_t t3, uint64_t t4) {
-    uint8_t packet[48] = {};
-    uint8_t destination[8];
-    StoreBigEndian64(packet + NTP_ORIGINATE_OFFSET, t1);
-    StoreBigEndian64(packet + NTP_RECEIVE_OFFSET, t2);
-    StoreBigEndian64(packet + NTP_TRANSMIT_OFFSET, t3);
-    StoreBigEndian64(destination, t4);
-    Estimate estimate{0, 99};
-    NtpComputeTime(&estimate.time, destination, packet, &estimate.delay);
-    return estimate;
-}
 }  // namespace
 
 // The seconds wrap on 2036-02-07 06:28:16; the top bit of a stamp names its era.
@@ -88,18 +70,26 @@ TEST_F(NtpTime, TickStampWrapsWithTheTickCount) {
 TEST_F(NtpTime, EstimateIsTheTransmitTimePlusHalfTheRoundTrip) {
     const struct {
         const char* label;
-        uint64_t t1, t2, t3, t4;
-        Estimate estimate;
+        uint64_t t1, t2, t3, t4;  // t4: the local tick stamp
+        NtpTimestamp time, delay;
     } cases[] = {
         {"10 ms of client ticks, 2 ms of them held by the server", 10ULL << 32, T3, T3 + 8589934,
-         (10ULL << 32) + 42949672, {T3 + 8589934 + 17179869, 34359738}},
-        {"the tick count wrapped between request and answer", TickToNtp(0xFFFFFFF0u), T3, T3, TickToNtp(5), {T3, 0}},
+         (10ULL << 32) + 42949672, T3 + 8589934 + 17179869, 34359738},
+        {"the tick count wrapped between request and answer", TickToNtp(0xFFFFFFF0u), T3, T3, TickToNtp(5), T3, 0},
         {"the server held it longer than the round trip", 10ULL << 32, T3 - (1ULL << 32), T3,
-         (10ULL << 32) + (1ULL << 31), {T3, 0}},
+         (10ULL << 32) + (1ULL << 31), T3, 0},
     };
     for (const auto& c : cases) {
-        const Estimate estimate = Compute(c.t1, c.t2, c.t3, c.t4);
-        EXPECT_EQ(c.estimate.time, estimate.time) << c.label;
-        EXPECT_EQ(c.estimate.delay, estimate.delay) << c.label;
+        uint8_t answer[NTP_PACKET_SIZE] = {};
+        uint8_t destination[8];
+        StoreBigEndian64(answer + NTP_ORIGINATE_OFFSET, c.t1);
+        StoreBigEndian64(answer + NTP_RECEIVE_OFFSET, c.t2);
+        StoreBigEndian64(answer + NTP_TRANSMIT_OFFSET, c.t3);
+        StoreBigEndian64(destination, c.t4);
+        NtpTimestamp time = 0;
+        NtpTimestamp delay = 99;
+        NtpComputeTime(&time, destination, answer, &delay);
+        EXPECT_EQ(c.time, time) << c.label;
+        EXPECT_EQ(c.delay, delay) << c.label;
     }
 }
