@@ -20,10 +20,8 @@ protected:
     void SetUp() override {
         NtpInitEpoch();
         HoldWakeableSleeps(true);  // the socket library's sweeps must not move the clocks
-        stopRequested = 0;
     }
     void TearDown() override {
-        stopRequested = 0;
         EXPECT_EQ(0u, NetLibraryUsers()) << "sockets left";
     }
     void ServerAnswers(std::function<void(ScriptedDatagram*)> damage = [](ScriptedDatagram*) {}) {

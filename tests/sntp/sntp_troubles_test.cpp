@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 
 #include "trouble/trouble_queue.h"
 
@@ -21,17 +20,11 @@ void RecordReport(const char16_t* source, uint32_t, uint32_t code, uint32_t stat
     senders += (std::u16string(source) == u"SNTP" ? " SNTP/" : " ?/") + std::to_string(code);
 }
 
-std::string Drained() {
-    DrainTroubles();
-    return std::exchange(seen, {});
-}
-
 struct SntpTroubles : testing::Test {
     void SetUp() override {
         CreateTroubleQueue();
         SetReportCallback(RecordReport);
         troubleMask = 0;
-        stopRequested = 0;
     }
     void TearDown() override {
         SetReportCallback(nullptr);
@@ -39,7 +32,6 @@ struct SntpTroubles : testing::Test {
         seen.clear();
         senders.clear();
         troubleMask = 0;
-        stopRequested = 0;
     }
 };
 }  // namespace
@@ -51,8 +43,8 @@ TEST_F(SntpTroubles, EachRaiseIsReportedAndSetsItsBit) {
     SetSntpTrouble(SNTP_NO_RESPONSE);
     SetSntpTrouble(SNTP_CLIENT_NOT_STARTED);
     SetSntpTrouble(40);
-    const std::string reports = Drained();
-    EXPECT_EQ(" +2 +2 +9 +U", reports);
+    DrainTroubles();
+    EXPECT_EQ(" +2 +2 +9 +U", seen);
     EXPECT_EQ((1u << 2) | (1u << 8) | (1u << 9), troubleMask.load());
 }
 
@@ -62,12 +54,4 @@ TEST_F(SntpTroubles, RecordsComeFromSntpWithTroubleCodeSeven) {
     ClearSntpTrouble(SNTP_SOCKET_ERROR);
     DrainTroubles();
     EXPECT_EQ(" SNTP/7 SNTP/7 SNTP/7", senders);
-}
-
-TEST_F(SntpTroubles, WithoutASinkNothingIsQueued) {
-    SetReportCallback(nullptr);
-    SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
-    SetReportCallback(RecordReport);
-    const std::string reports = Drained();
-    EXPECT_EQ("", reports);
 }
