@@ -16,7 +16,6 @@
 namespace {
 const uint64_t S = 1000;
 const NtpTimestamp SERVER_TIME = (3976214400ULL << 32) + 0x80000000ULL;  // 2026-01-01 00:00:00.5 UTC: rounded up
-const NtpTimestamp SERVER_DELAY = 0x00000000028F5C28ULL;  // 10 ms
 const char SERVER[] = "127.0.0.2";
 const uint32_t STRATUM = 3;
 
@@ -28,8 +27,7 @@ std::function<void()> onExchange;
 std::function<void()> onSleep;
 std::atomic<int64_t> listenedTime{0};
 
-SntpResult FakeExchange(const char* server, int32_t timeoutMs, NtpTimestamp* time, NtpTimestamp* delay,
-                        uint32_t* stratum) {
+SntpResult FakeExchange(const char* server, int32_t timeoutMs, NtpTimestamp* time, NtpTimestamp*, uint32_t* stratum) {
     EXPECT_STREQ(SERVER, server);
     callAt.push_back(VirtualElapsedMs());
     callTimeout.push_back(timeoutMs);
@@ -38,7 +36,6 @@ SntpResult FakeExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
     const SntpResult result = script[std::min(callAt.size(), script.size()) - 1];
     if (result == SNTP_OK) {
         *time = SERVER_TIME;
-        *delay = SERVER_DELAY;
         *stratum = STRATUM;
     }
     if (result == SNTP_NO_RESPONSE) AdvanceVirtualTime(static_cast<uint64_t>(timeoutMs / 500 + 1) * 500);
@@ -60,7 +57,6 @@ protected:
         SetSntpExchanger(nullptr);
         SetTimeSetListener(nullptr);
         StopTroubleRecorder();
-        stopRequested = 0;
     }
     // Runs the client in fresh virtual time to its first countdown sleep after count exchanges (or
     // three days), from stale results.

@@ -36,7 +36,7 @@ SntpResult ScriptedExchange(const char*, int32_t, NtpTimestamp* time, NtpTimesta
     return exchangeResult.load();
 }
 
-// A version-3 request to the test port, answered within waitMs.
+// A version-3 request to the test port.
 bool ServerAnswers(uint32_t waitMs) {
     LoopbackUdp endpoint{~0ULL};
     uint8_t packet[64] = {0x1B};
