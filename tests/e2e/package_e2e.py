@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """The release package under Wine: the installed layout, installed and checked as its guide says;
-the run command (scripts/run.sh) shows the service alive and cleans up without complaint."""
+the run command (scripts/run.sh) shows the service alive, chrony's verdict on its time, and cleans
+up without complaint."""
 
-import os, re, shutil, subprocess, sys, tempfile, zipfile
+import glob, os, re, shutil, subprocess, sys, tempfile, zipfile
 
 import winerig
 from winerig import NOT_INSTALLED
@@ -22,9 +23,7 @@ class PackageTest(winerig.RigTestCase):
         self.addCleanup(shutil.rmtree, scratch, ignore_errors=True)
         subprocess.run(["cpack", "--config", os.path.join(rig.build, "CPackConfig.cmake"), "-B", scratch],
                        cwd=rig.build, check=True, capture_output=True, timeout=120)
-        version = re.search(r"^CMAKE_PROJECT_VERSION:STATIC=(.+)$",
-                            open(os.path.join(rig.build, "CMakeCache.txt")).read(), re.M).group(1)
-        with zipfile.ZipFile(os.path.join(scratch, f"NorvikTime-{version}-win64.zip")) as package:
+        with zipfile.ZipFile(glob.glob(os.path.join(scratch, "NorvikTime-*-win64.zip"))[0]) as package:
             self.assertEqual(LAYOUT, {name for name in package.namelist() if not name.endswith("/")})
             guide = package.read("INSTALL.txt").decode("ascii")
             for step in ("NorvikTime.exe install", "SntpQuery.exe", "NorvikTime.exe uninstall", "\r\n"):
@@ -42,7 +41,11 @@ class PackageTest(winerig.RigTestCase):
                                  self.rig.build, "--seconds", "33"], capture_output=True, text=True, timeout=300)
         output = result.stdout + result.stderr
         self.assertEqual(0, result.returncode, f"the run command succeeds: {output}")
-        self.assertRegex(output, r"System clock wrong by -?[0-9.]+ seconds")
+        # No Vantor.dat: the server. Each field of its answer is the server's own tests' (under Wine
+        # too); chrony compares its time with this host's clock: a wrong era, second or scale is far off.
+        offset = re.search(r"System clock wrong by (-?[0-9.]+) seconds", output)
+        self.assertIsNotNone(offset, output)
+        self.assertLess(abs(float(offset.group(1))), 0.25, output)
         self.assertEqual(2, len(re.findall(QUERY_LINE, output)), f"SntpQuery at the start and 30 s later: {output}")
         self.assertTrue(result.stdout.rstrip().endswith("Service successfully removed..."), f"removed last: {output}")
         for noise in ("Could not", "Permission denied", "Traceback", "err:", "fixme:", "no service", "no remove"):
