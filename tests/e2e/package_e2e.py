@@ -1,12 +1,11 @@
 #!/usr/bin/env python3
-"""The release package under Wine: the installed layout, installed and checked as its guide says;
-the run command (scripts/run.sh) shows the service alive, chrony's verdict on its time, and cleans
-up without complaint."""
+"""The release package under Wine: the installed layout, installed as its guide says; the run command
+(scripts/run.sh) shows the service alive, chrony's verdict on its time, and removes it without
+complaint."""
 
 import glob, os, re, shutil, subprocess, sys, tempfile, zipfile
 
 import winerig
-from winerig import NOT_INSTALLED
 
 LAYOUT = {"INSTALL.txt", "Applications/Time/NorvikTime.exe", "Tools/SntpQuery.exe", "Tools/TroubleMonitor.exe"} | {
     f"Applications/System/res{language}.dll" for language in (1033, 1031, 1036, 3082, 1040, 1046)}
@@ -17,7 +16,7 @@ QUERY_LINE = (r"(?m)^== \d\d:\d\d:\d\d SntpQuery 127\.0\.0\.1: 0 Ok  server \S+ 
 class PackageTest(winerig.RigTestCase):
     prefix_name = "package-prefix"
 
-    def test_package_installs_answers_and_uninstalls(self):
+    def test_the_packed_service_installs_and_answers(self):
         rig = self.rig
         scratch = tempfile.mkdtemp(prefix="norvik-package-")
         self.addCleanup(shutil.rmtree, scratch, ignore_errors=True)
@@ -32,9 +31,6 @@ class PackageTest(winerig.RigTestCase):
             package.extractall(rig.host_path("C:\\Norvik"))
         self.install_running()  # the packed NorvikTime.exe, where the rig's copy was
         winerig.wait_for_server("127.0.0.1", 30)
-        removed = rig.norvik("uninstall")
-        self.assertEqual((0, "Service successfully removed..."), removed)
-        rig.wait_state(NOT_INSTALLED)
 
     def test_run_shows_the_service_alive_and_cleans_up(self):
         result = subprocess.run([sys.executable, os.path.join(winerig.SOURCE, "scripts", "run_service.py"), "--build",

@@ -55,10 +55,9 @@ class ServiceEndToEnd(winerig.RigTestCase):
         self.rig.write_setting("127.0.0.2")
         started = self.install_running()
         winerig.wait_until(lambda: server.requests, FIRST_EXCHANGE[1] + 5, "a request", 1)
-        arrived, request = server.requests[0]
+        arrived = server.requests[0][0]
         self.assertGreaterEqual(arrived - started, FIRST_EXCHANGE[0], "the first exchange after the start delay")
         self.assertLessEqual(arrived - started, FIRST_EXCHANGE[1], "the first exchange within the start delay")
-        self.assertEqual(bytes([0x1B]) + bytes(39), request[:40], "a version-3 client request")
         time.sleep(1)  # the setting reaches Wine's log
         settings = self.rig.clock_settings()[settings_before:]
         self.assertEqual(1, len(settings), "one clock setting, as Wine saw it")
