@@ -367,33 +367,6 @@ TEST(NetSocket, AWaitTellsADatagramFromATimeOut) {
     EXPECT_EQ(1, queued);
 }
 
-// Datagrams sent before the receive binds its port are lost: the sender repeats.
-TEST(NetSocket, ADatagramArrivesWithItsSendersAddressAndPort) {
-    Socket receiver;
-    Socket sender;
-    OpenNetSocket(&receiver, 0, SERVER_LIMIT);
-    const uint16_t port = receiver.localPort;
-    CloseNetSocket(&receiver);
-    receiver.localPort = port;
-    std::atomic<bool> done{false};
-    std::thread sending([&] {
-        for (int attempt = 0; attempt < 250 && !done; ++attempt) {
-            SendNetSocket(&sender, "first", 6, &LOOPBACK, port, 1);
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-    });
-    uint8_t buffer[64] = {};
-    uint32_t address = 0;
-    uint16_t senderPort = 0;
-    const int32_t received = ReceiveNetSocket(&receiver, buffer, sizeof(buffer), &address, &senderPort, SERVER_LIMIT);
-    done = true;
-    sending.join();
-    EXPECT_EQ(6, received);
-    EXPECT_STREQ("first", reinterpret_cast<const char*>(buffer));
-    EXPECT_EQ(LOOPBACK, address);
-    EXPECT_EQ(sender.localPort, senderPort);
-}
-
 TEST(NetSocket, ASendOnAClosedSocketOpensItAgain) {
     ScriptedSockets sockets;
     Socket socket;
