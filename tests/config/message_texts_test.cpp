@@ -87,16 +87,6 @@ struct MessageTextsTest : testing::Test {
 };
 }  // namespace
 
-TEST_F(MessageTextsTest, EachTroubleNamesItsOwnTextInTheShippedLibrary) {
-    ScopedInstallRoot root(HERE.c_str());
-    InitMessageTextsFor(1033);
-    for (const SntpTroubleRow& row : SntpTroubleTable) {
-        if (row.messageId >= 0) {  // -1 names no text
-            EXPECT_EQ(Lookup(row.messageId), row.defaultText) << row.messageId;
-        }
-    }
-}
-
 TEST_F(MessageTextsTest, IdWithoutATextGivesTheDefault) {
     ScopedInstallRoot root(HERE.c_str());
     InitMessageTextsFor(1033);
