@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -143,20 +142,6 @@ TEST(ServiceHost, TheMinutesRecheckRestartsWhenTheRoleNoLongerFits) {
         RunHost(230000);
         EXPECT_EQ(manager.restartTimes, c.restarts ? std::vector<uint64_t>({60000, 120000, 180000}) : std::vector<uint64_t>())
             << c.label;
-    }
-}
-
-TEST(CommandLine, TheFirstWordDecides) {
-    const struct {
-        std::vector<const char*> argv;
-        CommandAction action;
-    } commands[] = {
-        {{"x", "install"}, COMMAND_INSTALL},  {{"x", "uninstall"}, COMMAND_UNINSTALL},
-        {{"x", "stopWTS"}, COMMAND_STOP_WTS}, {{"x", "command", "130"}, COMMAND_SEND_CONTROL},
-        {{"x", "command"}, COMMAND_DISPATCH}, {{"x"}, COMMAND_DISPATCH},
-    };
-    for (const auto& c : commands) {
-        EXPECT_EQ(c.action, ChooseCommand(static_cast<int>(c.argv.size()), c.argv.data(), strcmp)) << c.argv.back();
     }
 }
 
