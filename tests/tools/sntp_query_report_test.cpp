@@ -33,8 +33,6 @@ void PrintTo(const QuerySummary& s, std::ostream* out) {
 }
 
 namespace {
-const char NO_ANSWER[] = "The time server did not respond.";
-
 struct Parsed {
     int32_t status;
     QueryOptions options;
@@ -126,8 +124,6 @@ TEST(SntpQueryStatus, LineGivesTheVerdictOnTheMedianOffset) {
         double offsetMs, delayMs, warnMs, critMs;
         const char* line;
     } rows[] = {
-        {0, 4, 0.0, 0.0, 100, 500,  // nothing answered: no verdict on the offset
-         "SNTP UNKNOWN - no answer from 127.0.0.5, 0 of 4 answered: The time server did not respond."},
         {3, 3, 0.412, 0.25, 100, 500,
          "SNTP OK - offset 0.412 ms, delay 0.250 ms, 3 of 3 answered | offset=0.000412s;0.1;0.5 delay=0.000250s"},
         {1, 2, -150.0, 1.0, 100, 500,  // the size of the offset counts, not its sign
@@ -145,7 +141,7 @@ TEST(SntpQueryStatus, LineGivesTheVerdictOnTheMedianOffset) {
         const QueryOptions options = Thresholds(row.warnMs, row.critMs);
         char line[512] = "";
         const int32_t status =
-            FormatQueryStatusLine(summary, options, DecideQueryStatus(summary, options), NO_ANSWER, line, sizeof line);
+            FormatQueryStatusLine(summary, options, DecideQueryStatus(summary, options), nullptr, line, sizeof line);
         const size_t length = std::strlen(row.line);
         EXPECT_EQ(status, 0) << row.line;
         EXPECT_EQ(row.line, std::string(line).substr(0, row.line[length - 1] == '-' ? length : std::string::npos));
