@@ -250,42 +250,35 @@ TEST_F(ConfigFileTest, SaveThatCannotWriteLosesNeitherTheFileNorTheChange) {
 }
 #endif
 
-// The lock is named after the file name alone, upper-cased: the same name in another directory
-// is the same lock, and other threads are kept out as other processes are.
+// The lock is named after the file name alone, upper-cased, and its holder may take it again (a
+// writer holds it around a whole load, set and save). Other threads are kept out as other processes
+// are, until it was released as often as taken.
 TEST_F(ConfigFileTest, LockOfAFileNameExcludesOthersUntilReleased) {
-    ConfigFileLock* holder = LockConfigFile(PathOf("lock_" + RUN_TAG + ".dat").c_str());
-    LockTaker taker((fs::path("dir2") / ("LOCK_" + RUN_TAG + ".DAT")).string());
-    const bool takenWhileHeld = taker.TakenWithin(REFUSAL_MS);
-    ReleaseConfigFileLock(holder);
-    const bool takenOnceReleased = taker.TakenWithin(GRANT_MS);
-    EXPECT_NE(holder, nullptr);
-    EXPECT_FALSE(takenWhileHeld);
-    EXPECT_TRUE(takenOnceReleased);
-}
-
-// Names that differ in their first character alone.
-TEST_F(ConfigFileTest, LockOfAnotherFileNameIsFreeWhileOneIsHeld) {
-    ConfigFileLock* holder = LockConfigFile(PathOf("a" + RUN_TAG + ".dat").c_str());
-    LockTaker taker(PathOf("b" + RUN_TAG + ".dat"));
-    const bool taken = taker.TakenWithin(GRANT_MS);
-    ReleaseConfigFileLock(holder);
-    EXPECT_TRUE(taken);
-}
-
-// A writer may hold it around a whole load, set and save; others get it once it was released as
-// often as taken.
-TEST_F(ConfigFileTest, LockIsTakenAgainByItsHolder) {
-    const std::string path = PathOf("again_" + RUN_TAG + ".dat");
-    ConfigFileLock* outer = LockConfigFile(path.c_str());
-    ConfigFileLock* inner = LockConfigFile(path.c_str());
-    ReleaseConfigFileLock(inner);
-    LockTaker taker(path);
-    const bool takenWhileHeldOnce = taker.TakenWithin(REFUSAL_MS);
-    ReleaseConfigFileLock(outer);
-    const bool takenOnceReleased = taker.TakenWithin(GRANT_MS);
-    EXPECT_NE(inner, nullptr);
-    EXPECT_FALSE(takenWhileHeldOnce);
-    EXPECT_TRUE(takenOnceReleased);
+    const struct {
+        const char* label;
+        std::string held;
+        bool heldTwice;
+        std::string wanted;
+        bool takenWhileHeld;
+    } rows[] = {
+        {"the same name in another directory", PathOf("lock_" + RUN_TAG + ".dat"), false,
+         (fs::path("dir2") / ("LOCK_" + RUN_TAG + ".DAT")).string(), false},
+        {"taken twice, released once", PathOf("again_" + RUN_TAG + ".dat"), true, PathOf("again_" + RUN_TAG + ".dat"),
+         false},
+        {"a name that differs in its first character", PathOf("a" + RUN_TAG + ".dat"), false,
+         PathOf("b" + RUN_TAG + ".dat"), true},
+    };
+    for (const auto& row : rows) {
+        ConfigFileLock* holder = LockConfigFile(row.held.c_str());
+        if (row.heldTwice) ReleaseConfigFileLock(LockConfigFile(row.held.c_str()));
+        LockTaker taker(row.wanted);
+        const bool takenWhileHeld = taker.TakenWithin(row.takenWhileHeld ? GRANT_MS : REFUSAL_MS);
+        ReleaseConfigFileLock(holder);
+        const bool takenOnceReleased = taker.TakenWithin(GRANT_MS);
+        EXPECT_NE(holder, nullptr) << row.label;
+        EXPECT_EQ(row.takenWhileHeld, takenWhileHeld) << row.label;
+        EXPECT_TRUE(takenOnceReleased) << row.label;
+    }
 }
 
 #ifdef _WIN32
