@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "net/ipv4.h"
 #include "net/ipv4_platform.h"
@@ -85,12 +82,6 @@ struct TableOwner : NetSocket {
     explicit TableOwner(uint64_t limit) : NetSocket{0, 0, 0, {}, 0, 0, nullptr, limit, nullptr} { RegisterPeerSocket(this); }
     ~TableOwner() { UnregisterPeerSocket(this); }
 };
-
-template <class Reached>
-bool WaitUntil(const Reached& reached) {
-    for (int tick = 0; tick < 10000 && !reached(); ++tick) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return reached();
-}
 
 struct Socket : NetSocket {
     int32_t created = CreateNetSocket(this, NET_SOCKET_DATAGRAM);
@@ -301,43 +292,6 @@ TEST(PeerRegistry, AdmitsUpToTheLimitAndAgesPeers) {
         EXPECT_EQ(row.admitted, admitted) << row.label;
         EXPECT_EQ(row.peers, CountPeers(&server)) << row.label;
     }
-}
-
-// Its sleeps held by the hook until the test permits each.
-TEST(PeerRegistry, TheAgeingThreadSweepsEachSecondUntilJoined) {
-    ScopedVirtualTime time;
-    static std::atomic<int> entered{0}, permits{0};  // static: read by a hook without captures
-    entered = 0;
-    permits = 0;
-    ScopedSleepHook hook([](uint32_t) {
-        entered.fetch_add(1);
-        WaitUntil([] { return permits.load() > 0; });
-        permits.fetch_sub(1);
-    });
-    NetSocket library;  // starts the library and its thread; never opened
-    CreateNetSocket(&library, NET_SOCKET_DATAGRAM);
-    const bool firstSweepDone = WaitUntil([] { return entered.load() == 1; });  // at T, now asleep
-    TableOwner client(1);
-    AdmitPeer(&client, 1);
-    std::vector<size_t> peersAfterEachSweep;
-    for (int second = 1; second <= 6; ++second) {
-        permits.fetch_add(1);
-        WaitUntil([second] { return entered.load() == second + 1; });
-        peersAfterEachSweep.push_back(CountPeers(&client));
-    }
-    std::atomic<bool> destroyed{false};
-    std::thread destroyer([&] { destroyed = DestroyNetSocket(&library) == 0; });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    const bool destroyedInsideTheSleep = destroyed.load();
-    permits.fetch_add(1);
-    destroyer.join();
-    EXPECT_TRUE(firstSweepDone);
-    EXPECT_EQ((std::vector<size_t>{1, 1, 1, 1, 1, 0}), peersAfterEachSweep) << "the peer goes at T + 6";
-    EXPECT_FALSE(destroyedInsideTheSleep) << "the stop must wait for the thread to end";
-    EXPECT_TRUE(destroyed.load());
-    EXPECT_EQ(0, PeerThreadRunning());
-    EXPECT_EQ(0u, CountAgeingThreads());
-    EXPECT_EQ(7, entered.load());
 }
 
 // A wait on a real socket: 0 while nothing is queued, 1 once a datagram is.
