@@ -1,5 +1,4 @@
-// Localised message texts and the string-table reader, on the shipped libraries staged beside the
-// test executable (the installation root) and on damaged copies of res1033.dll.
+// Message texts and the string-table reader, on the libraries staged beside the test executable.
 #include "config/message_texts.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,4 @@
-// The network layer: IPv4 routines on a scripted platform, the peer registry and its ageing
-// thread, NetSocket on loopback and on scripted sockets, the registry readers.
+// The network layer: IPv4 routines, the peer registry, NetSocket, the registry readers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -246,7 +245,7 @@ TEST(Ipv4, AdapterSearchRefusesWhatItCannotUse) {
     for (const auto& c : calls) EXPECT_EQ(c.expected, c.status) << c.label;
 }
 
-// A blocked pair (address, local port) is forgotten after 30 s.
+// A pair is an address and a local port.
 TEST(PeerRegistry, BlocksAPairForThirtySeconds) {
     ScopedVirtualTime time;  // blocked at T
     BlockPeer(1, 123);

@@ -108,7 +108,6 @@ TEST(ServiceHost, ControlsAfterTheStopAreAnsweredStopped) {
     EXPECT_EQ(manager.events, std::vector<std::string>(5, "status 1/0"));
 }
 
-// It waits for whoever holds the control lock, restarts, then answers the manager.
 TEST(ServiceHost, Control128RestartsUnderTheControlLock) {
     RunHost(100);
     manager.events.clear();
