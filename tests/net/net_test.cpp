@@ -249,16 +249,9 @@ TEST(Ipv4, AdapterSearchRefusesWhatItCannotUse) {
 TEST(PeerRegistry, BlocksAPairForThirtySeconds) {
     ScopedVirtualTime time;  // blocked at T
     BlockPeer(1, 123);
-    const struct {
-        const char* label;
-        int32_t blocked;
-        int32_t expected;
-    } checks[] = {
-        {"the pair", IsPeerBlocked(1, 123), 1},
-        {"another port", IsPeerBlocked(1, 124), 0},
-        {"another address", IsPeerBlocked(2, 123), 0},
-    };
-    for (const auto& c : checks) EXPECT_EQ(c.expected, c.blocked) << c.label;
+    EXPECT_EQ(1, IsPeerBlocked(1, 123)) << "the pair";
+    EXPECT_EQ(0, IsPeerBlocked(1, 124)) << "another port";
+    EXPECT_EQ(0, IsPeerBlocked(2, 123)) << "another address";
     SweepPeerRegistry(T + 30);
     EXPECT_EQ(1, IsPeerBlocked(1, 123)) << "after 30 s";
     SweepPeerRegistry(T + 31);
