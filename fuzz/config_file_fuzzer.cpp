@@ -57,15 +57,6 @@ std::map<std::string, std::string> Collect(const ConfigFile& file, bool* unique)
     }
     return entries;
 }
-
-std::map<std::string, std::string> Reload(const std::string& path) {
-    ConfigFile file;
-    OpenConfigFile(&file, path.c_str());
-    bool unique = true;
-    auto entries = Collect(file, &unique);
-    CloseConfigFile(&file);
-    return entries;
-}
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -94,8 +85,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         CHECK(after.empty() || after.back() == '\n');
         CHECK(!checkable || round == 2 || after == before);
         if (checkable && IsWellFormed(after)) {
-            const auto reloaded = Reload(path);
-            CHECK(reloaded == expected);
+            ConfigFile reloaded;
+            OpenConfigFile(&reloaded, path.c_str());
+            const auto entries = Collect(reloaded, &unique);
+            CloseConfigFile(&reloaded);
+            CHECK(entries == expected);
         }
     }
     std::filesystem::remove_all(scratch);

@@ -1,6 +1,6 @@
-"""The line between the portable core and the platform edge: no portable file (not *_win32 or
-*_posix) includes a platform header or branches on the platform, and only the runtime's choke
-points read a clock, sleep or draw a random number. Exit 1 and one line per finding, else 0."""
+"""No portable file (not *_win32 or *_posix) includes a platform header or branches on the platform,
+and only the runtime's choke points read a clock, sleep or draw a random number. Exit 1 and one line
+per finding."""
 
 import os, re, subprocess, sys
 
@@ -26,7 +26,7 @@ def findings_in(root, folders, rule, skip):
 
 
 def code_of(line):
-    """Only code can break the rules: the line without its comment and string literals."""
+    """The line without its comment and string literals."""
     return re.sub(r'"(\\.|[^"\\])*"', '""', line).split("//", 1)[0]
 
 

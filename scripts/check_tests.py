@@ -1,7 +1,6 @@
 """How the tests are written: no statement chained with commas (in Python a tuple, and/or or an
-assignment expression built as a statement); an assertion only observes (no assignment, increment
-or call named for a change in its arguments); no test named for three behaviours; no skip once a
-test body has begun. Exit 1 and one line per finding, else 0."""
+assignment expression built as a statement); an assertion only observes; no test named for three
+behaviours; no skip once a test body has begun. Exit 1 and one line per finding."""
 
 import ast, os, re, subprocess, sys
 

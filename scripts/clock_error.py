@@ -1,13 +1,12 @@
 """The client's time error as Wine sees it: against a server 5 s ahead, Wine refuses each setting
-and logs "difference N ms", N - 5000 the error; "command 128" restarts the client for the next.
-  python3 scripts/clock_error.py --build build/windows [--samples 5]"""
+and logs "difference N ms", N - 5000 the error; "command 128" restarts the client for the next."""
 
 import argparse, os, statistics, sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
 import winerig  # noqa: E402
 
-parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+parser = argparse.ArgumentParser(description=__doc__)
 parser.add_argument("--build", required=True)
 parser.add_argument("--samples", type=int, default=5)
 arguments = parser.parse_args()

@@ -1,7 +1,6 @@
 #!/bin/bash
-# Runs each libFuzzer target for a bounded time from fuzz/corpus/<target> and a scratch corpus; a
-# failing input lands in build/fuzz/artifacts/<target>. Appends "date target seconds executions
-# cpu-seconds" to fuzz/hours.log (on a busy machine the CPU time is what the fuzzing got).
+# Each libFuzzer target for a bounded time; appends "date target seconds executions cpu-seconds" to
+# fuzz/hours.log (on a busy machine the CPU time is what the fuzzing got).
 # Usage: scripts/fuzz.sh [seconds per target, default 60] [target...]
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -1,6 +1,5 @@
 #!/bin/bash
-# The long-running threads' tests (client exchange, server, controller) under valgrind's memcheck
-# in a build without sanitizers. Usage: scripts/memcheck.sh [test binary...]
+# The long-running threads' tests under valgrind's memcheck, built without sanitizers. Usage: scripts/memcheck.sh [test binary...]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ $# -gt 0 ] || set -- sntp_exchange_tests sntp_server_tests sntp_control_tests

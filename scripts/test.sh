@@ -1,8 +1,7 @@
 #!/bin/bash
-# Sets up a fresh Debian machine, builds every preset and runs every test, each fuzz target for
-# FUZZ_SECONDS (default 60; 0 skips) and the simulator. The native, ThreadSanitizer and fuzz runs go
-# beside the Windows tests, at the lowest priority so as never to delay the service whose clock
-# setting they measure; the simulator runs after them.
+# Every preset built and tested, each fuzz target for FUZZ_SECONDS (default 60; 0 skips), the
+# simulator. The native runs go beside the Windows tests at the lowest priority, never delaying
+# the service whose clock setting those measure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

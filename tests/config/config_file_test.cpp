@@ -173,7 +173,8 @@ TEST_F(ConfigFileTest, SaveMergesChangesIntoTheFileKeepingItsLayout) {
                                                  "  # indented\nDELTA \nMID #m\nZETA \"z\tz\"\n");
 }
 
-// What one change and a save leave on disk.
+// What one change and a save leave on disk; without a backup (its name here a directory's) the
+// file is left alone, not written over.
 TEST_F(ConfigFileTest, SaveWritesTheChangeBesideABackup) {
     const std::string unchanged = "# header\nalpha 1   # first\n\"two words\" 2\n";
     const struct {
@@ -185,6 +186,7 @@ TEST_F(ConfigFileTest, SaveWritesTheChangeBesideABackup) {
         const char* saveAs;  // null: the store's own file
         const char* read;
         std::string after;
+        const char* blocker = nullptr;  // a directory made first
     } cases[] = {
         {"the previous file is the backup", "b.dat", "K 1\n", "K", "2", nullptr, "b.da~", "K 1\n"},
         {"a name ending in '~' backs up to 'a'", "y.da~", "OLD 1\n", "old", "2", nullptr, "y.daa", "OLD 1\n"},
@@ -195,25 +197,16 @@ TEST_F(ConfigFileTest, SaveWritesTheChangeBesideABackup) {
         // value near the limit loses its closing quote (a reload reads to the end of the line).
         {"a quoted value is cut to 4095 bytes", "", nullptr, "Q", "x " + std::string(4093, 'y'), "q.dat", "q.dat",
          "Q \"x " + std::string(4092, 'y') + "\n"},
+        {"no backup, no save", "kept.dat", "K 1\n", "K", "2", nullptr, "kept.dat", "K 1\n", "kept.da~/x"},
     };
     for (const auto& c : cases) {
+        if (c.blocker != nullptr) fs::create_directories(PathOf(c.blocker));
         if (c.before != nullptr) WriteFileText(PathOf(c.file), c.before);
         OpenStore store(c.file[0] == '\0' ? "" : PathOf(c.file));
         if (c.key != nullptr) SetConfigString(&store.file, c.key, c.value.c_str());
         SaveConfigFile(&store.file, c.saveAs == nullptr ? nullptr : PathOf(c.saveAs).c_str());
         EXPECT_EQ(ReadFileText(PathOf(c.read)), c.after) << c.rule;
     }
-}
-
-// Without a backup (its name here is a directory's) the save leaves the file alone, not writes over it.
-TEST_F(ConfigFileTest, SaveFailsWhenNoBackupCanBeMade) {
-    WriteFileText(PathOf("kept.dat"), "K 1\n");
-    fs::create_directories(PathOf("kept.da~/x"));
-    OpenStore store(PathOf("kept.dat"));
-    SetConfigString(&store.file, "K", "2");
-    const int32_t saved = SaveConfigFile(&store.file, nullptr);
-    EXPECT_EQ(saved, 1);
-    EXPECT_EQ(ReadFileText(PathOf("kept.dat")), "K 1\n");
 }
 
 #ifndef _WIN32
@@ -250,42 +243,35 @@ TEST_F(ConfigFileTest, SaveThatCannotWriteLosesNeitherTheFileNorTheChange) {
 }
 #endif
 
-// The lock is named after the file name alone, upper-cased: the same name in another directory
-// is the same lock, and other threads are kept out as other processes are.
+// The lock is named after the file name alone, upper-cased, and its holder may take it again (a
+// writer holds it around a whole load, set and save). Other threads are kept out as other processes
+// are, until it was released as often as taken.
 TEST_F(ConfigFileTest, LockOfAFileNameExcludesOthersUntilReleased) {
-    ConfigFileLock* holder = LockConfigFile(PathOf("lock_" + RUN_TAG + ".dat").c_str());
-    LockTaker taker((fs::path("dir2") / ("LOCK_" + RUN_TAG + ".DAT")).string());
-    const bool takenWhileHeld = taker.TakenWithin(REFUSAL_MS);
-    ReleaseConfigFileLock(holder);
-    const bool takenOnceReleased = taker.TakenWithin(GRANT_MS);
-    EXPECT_NE(holder, nullptr);
-    EXPECT_FALSE(takenWhileHeld);
-    EXPECT_TRUE(takenOnceReleased);
-}
-
-// Names that differ in their first character alone.
-TEST_F(ConfigFileTest, LockOfAnotherFileNameIsFreeWhileOneIsHeld) {
-    ConfigFileLock* holder = LockConfigFile(PathOf("a" + RUN_TAG + ".dat").c_str());
-    LockTaker taker(PathOf("b" + RUN_TAG + ".dat"));
-    const bool taken = taker.TakenWithin(GRANT_MS);
-    ReleaseConfigFileLock(holder);
-    EXPECT_TRUE(taken);
-}
-
-// A writer may hold it around a whole load, set and save; others get it once it was released as
-// often as taken.
-TEST_F(ConfigFileTest, LockIsTakenAgainByItsHolder) {
-    const std::string path = PathOf("again_" + RUN_TAG + ".dat");
-    ConfigFileLock* outer = LockConfigFile(path.c_str());
-    ConfigFileLock* inner = LockConfigFile(path.c_str());
-    ReleaseConfigFileLock(inner);
-    LockTaker taker(path);
-    const bool takenWhileHeldOnce = taker.TakenWithin(REFUSAL_MS);
-    ReleaseConfigFileLock(outer);
-    const bool takenOnceReleased = taker.TakenWithin(GRANT_MS);
-    EXPECT_NE(inner, nullptr);
-    EXPECT_FALSE(takenWhileHeldOnce);
-    EXPECT_TRUE(takenOnceReleased);
+    const struct {
+        const char* label;
+        std::string held;
+        bool heldTwice;
+        std::string wanted;
+        bool takenWhileHeld;
+    } rows[] = {
+        {"the same name in another directory", PathOf("lock_" + RUN_TAG + ".dat"), false,
+         (fs::path("dir2") / ("LOCK_" + RUN_TAG + ".DAT")).string(), false},
+        {"taken twice, released once", PathOf("again_" + RUN_TAG + ".dat"), true, PathOf("again_" + RUN_TAG + ".dat"),
+         false},
+        {"a name that differs in its first character", PathOf("a" + RUN_TAG + ".dat"), false,
+         PathOf("b" + RUN_TAG + ".dat"), true},
+    };
+    for (const auto& row : rows) {
+        ConfigFileLock* holder = LockConfigFile(row.held.c_str());
+        if (row.heldTwice) ReleaseConfigFileLock(LockConfigFile(row.held.c_str()));
+        LockTaker taker(row.wanted);
+        const bool takenWhileHeld = taker.TakenWithin(row.takenWhileHeld ? GRANT_MS : REFUSAL_MS);
+        ReleaseConfigFileLock(holder);
+        const bool takenOnceReleased = taker.TakenWithin(GRANT_MS);
+        EXPECT_NE(holder, nullptr) << row.label;
+        EXPECT_EQ(row.takenWhileHeld, takenWhileHeld) << row.label;
+        EXPECT_TRUE(takenOnceReleased) << row.label;
+    }
 }
 
 #ifdef _WIN32

@@ -1,5 +1,4 @@
-// Localised message texts and the string-table reader, on the shipped libraries staged beside the
-// test executable (the installation root) and on damaged copies of res1033.dll.
+// Message texts and the string-table reader, on the libraries staged beside the test executable.
 #include "config/message_texts.h"
 
 #include <gtest/gtest.h>
@@ -87,24 +86,28 @@ struct MessageTextsTest : testing::Test {
 };
 }  // namespace
 
-TEST_F(MessageTextsTest, EachTroubleNamesItsOwnTextInTheShippedLibrary) {
-    ScopedInstallRoot root(HERE.c_str());
-    InitMessageTextsFor(1033);
-    for (const SntpTroubleRow& row : SntpTroubleTable) {
-        if (row.messageId >= 0) {  // -1 names no text
-            EXPECT_EQ(Lookup(row.messageId), row.defaultText) << row.messageId;
-        }
-    }
-}
-
+// Id 0 never names a text, though slot 0 holds one; English (UK) is no candidate of German.
 TEST_F(MessageTextsTest, IdWithoutATextGivesTheDefault) {
-    ScopedInstallRoot root(HERE.c_str());
-    InitMessageTextsFor(1033);
     const struct {
         const char* label;
+        bool renumbered;
+        uint16_t libraryLanguage;
+        uint16_t language;
         uint32_t id;
-    } cases[] = {{"an empty slot", 6203u}, {"at the count", SHIPPED_TEXT_COUNT}, {"far past it", ~0u}};
-    for (const auto& c : cases) EXPECT_EQ(Lookup(c.id), u"default") << c.label;
+    } cases[] = {
+        {"an empty slot", false, 1033, 1033, 6203u},
+        {"at the count", false, 1033, 1033, SHIPPED_TEXT_COUNT},
+        {"far past it", false, 1033, 1033, ~0u},
+        {"id 0", true, 1033, 1033, 0},
+        {"no library for the language", false, 2057, 1031, 6210},
+    };
+    for (const auto& c : cases) {
+        WriteScratchRoot(c.libraryLanguage, c.renumbered ? Renumbered() : shipped);
+        ScopedInstallRoot root(SCRATCH_ROOT.c_str());
+        InitMessageTextsFor(c.language);
+        EXPECT_EQ(Lookup(c.id), u"default") << c.label;
+        FreeMessageTexts();
+    }
 }
 
 // Callers rely on an empty result even when they passed no capacity.
@@ -124,15 +127,6 @@ TEST_F(MessageTextsTest, LaterInitialisationsKeepTheTexts) {
     const int32_t status = InitMessageTexts();
     EXPECT_EQ(status, 0);
     EXPECT_EQ(Lookup(6205), NO_RESPONSE);
-}
-
-// English (UK) is no candidate of German.
-TEST_F(MessageTextsTest, WithoutALibraryNoTextLoads) {
-    WriteScratchRoot(2057, shipped);
-    ScopedInstallRoot root(SCRATCH_ROOT.c_str());
-    InitMessageTextsFor(1031);
-    EXPECT_EQ(MessageTextCount(), 0u);
-    EXPECT_EQ(Lookup(6210), u"default");
 }
 
 // Candidates: the language, its primary language with the default sublanguage, 1033; accents stay intact.
@@ -162,32 +156,18 @@ TEST_F(MessageTextsTest, ShippedTranslationsAnswerForTheirLanguages) {
     }
 }
 
+// Block ids go up to 60000.
 TEST_F(MessageTextsTest, ReaderPutsEachBlockInTheSlotsOfItsId) {
-    char16_t** table = ReadTable(Renumbered());
-    const uint32_t count = MessageTextCount();
-    const std::u16string slot0 = SlotText(table, 0);
-    const std::u16string slot28 = SlotText(table, 28);
-    FreeStringTable(table, count);
-    EXPECT_EQ(count, 49u);
-    EXPECT_EQ(slot0, SntpTroubleTable[SNTP_INCOMPATIBLE_VERSION].defaultText);
-    EXPECT_EQ(slot28, SntpTroubleTable[SNTP_SOCKET_ERROR].defaultText);
-}
-
-// Id 0 never names a text, though slot 0 holds one.
-TEST_F(MessageTextsTest, IdZeroGivesTheDefault) {
-    WriteScratchRoot(1033, Renumbered());
-    ScopedInstallRoot root(SCRATCH_ROOT.c_str());
-    InitMessageTextsFor(1033);
-    EXPECT_EQ(Lookup(0), u"default");
-}
-
-TEST_F(MessageTextsTest, ReaderTakesBlockIdsUpTo60000) {
     Bytes renumbered = Renumbered();
     Put32(renumbered, BlockEntry(2), 60000);
     char16_t** table = ReadTable(renumbered);
     const uint32_t count = MessageTextCount();
+    const std::u16string slot0 = SlotText(table, 0);
+    const std::u16string slot28 = SlotText(table, 28);
     FreeStringTable(table, count);
     EXPECT_EQ(count, 60000u * 16 + 1);
+    EXPECT_EQ(slot0, SntpTroubleTable[SNTP_INCOMPATIBLE_VERSION].defaultText);
+    EXPECT_EQ(slot28, SntpTroubleTable[SNTP_SOCKET_ERROR].defaultText);
 }
 
 // Once the table was sized, a failure keeps its count.

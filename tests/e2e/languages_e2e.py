@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Troubles at the workstation mailslot in the locale's language (LC_ALL, which Wine makes every
-process's thread locale): port 123 held, so "could not start" (code 8); then control 128 clears codes
-1 to 8 in order. Each library, its candidates and the English fallback are the message texts' tests'."""
+process's thread locale). Each library, its candidates and the English fallback are the message
+texts' tests'."""
 
 import os, re, socket, time
 from pathlib import Path

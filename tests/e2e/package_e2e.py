@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""The release package under Wine: the installed layout, installed and checked as its guide says;
-the run command (scripts/run.sh) shows the service alive and cleans up without complaint."""
+"""The release package under Wine: the installed layout, installed as its guide says; the run command
+(scripts/run.sh) shows the service alive, chrony's verdict on its time, and removes it without
+complaint."""
 
-import os, re, shutil, subprocess, sys, tempfile, zipfile
+import glob, os, re, shutil, subprocess, sys, tempfile, zipfile
 
 import winerig
-from winerig import NOT_INSTALLED
 
 LAYOUT = {"INSTALL.txt", "Applications/Time/NorvikTime.exe", "Tools/SntpQuery.exe", "Tools/TroubleMonitor.exe"} | {
     f"Applications/System/res{language}.dll" for language in (1033, 1031, 1036, 3082, 1040, 1046)}
@@ -16,15 +16,13 @@ QUERY_LINE = (r"(?m)^== \d\d:\d\d:\d\d SntpQuery 127\.0\.0\.1: 0 Ok  server \S+ 
 class PackageTest(winerig.RigTestCase):
     prefix_name = "package-prefix"
 
-    def test_package_installs_answers_and_uninstalls(self):
+    def test_the_packed_service_installs_and_answers(self):
         rig = self.rig
         scratch = tempfile.mkdtemp(prefix="norvik-package-")
         self.addCleanup(shutil.rmtree, scratch, ignore_errors=True)
         subprocess.run(["cpack", "--config", os.path.join(rig.build, "CPackConfig.cmake"), "-B", scratch],
                        cwd=rig.build, check=True, capture_output=True, timeout=120)
-        version = re.search(r"^CMAKE_PROJECT_VERSION:STATIC=(.+)$",
-                            open(os.path.join(rig.build, "CMakeCache.txt")).read(), re.M).group(1)
-        with zipfile.ZipFile(os.path.join(scratch, f"NorvikTime-{version}-win64.zip")) as package:
+        with zipfile.ZipFile(glob.glob(os.path.join(scratch, "NorvikTime-*-win64.zip"))[0]) as package:
             self.assertEqual(LAYOUT, {name for name in package.namelist() if not name.endswith("/")})
             guide = package.read("INSTALL.txt").decode("ascii")
             for step in ("NorvikTime.exe install", "SntpQuery.exe", "NorvikTime.exe uninstall", "\r\n"):
@@ -33,16 +31,17 @@ class PackageTest(winerig.RigTestCase):
             package.extractall(rig.host_path("C:\\Norvik"))
         self.install_running()  # the packed NorvikTime.exe, where the rig's copy was
         winerig.wait_for_server("127.0.0.1", 30)
-        removed = rig.norvik("uninstall")
-        self.assertEqual((0, "Service successfully removed..."), removed)
-        rig.wait_state(NOT_INSTALLED)
 
     def test_run_shows_the_service_alive_and_cleans_up(self):
         result = subprocess.run([sys.executable, os.path.join(winerig.SOURCE, "scripts", "run_service.py"), "--build",
                                  self.rig.build, "--seconds", "33"], capture_output=True, text=True, timeout=300)
         output = result.stdout + result.stderr
         self.assertEqual(0, result.returncode, f"the run command succeeds: {output}")
-        self.assertRegex(output, r"System clock wrong by -?[0-9.]+ seconds")
+        # No Vantor.dat: the server. Each field of its answer is the server's own tests' (under Wine
+        # too); chrony compares its time with this host's clock: a wrong era, second or scale is far off.
+        offset = re.search(r"System clock wrong by (-?[0-9.]+) seconds", output)
+        self.assertIsNotNone(offset, output)
+        self.assertLess(abs(float(offset.group(1))), 0.25, output)
         self.assertEqual(2, len(re.findall(QUERY_LINE, output)), f"SntpQuery at the start and 30 s later: {output}")
         self.assertTrue(result.stdout.rstrip().endswith("Service successfully removed..."), f"removed last: {output}")
         for noise in ("Could not", "Permission denied", "Traceback", "err:", "fixme:", "no service", "no remove"):

@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """Control 128 at random moments under load in the default installation (the server, also restarted by
-the minute's re-check): right after start, amid another restart, anywhere. RESTART_MINUTES (default 3)
-sets how long; scripts/restarts.sh runs an hour."""
+the minute's re-check). RESTART_MINUTES (default 3) sets how long; scripts/restarts.sh runs an hour."""
 
 import os, random, re, threading, time
 

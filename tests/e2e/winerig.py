@@ -15,9 +15,9 @@ FIRST_EXCHANGE = (59 - 1, 118 + 6)  # s from the client's start: 59..118, widene
 NTP_UNIX_OFFSET = 2208988800
 SO_TIMESTAMPNS = 35  # Linux: the kernel's receive time of each datagram
 SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-# Unpacked by scripts/setup.sh: installing the package would replace the host's time service.
+# Unpacked by scripts/setup.sh: the installed package would replace the host's time service.
 CHRONYD = os.path.join(SOURCE, "build", "chrony", "usr", "sbin", "chronyd")
-# Directives that keep a test's chronyd to itself: no command port, no socket under /run.
+# No command port, no socket under /run.
 CHRONY_QUIET = ("cmdport 0", "bindcmdaddress /")
 QUIET = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
 
@@ -58,15 +58,15 @@ class Rig:
             self.wineserver("-w")
         self.persistent = subprocess.Popen([WINESERVER, "-p", "-f"], env=self.env, **QUIET)
         time.sleep(1)
-        # The manager's first caller starts it, its services inheriting that caller's environment and
-        # standard error, the only place with Wine's clock channel: a refused setting logs its difference.
+        # The manager's first caller starts it; its services inherit the caller's standard error, where
+        # Wine's clock channel logs a refused setting's difference.
         self.manager_log = os.path.join(self.prefix, "manager-stderr.log")
         with open(self.manager_log, "ab") as log:
             subprocess.run([WINE, "sc", "query", "eventlog"], env=dict(self.env, WINEDEBUG="-all,err+sync"),
                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=log, timeout=120)
         os.makedirs(self.host_path(TIME_DIR), exist_ok=True)
         os.makedirs(self.host_path(SYSTEM_DIR), exist_ok=True)
-        for name in programs:  # from where the build puts it: stale copies lie elsewhere
+        for name in programs:
             shutil.copy(os.path.join(self.build, "tests/service" if name in PROGRAMS[3:] else ".", name),
                         self.host_path(TIME_DIR))
         for library in glob.glob(os.path.join(self.build, "config", "res[0-9]*.dll")):
@@ -75,7 +75,7 @@ class Rig:
         self.write_setting(None)
 
     def clock_settings(self):
-        """Each SetSystemTime Wine refused since boot: ms from this host's clock to the time asked for."""
+        """ms from this host's clock to the time asked for, each setting Wine refused since boot."""
         text = Path(self.manager_log).read_text(errors="replace")
         return [int(n) for n in re.findall(r"NtSetSystemTime not allowed: difference (-?\d+) ms", text)]
 
@@ -128,8 +128,6 @@ class Rig:
 
 
 class Monitor:
-    """TroubleMonitor.exe --json, printing to a file that snapshot() reads."""
-
     def __init__(self, rig):
         self.output = tempfile.TemporaryFile("w+")
         self.process = subprocess.Popen([WINE, MONITOR, "--json"], env=rig.env, stdin=subprocess.DEVNULL,
@@ -154,25 +152,19 @@ class Monitor:
         self.output.close()
 
 
-def ntp_stamp(at):
-    return ((int(at) + NTP_UNIX_OFFSET) << 32) | int((at - int(at)) * 2**32)
-
-
-def answers(host):
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
-        sock.settimeout(0.5)
-        sock.sendto(bytes([0x1B]) + bytes(47), (host, 123))
-        with contextlib.suppress(socket.timeout):
-            return sock.recv(512)
-
-
 def wait_for_server(host, timeout):
-    return wait_until(lambda: answers(host), timeout, f"an SNTP answer from {host}:123", 0)
+    def answers():
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
+            sock.settimeout(0.5)
+            sock.sendto(bytes([0x1B]) + bytes(47), (host, 123))
+            with contextlib.suppress(socket.timeout):
+                return sock.recv(512)
+    return wait_until(answers, timeout, f"an SNTP answer from {host}:123", 0)
 
 
 class FakeSntpServer(threading.Thread):
-    """A version-3 stratum-2 server on address:123, this host's clock plus ahead seconds. Records each
-    request (monotonic time, bytes) and each answer's lateness from the kernel's arrival time."""
+    """Stratum 2 on address:123, this host's clock plus ahead seconds; records each request (monotonic
+    time, bytes) and each answer's lateness from the kernel's arrival time."""
 
     def __init__(self, address, ahead=0.0, reuse=False):
         super().__init__(daemon=True)
@@ -193,7 +185,7 @@ class FakeSntpServer(threading.Thread):
             except socket.timeout:
                 continue
             except OSError:
-                return  # closed
+                return
             stamps = [struct.unpack("qq", data[:16]) for _, kind, data in ancillary if kind == SO_TIMESTAMPNS]
             self.arrival = stamps[0][0] + stamps[0][1] / 1e9 if stamps else time.time()
             self.handle(request, sender)
@@ -207,13 +199,14 @@ class FakeSntpServer(threading.Thread):
         if len(request) == 48:
             stamped = time.time()
             self.lateness.append(stamped - self.arrival)
-            receive = ntp_stamp(stamped + self.ahead)
+            at = stamped + self.ahead + NTP_UNIX_OFFSET
+            receive = (int(at) << 32) | int((at - int(at)) * 2**32)
             self.sock.sendto(bytes([0x1C, 2, 0, 0xEC]) + bytes(8) + socket.inet_aton("127.0.0.1") + bytes(8)
                              + request[40:48] + struct.pack(">QQ", receive, receive), peer)
 
 
 def chrony_query(address, timeout=30):
-    """chrony as a version-3 client that never sets the clock: (exit code, output)."""
+    """chrony as a version-3 client that never sets the clock."""
     with tempfile.TemporaryDirectory(prefix="norvik-chrony-") as workdir:
         result = subprocess.run([CHRONYD, "-Q", "-t", "10", "-u", "root", f"pidfile {workdir}/chronyd.pid", *CHRONY_QUIET,
                                  f"server {address} iburst version 3"], capture_output=True, text=True, timeout=timeout)
@@ -227,18 +220,17 @@ def service_pid(rig):
                     f"WINEPREFIX={rig.prefix}\0".encode() in Path(f"/proc/{pid}/environ").read_bytes():
                 return int(pid)
         except OSError:
-            pass  # gone meanwhile
+            pass
 
 
 def linux_figures(pid):
-    """Descriptors are Wine's host side of its handles."""
     rss = re.search(r"^VmRSS:\s*(\d+)", Path(f"/proc/{pid}/status").read_text(), re.M).group(1)
     return {"rss_kb": int(rss), "threads": len(os.listdir(f"/proc/{pid}/task")),
             "fds": len(os.listdir(f"/proc/{pid}/fd"))}
 
 
 class SteadyLoad(threading.Thread):
-    """Clients on 127.0.0.2 and up asking 127.0.0.1:123 in turn until stopped or seconds pass."""
+    """Clients on 127.0.0.2 and up asking 127.0.0.1:123 in turn."""
 
     def __init__(self, clients, seconds):
         super().__init__(daemon=True)
@@ -269,7 +261,7 @@ class SteadyLoad(threading.Thread):
 class RigTestCase(unittest.TestCase):
     """One prefix per class; each test starts and ends with no service and no Vantor.dat."""
 
-    build = None  # set by run_tests
+    build = None
     prefix_name = "service-prefix"
 
     @classmethod
@@ -289,7 +281,6 @@ class RigTestCase(unittest.TestCase):
         return monitor
 
     def install_running(self, rig=None):
-        """Returns the moment the service reported running."""
         rig = rig or self.rig
         installed = rig.norvik("install")
         self.assertEqual((0, "Service successfully added..."), installed)

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,25 +12,51 @@
 #include "tests/support/virtual_time.h"
 
 namespace {
-std::vector<std::string> events;
-std::vector<uint64_t> restartTimes;
-uint64_t stopAtMs = 0;
+const uint64_t NO_STOP_LIMIT_MS = 600000;  // a host that never sees its stop still ends the test
+
+// The manager: it interrogates the service at 500 ms and stops it at stopAtMs, and again while the
+// time thread is being stopped when stopTwice. Once closed, the stop signal's handle may already
+// name another object, so a signal after the close is a fault; one never made is never signalled.
+struct Manager {
+    uint64_t stopAtMs = 0;
+    bool stopTwice = false;
+    bool signalMade = true;
+    bool signalOpen = false;
+    bool signalled = false;
+    int32_t signalsAfterClose = 0;
+    uint64_t lastStatusAtMs = 0;
+    std::vector<std::string> events;
+    std::vector<uint64_t> restartTimes;
+} manager;
 const char* setting = "127.0.0.1";
 uint8_t role = 1;
 
-void Note(const std::string& event) { events.push_back(event); }
+void Note(const std::string& event) { manager.events.push_back(event); }
 
-// The manager's calls recorded as events; it interrogates the service at 500 ms and stops it at stopAtMs.
 const ServiceHostCalls CALLS = {
-    [](uint32_t state, uint32_t accepted) { Note("status " + std::to_string(state) + "/" + std::to_string(accepted)); },
-    [] { Note("create stop"); },
-    [] { Note("signal stop"); },
+    [](uint32_t state, uint32_t accepted) {
+        Note("status " + std::to_string(state) + "/" + std::to_string(accepted));
+        manager.lastStatusAtMs = VirtualElapsedMs();
+    },
+    [] {
+        Note("create stop");
+        manager.signalOpen = true;
+    },
+    [] {
+        Note("signal stop");
+        manager.signalsAfterClose += manager.signalOpen ? 0 : 1;
+        manager.signalled = manager.signalOpen && manager.signalMade;
+    },
     [](uint32_t timeoutMs) -> int32_t {
         AdvanceVirtualTime(timeoutMs);
         if (VirtualElapsedMs() == 500) HandleServiceControl(&CALLS, 4);
-        return VirtualElapsedMs() >= stopAtMs ? 1 : 0;
+        if (VirtualElapsedMs() == manager.stopAtMs) HandleServiceControl(&CALLS, HOST_CONTROL_STOP);
+        return manager.signalled || VirtualElapsedMs() >= NO_STOP_LIMIT_MS ? 1 : 0;
     },
-    [] { Note("close stop"); },
+    [] {
+        Note("close stop");
+        manager.signalOpen = false;
+    },
     [] { Note("take over clock"); },
     [] { Note("trouble sink"); },
     [] { Note("drain"); },
@@ -43,19 +68,21 @@ const ServiceHostCalls CALLS = {
     },
     []() -> int32_t {
         Note("restart sntp");
-        restartTimes.push_back(VirtualElapsedMs());
+        manager.restartTimes.push_back(VirtualElapsedMs());
         return 0;
     },
     []() -> int32_t {
         Note("stop sntp");
+        if (manager.stopTwice) HandleServiceControl(&CALLS, HOST_CONTROL_STOP);
         return 0;
     }};
 
-void RunHost(uint64_t stopAfterMs) {
+void RunHost(uint64_t stopAtMs, bool stopTwice = false, bool signalMade = true) {
     ScopedVirtualTime time;
-    events.clear();
-    restartTimes.clear();
-    stopAtMs = stopAfterMs;
+    manager = Manager();
+    manager.stopAtMs = stopAtMs;
+    manager.stopTwice = stopTwice;
+    manager.signalMade = signalMade;
     RunServiceHost(&CALLS);
 }
 }  // namespace
@@ -66,33 +93,32 @@ TEST(ServiceHost, StartLoopAndStopFollowTheirOrder) {
     setting = "127.0.0.1";
     role = 1;
     RunHost(1000);
-    EXPECT_EQ(events, std::vector<std::string>({
+    EXPECT_EQ(manager.events, std::vector<std::string>({
         "create stop", "status 2/0", "status 4/5", "take over clock", "trouble sink", "start sntp", "drain", "drain",
         "drain",       "drain",      "drain",      "status 4/5",      "drain",        "drain",      "drain", "drain",
-        "drain",       "status 3/5", "close stop", "stop sntp",       "status 1/0"}));
+        "drain",       "status 3/5", "signal stop", "status 3/5",     "close stop",   "stop sntp",  "status 1/0"}));
 }
 
 // A late stop or shutdown (the platform's shutdown may send one) and every other control is
 // answered with stopped, and the closed stop signal is left alone.
 TEST(ServiceHost, ControlsAfterTheStopAreAnsweredStopped) {
     RunHost(100);
-    events.clear();
+    manager.events.clear();
     for (uint32_t control : {1u, 5u, 2u, 4u, 129u}) HandleServiceControl(&CALLS, control);
-    EXPECT_EQ(events, std::vector<std::string>(5, "status 1/0"));
+    EXPECT_EQ(manager.events, std::vector<std::string>(5, "status 1/0"));
 }
 
-// It waits for whoever holds the control lock, restarts, then answers the manager.
 TEST(ServiceHost, Control128RestartsUnderTheControlLock) {
     RunHost(100);
-    events.clear();
+    manager.events.clear();
     EnterLock(&controlLock);
     std::thread handler([] { HandleServiceControl(&CALLS, 128); });
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    const std::vector<std::string> whileLocked = events;
+    const std::vector<std::string> whileLocked = manager.events;
     LeaveLock(&controlLock);
     handler.join();
     EXPECT_EQ(whileLocked, std::vector<std::string>{});
-    EXPECT_EQ(events, std::vector<std::string>({"restart sntp", "status 1/0"}));
+    EXPECT_EQ(manager.events, std::vector<std::string>({"restart sntp", "status 1/0"}));
 }
 
 // Over 3 minutes 50 s, a restart at each minute's re-check that finds the role no longer fits.
@@ -113,22 +139,8 @@ TEST(ServiceHost, TheMinutesRecheckRestartsWhenTheRoleNoLongerFits) {
         setting = c.setting;
         role = c.role;
         RunHost(230000);
-        EXPECT_EQ(restartTimes, c.restarts ? std::vector<uint64_t>({60000, 120000, 180000}) : std::vector<uint64_t>())
+        EXPECT_EQ(manager.restartTimes, c.restarts ? std::vector<uint64_t>({60000, 120000, 180000}) : std::vector<uint64_t>())
             << c.label;
-    }
-}
-
-TEST(CommandLine, TheFirstWordDecides) {
-    const struct {
-        std::vector<const char*> argv;
-        CommandAction action;
-    } commands[] = {
-        {{"x", "install"}, COMMAND_INSTALL},  {{"x", "uninstall"}, COMMAND_UNINSTALL},
-        {{"x", "stopWTS"}, COMMAND_STOP_WTS}, {{"x", "command", "130"}, COMMAND_SEND_CONTROL},
-        {{"x", "command"}, COMMAND_DISPATCH}, {{"x"}, COMMAND_DISPATCH},
-    };
-    for (const auto& c : commands) {
-        EXPECT_EQ(c.action, ChooseCommand(static_cast<int>(c.argv.size()), c.argv.data(), strcmp)) << c.argv.back();
     }
 }
 
@@ -138,80 +150,21 @@ TEST(CommandLine, OnlyControls128To255MayBeSent) {
     }
 }
 
-namespace {
-// The stop signal as the platform holds it. Once closed its handle may already name another
-// object, so a signal after the close is a fault, however harmless it looks here. One the
-// platform could not make is never signalled.
-struct StopSignalFake {
-    bool made = true;
-    bool open = false;
-    bool signalled = false;
-    int32_t signalsAfterClose = 0;
-};
-StopSignalFake stopSignal;
-std::vector<std::string> stopReports;
-const uint64_t FIRST_STOP_AT_MS = 300;
-const uint64_t NO_STOP_LIMIT_MS = 10000;  // a host that never sees its stop still ends the test
-
-// The manager stops the service at 300 ms, and again while the first stop's shutdown waits for
-// the time thread (stop stays accepted until the stopped report).
-const ServiceHostCalls DOUBLE_STOP_CALLS = {
-    [](uint32_t state, uint32_t accepted) {
-        stopReports.push_back(std::to_string(state) + "/" + std::to_string(accepted) + " at " +
-                              std::to_string(VirtualElapsedMs()));
-    },
-    [] { stopSignal.open = true; },
-    [] {
-        if (!stopSignal.open) {
-            stopSignal.signalsAfterClose++;
-            return;
-        }
-        stopSignal.signalled = stopSignal.made;
-    },
-    [](uint32_t timeoutMs) -> int32_t {
-        AdvanceVirtualTime(timeoutMs);
-        if (VirtualElapsedMs() == FIRST_STOP_AT_MS) {
-            HandleServiceControl(&DOUBLE_STOP_CALLS, HOST_CONTROL_STOP);
-        }
-        return stopSignal.signalled || VirtualElapsedMs() >= NO_STOP_LIMIT_MS ? 1 : 0;
-    },
-    [] { stopSignal.open = false; },
-    [] {},
-    [] {},
-    [] {},
-    [](char* destination, uint32_t capacity) { CopyText(destination, "127.0.0.1", capacity); },
-    []() -> uint8_t { return 1; },
-    []() -> int32_t { return 0; },
-    []() -> int32_t { return 0; },
-    []() -> int32_t {
-        HandleServiceControl(&DOUBLE_STOP_CALLS, HOST_CONTROL_STOP);
-        return 0;
-    }};
-
-void RunDoubleStop(bool signalMade) {
-    stopSignal = StopSignalFake();
-    stopSignal.made = signalMade;
-    stopReports.clear();
-    ScopedVirtualTime time;
-    RunServiceHost(&DOUBLE_STOP_CALLS);
-}
-}  // namespace
 
 TEST(ServiceHostStop, ASecondStopDuringTheShutdownLeavesTheClosedStopSignalAlone) {
-    RunDoubleStop(true);
-    EXPECT_EQ(0, stopSignal.signalsAfterClose);
+    RunHost(300, true);
+    EXPECT_EQ(0, manager.signalsAfterClose);
 }
 
-// Start, running; the handler's and the loop's stop pending; the second stop's; stopped. The
-// first stop ends the loop on its own wait.
+// Stop stays accepted until the stopped report.
 TEST(ServiceHostStop, ASecondStopIsAnsweredStopPendingAndTheManagerHearsStoppedLast) {
-    RunDoubleStop(true);
-    EXPECT_EQ(stopReports, std::vector<std::string>({"2/0 at 0", "4/5 at 0", "3/5 at 300", "3/5 at 300",
-                                                     "3/5 at 300", "1/0 at 300"}));
+    RunHost(300, true);
+    const std::vector<std::string> last(manager.events.end() - 3, manager.events.end());
+    EXPECT_EQ(last, std::vector<std::string>({"stop sntp", "status 3/5", "status 1/0"}));
 }
 
 // No wait ever ends signalled, yet the stop is seen at the loop's next step, not at the test's limit.
 TEST(ServiceHostStop, AStopEndsTheLoopWhenTheStopSignalCouldNotBeMade) {
-    RunDoubleStop(false);
-    EXPECT_EQ("1/0 at 300", stopReports.back());
+    RunHost(300, false, false);
+    EXPECT_EQ(300u, manager.lastStatusAtMs);
 }

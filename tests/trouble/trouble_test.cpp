@@ -164,16 +164,6 @@ TEST(TroubleQueue, DeliversRecordsInQueueOrderAsTroubleReports) {
     EXPECT_EQ(reports, (std::vector<Report>{{u"SNTP", 51, 7, 255, u"A"}, {u"SNTP", 51, 8, 0, u"B"}}));
 }
 
-TEST(TroubleQueue, SinkInstalledIsOneOnlyWhileASinkIs) {
-    int32_t installed = 0;
-    {
-        RecordingSink sink;
-        installed = TroubleSinkInstalled();
-    }
-    EXPECT_EQ(installed, 1);
-    EXPECT_EQ(TroubleSinkInstalled(), 0);
-}
-
 TEST(TroubleQueue, CutsSourceAndTextTo255Units) {
     RecordingSink sink;
     const std::u16string longSource(300, u's'), longText(300, u't');
