@@ -74,6 +74,18 @@ TEST(SntpAnswerChecks, TheFirstFailingCheckDecides) {
     }
 }
 
+// Version 3, client mode, zeros, and as T1 the tick stamp of the moment it is sent.
+TEST_F(SntpExchangeTest, RequestIsAVersionThreeClientStampedWithTheTick) {
+    ServerAnswers();
+    std::vector<uint8_t> expected(NTP_PACKET_SIZE, 0);
+    expected[0] = 0x1B;
+    NtpTickStamp(&expected[NTP_TRANSMIT_OFFSET]);
+    Exchange();
+    const std::vector<ScriptedDatagram> sent = sockets.Sent();
+    ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ(expected, sent[0].bytes);
+}
+
 // The server's T2 = T3: the round trip is T4 - T1 and the time T3 plus half of it.
 TEST_F(SntpExchangeTest, TimeIsTheServersPlusHalfTheRoundTrip) {
     ServerAnswers();
