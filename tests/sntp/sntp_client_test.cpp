@@ -56,8 +56,8 @@ protected:
         SetTimeSetListener(nullptr);
         StopTroubleRecorder();
     }
-    // Runs the client in fresh virtual time to its first countdown sleep after count exchanges (or
-    // three days), from stale results.
+    // In fresh virtual time, to the first countdown sleep after count exchanges (or three days),
+    // from stale results.
     void RunClient(std::vector<SntpResult> results, size_t count, std::vector<int32_t> randoms = {0, 0}) {
         ScopedVirtualTime time;
         QueueRandomValues(randoms);

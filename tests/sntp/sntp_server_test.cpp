@@ -28,24 +28,21 @@ ScriptedDatagram Request(uint32_t from, uint64_t id) {
     return request;
 }
 
-// Runs the server thread until it has read every queued datagram; its batch ends before the stop.
-void Serve(const ScriptedSockets& sockets, uint64_t upstream = 0) {
-    std::thread server([upstream] { SntpServerThread(upstream); });
-    for (int ms = 0; ms < 10000 && !sockets.Drained(); ++ms) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    stopRequested = 1;
-    server.join();
-    stopRequested = 0;
-}
-
 class SntpServerThreadTest : public testing::Test {
 protected:
     void SetUp() override {
         NtpInitEpoch();
         StartTroubleRecorder();
-        stopRequested = 0;
     }
-    void TearDown() override {
-        StopTroubleRecorder();
+    void TearDown() override { StopTroubleRecorder(); }
+    // Until every queued datagram is read; its batch ends before the stop.
+    void Serve(uint64_t upstream = 0) {
+        std::thread server([upstream] { SntpServerThread(upstream); });
+        for (int ms = 0; ms < 10000 && !sockets.Drained(); ++ms) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        stopRequested = 1;
+        server.join();
         stopRequested = 0;
     }
     ScriptedSockets sockets;
@@ -111,7 +108,7 @@ TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
         sockets.Queue(Request(Address(127, 0, 1 + peer / 250, 1 + peer % 250), peer));
     }
     sockets.Queue(Request(Address(127, 0, 1, 1), 999));
-    Serve(sockets);
+    Serve();
     const std::vector<ScriptedDatagram> answers = sockets.Sent();
     const uint32_t refused = Address(127, 0, 1, 1 + SNTP_SERVER_PEER_LIMIT);
     const auto answeredRefused = std::count_if(answers.begin(), answers.end(), [&](const ScriptedDatagram& answer) {
@@ -125,7 +122,7 @@ TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
 TEST_F(SntpServerThreadTest, ForAnUpstreamItAnswersInitUntilReached) {
     synchronised = 1;
     sockets.Queue(Request(FIRST, 1));
-    Serve(sockets, 0x0302010A);
+    Serve(0x0302010A);
     serverMode = SERVER_MODE_LOCAL_CLOCK;
     const std::vector<ScriptedDatagram> answers = sockets.Sent();
     ASSERT_EQ(1u, answers.size());
@@ -173,7 +170,7 @@ TEST_F(SntpServerThreadTest, StampsAfterTheWrapCarryTheErasSeconds) {
     ScopedVirtualTime time(FileTimeOf(2036, 8, 1));
     HoldWakeableSleeps(true);
     sockets.Queue(Request(FIRST, 1));
-    Serve(sockets);
+    Serve();
     const std::vector<ScriptedDatagram> answers = sockets.Sent();
     ASSERT_EQ(1u, answers.size());
     EXPECT_EQ(secondsOf20360801, LoadBigEndian64(&answers[0].bytes[NTP_RECEIVE_OFFSET]) >> 32);
