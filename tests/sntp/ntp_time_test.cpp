@@ -66,7 +66,7 @@ TEST_F(NtpTime, TickStampWrapsWithTheTickCount) {
     EXPECT_EQ(4294967u, LoadBigEndian64(tick));
 }
 
-// Half the round trip added to the server's transmit time; a round trip that reads as negative adds nothing.
+// A round trip that reads as negative adds nothing.
 TEST_F(NtpTime, EstimateIsTheTransmitTimePlusHalfTheRoundTrip) {
     const struct {
         const char* label;

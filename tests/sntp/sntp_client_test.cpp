@@ -1,4 +1,4 @@
-// The client thread's schedule in virtual time on a recording fake exchange; then across the wrap.
+// The client thread's schedule on a recording fake exchange; then across the wrap.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 const uint16_t TEST_SERVER_PORT = 12325;  // the server role binds this instead of 123
 std::atomic<int32_t> exchangeResult{0};
-std::atomic<uint32_t> graceMs{0};  // what the controller slept, in its grace periods
+std::atomic<uint32_t> graceMs{0};  // slept in the grace periods
 
 // Bounded by the clock, as a short sleep may return at once.
 bool WaitUntil(const std::function<bool()>& condition) {

@@ -74,7 +74,7 @@ TEST(SntpAnswerChecks, TheFirstFailingCheckDecides) {
     }
 }
 
-// Version 3, client mode, zeros, and as T1 the tick stamp of the moment it is sent.
+// Zeros but the header and T1.
 TEST_F(SntpExchangeTest, RequestIsAVersionThreeClientStampedWithTheTick) {
     ServerAnswers();
     std::vector<uint8_t> expected(NTP_PACKET_SIZE, 0);
@@ -86,7 +86,7 @@ TEST_F(SntpExchangeTest, RequestIsAVersionThreeClientStampedWithTheTick) {
     EXPECT_EQ(expected, sent[0].bytes);
 }
 
-// The server's T2 = T3: the round trip is T4 - T1 and the time T3 plus half of it.
+// The server's T2 = T3: the round trip is T4 - T1.
 TEST_F(SntpExchangeTest, TimeIsTheServersPlusHalfTheRoundTrip) {
     ServerAnswers();
     const SntpResult result = Exchange();

@@ -164,7 +164,7 @@ TEST_F(SntpServerThreadTest, ASocketFailureIsReportedAndPausesASecond) {
     }
 }
 
-// On its own clock (NtpNow through the platform driver), in virtual time that stands still.
+// On its own clock, in virtual time that stands still.
 TEST_F(SntpServerThreadTest, StampsAfterTheWrapCarryTheErasSeconds) {
     const uint64_t secondsOf20360801 = 0x00E7AD00;
     ScopedVirtualTime time(FileTimeOf(2036, 8, 1));

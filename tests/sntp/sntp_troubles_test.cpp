@@ -8,7 +8,7 @@
 #include "trouble/trouble_queue.h"
 
 namespace {
-std::string seen;  // each record as " +code" set or " -code" cleared, the code found by its text (U: the generic one)
+std::string seen;  // " +code" set, " -code" cleared; the code by its text (U: the generic one)
 std::string senders;  // each record's source and trouble code
 
 void RecordReport(const char16_t* source, uint32_t, uint32_t code, uint32_t state, const char16_t* text) {
@@ -54,4 +54,12 @@ TEST_F(SntpTroubles, RecordsComeFromSntpWithTroubleCodeSeven) {
     ClearSntpTrouble(SNTP_SOCKET_ERROR);
     DrainTroubles();
     EXPECT_EQ(" SNTP/7 SNTP/7 SNTP/7", senders);
+}
+
+TEST_F(SntpTroubles, WithoutASinkNothingIsQueued) {
+    SetReportCallback(nullptr);
+    SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
+    SetReportCallback(RecordReport);
+    DrainTroubles();
+    EXPECT_EQ("", seen);
 }
