@@ -1,5 +1,4 @@
-// The client exchange: the answer checks in their order, then the exchange on scripted sockets in
-// virtual time.
+// The client exchange: the answer's checks, then the exchange on scripted sockets.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -21,10 +20,8 @@ protected:
     void SetUp() override {
         NtpInitEpoch();
         HoldWakeableSleeps(true);  // the socket library's sweeps must not move the clocks
-        stopRequested = 0;
     }
     void TearDown() override {
-        stopRequested = 0;
         EXPECT_EQ(0u, NetLibraryUsers()) << "sockets left";
     }
     void ServerAnswers(std::function<void(ScriptedDatagram*)> damage = [](ScriptedDatagram*) {}) {
@@ -77,23 +74,19 @@ TEST(SntpAnswerChecks, TheFirstFailingCheckDecides) {
     }
 }
 
-// Version 3, client mode, zeros, and as T1 the tick stamp of the moment it is sent, to port 123.
+// Zeros but the header and T1.
 TEST_F(SntpExchangeTest, RequestIsAVersionThreeClientStampedWithTheTick) {
     ServerAnswers();
-    uint8_t tick[8];
-    NtpTickStamp(tick);
+    std::vector<uint8_t> expected(NTP_PACKET_SIZE, 0);
+    expected[0] = 0x1B;
+    NtpTickStamp(&expected[NTP_TRANSMIT_OFFSET]);
     Exchange();
     const std::vector<ScriptedDatagram> sent = sockets.Sent();
     ASSERT_EQ(1u, sent.size());
-    std::vector<uint8_t> expected(NTP_PACKET_SIZE, 0);
-    expected[0] = 0x1B;
-    std::memcpy(&expected[NTP_TRANSMIT_OFFSET], tick, 8);
     EXPECT_EQ(expected, sent[0].bytes);
-    EXPECT_EQ(LoopbackAddress(SERVER_TEXT), sent[0].address);
-    EXPECT_EQ(123, sent[0].port);
 }
 
-// The server's T2 = T3: the round trip is T4 - T1 and the time T3 plus half of it.
+// The server's T2 = T3: the round trip is T4 - T1.
 TEST_F(SntpExchangeTest, TimeIsTheServersPlusHalfTheRoundTrip) {
     ServerAnswers();
     const SntpResult result = Exchange();
@@ -101,16 +94,6 @@ TEST_F(SntpExchangeTest, TimeIsTheServersPlusHalfTheRoundTrip) {
     EXPECT_EQ(MicrosToNtp(ROUND_TRIP_MS * 1000), delay);
     EXPECT_EQ(SERVER_TIME + delay / 2, time);
     EXPECT_EQ(GOOD_ANSWER_STRATUM, stratum);
-}
-
-// Closing the socket may take a while on a busy host; the caller sets the clock at once.
-TEST_F(SntpExchangeTest, TheTimeIsCarriedForwardToTheReturn) {
-    ServerAnswers();
-    sockets.OnClose([](uint64_t handle) {
-        if (handle == SCRIPTED_HANDLE) AdvanceVirtualTime(5);
-    });
-    Exchange();
-    EXPECT_EQ(SERVER_TIME + delay / 2 + MicrosToNtp(5000), time);
 }
 
 // The wire adds a port and a length to the checks.
@@ -161,12 +144,4 @@ TEST_F(SntpExchangeTest, SilenceEndsAfterTheTimeoutPlusOneStep) {
         EXPECT_EQ(SNTP_NO_RESPONSE, result) << c.timeoutMs << " ms";
         EXPECT_EQ(c.waitsMs, silent.WaitsMs()) << c.timeoutMs << " ms";
     }
-}
-
-// At the next 500 ms step, not after 60 s of silence.
-TEST_F(SntpExchangeTest, AStopEndsTheWaitAtTheNextStep) {
-    sockets.OnSend([](const ScriptedDatagram&) { stopRequested = 1; });
-    const SntpResult result = Exchange(SERVER_TEXT, 60000);
-    EXPECT_EQ(SNTP_SOCKET_ERROR, result);
-    EXPECT_EQ(std::vector<uint32_t>{500}, sockets.WaitsMs());
 }

@@ -1,16 +1,14 @@
-// SNTP troubles: the records that raising and clearing queue; the clears of a stop or restart are
-// the controller's tests'.
+// The records that raising and clearing SNTP troubles queue.
 #include "sntp/sntp_troubles.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 
 #include "trouble/trouble_queue.h"
 
 namespace {
-std::string seen;  // each record as " +code" set or " -code" cleared, the code found by its text (U: the generic one)
+std::string seen;  // " +code" set, " -code" cleared; the code by its text (U: the generic one)
 std::string senders;  // each record's source and trouble code
 
 void RecordReport(const char16_t* source, uint32_t, uint32_t code, uint32_t state, const char16_t* text) {
@@ -22,17 +20,11 @@ void RecordReport(const char16_t* source, uint32_t, uint32_t code, uint32_t stat
     senders += (std::u16string(source) == u"SNTP" ? " SNTP/" : " ?/") + std::to_string(code);
 }
 
-std::string Drained() {
-    DrainTroubles();
-    return std::exchange(seen, {});
-}
-
 struct SntpTroubles : testing::Test {
     void SetUp() override {
         CreateTroubleQueue();
         SetReportCallback(RecordReport);
         troubleMask = 0;
-        stopRequested = 0;
     }
     void TearDown() override {
         SetReportCallback(nullptr);
@@ -40,7 +32,6 @@ struct SntpTroubles : testing::Test {
         seen.clear();
         senders.clear();
         troubleMask = 0;
-        stopRequested = 0;
     }
 };
 }  // namespace
@@ -52,8 +43,8 @@ TEST_F(SntpTroubles, EachRaiseIsReportedAndSetsItsBit) {
     SetSntpTrouble(SNTP_NO_RESPONSE);
     SetSntpTrouble(SNTP_CLIENT_NOT_STARTED);
     SetSntpTrouble(40);
-    const std::string reports = Drained();
-    EXPECT_EQ(" +2 +2 +9 +U", reports);
+    DrainTroubles();
+    EXPECT_EQ(" +2 +2 +9 +U", seen);
     EXPECT_EQ((1u << 2) | (1u << 8) | (1u << 9), troubleMask.load());
 }
 
@@ -69,6 +60,6 @@ TEST_F(SntpTroubles, WithoutASinkNothingIsQueued) {
     SetReportCallback(nullptr);
     SetSntpTrouble(SNTP_INCOMPATIBLE_VERSION);
     SetReportCallback(RecordReport);
-    const std::string reports = Drained();
-    EXPECT_EQ("", reports);
+    DrainTroubles();
+    EXPECT_EQ("", seen);
 }

@@ -1,4 +1,4 @@
-// The product's test seams, replaced for the life of an object and put back after it.
+// The product's test seams, replaced for the life of an object.
 #pragma once
 
 #include "config/config_test_seams.h"

@@ -1,6 +1,5 @@
-// Socket calls played by the test instead of the platform's, for the life of the object, the same
-// on every build: a wait is readable while datagrams are queued, each receive takes the next one,
-// every send is recorded and handed to the test's answerer. One at a time.
+// Socket calls played by the test, for the life of the object: a wait is readable while datagrams
+// are queued; each send is recorded and handed to the test's answerer. One at a time.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +24,6 @@ public:
     ScriptedSockets& operator=(const ScriptedSockets&) = delete;
 
     void Queue(const ScriptedDatagram& datagram);
-    // It may queue the answer.
     void OnSend(std::function<void(const ScriptedDatagram& sent)> onSend);
     void OnClose(std::function<void(uint64_t handle)> onClose);
     // 0: opens succeed; otherwise each open fails with this platform error.

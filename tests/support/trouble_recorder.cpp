@@ -12,16 +12,13 @@ namespace {
 std::mutex seenMutex;
 std::vector<SeenTrouble> seen;
 
-int32_t CodeOfText(const char16_t* text) {
-    for (int32_t code = SNTP_SOCKET_ERROR; code < SNTP_RESULT_COUNT; ++code) {
-        if (std::u16string(text) == SntpTroubleTable[code].defaultText) return code;
-    }
-    return -1;
-}
-
 void RecordTrouble(const char16_t*, uint32_t, uint32_t, uint32_t state, const char16_t* text) {
+    int32_t code = -1;
+    for (int32_t k = SNTP_SOCKET_ERROR; k < SNTP_RESULT_COUNT; ++k) {
+        if (std::u16string(text) == SntpTroubleTable[k].defaultText) code = k;
+    }
     std::lock_guard<std::mutex> hold(seenMutex);
-    seen.push_back(SeenTrouble{CodeOfText(text), state});
+    seen.push_back(SeenTrouble{code, state});
 }
 }  // namespace
 

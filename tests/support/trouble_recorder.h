@@ -1,4 +1,4 @@
-// SNTP troubles as the workstation sees them: each drained record as its result code and state.
+// SNTP troubles as the workstation sees them: each record's result code and state.
 #pragma once
 
 #include <cstdint>
@@ -14,5 +14,4 @@ struct SeenTrouble {
 // Each drops what is queued and zeroes the mask.
 void StartTroubleRecorder();
 void StopTroubleRecorder();
-// Every record seen since the last call, in order.
 std::vector<SeenTrouble> TakeTroubles();

@@ -94,13 +94,11 @@ const PlatformDriver virtualDriver = {
     systemDriver.joinThread,
 };
 
-PlatformDriver MakeGuardDriver() {
+const PlatformDriver guardDriver = [] {
     PlatformDriver guard = systemDriver;
     guard.writeSystemClock = [](int64_t) {};
     return guard;
-}
-
-const PlatformDriver guardDriver = MakeGuardDriver();
+}();
 }  // namespace
 
 ScopedVirtualTime::ScopedVirtualTime(int64_t fileTime, uint32_t tick) {

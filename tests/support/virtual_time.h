@@ -1,13 +1,12 @@
-// Virtual time for tests: a platform driver whose clocks move only when a thread sleeps or the test
-// advances them, so that code which sleeps for a day runs in milliseconds. Clock settings are
-// recorded (and move the virtual clock), never made.
+// Virtual time: clocks that move only when a thread sleeps or the test advances them. Clock
+// settings are recorded (and move the virtual clock), never made.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <vector>
 
-// 2026-01-01 00:00:00 UTC as a FILETIME.
+// 2026-01-01 00:00:00 UTC
 const int64_t VIRTUAL_START_FILETIME = 134116992000000000LL;
 
 void AdvanceVirtualTime(uint64_t milliseconds);
@@ -19,11 +18,11 @@ std::vector<int64_t> RecordedClockSettings();
 void QueueRandomValues(const std::vector<int32_t>& values);
 uint32_t RecordedRandomSeed();
 
-// While on, a sleep on a wakeup (the socket library's ageing thread) lasts until its wakeup is
-// signalled and moves no virtual time, so only the thread under test moves the clocks.
+// While on, a sleep on a wakeup (the socket library's ageing thread) lasts until it is signalled
+// and moves no virtual time.
 void HoldWakeableSleeps(bool hold);
 
-// The operating system's clocks with a clock writer that does nothing.
+// The system's clocks; clock settings do nothing.
 void InstallGuardDriver();
 
 class ScopedVirtualTime {
