@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "runtime/platform.h"
 #include "sntp/sntp_client.h"
@@ -40,6 +42,11 @@ SntpResult FakeExchange(const char* server, int32_t timeoutMs, NtpTimestamp* tim
     return result;
 }
 
+bool WaitFor(const std::function<bool()>& condition) {
+    for (int ms = 0; ms < 10000 && !condition(); ++ms) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return condition();
+}
+
 void RunClientThread() { SntpClientThread(reinterpret_cast<uintptr_t>(SERVER)); }
 
 class SntpClient : public testing::Test {
@@ -66,7 +73,12 @@ protected:
         callTimeout.clear();
         synchronised = 1;
         lastResult = -1;
-        ScopedSleepHook hook([count](uint32_t) {
+        const std::thread::id client = std::this_thread::get_id();
+        ScopedSleepHook hook([count, client](uint32_t) {
+            if (std::this_thread::get_id() != client) {  // SntpSyncNow's pauses
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+                return;
+            }
             onSleep();
             const bool done = callAt.size() >= count || VirtualElapsedMs() > 3 * 86400 * S;
             stopRequested = done ? 1 : 0;
@@ -143,6 +155,29 @@ TEST_F(SntpClient, ASuccessSetsTheClockAndLeavesItsResultsForTheServer) {
     EXPECT_EQ(std::vector<int64_t>{NtpToFileTime(SERVER_TIME)}, RecordedClockSettings());
     EXPECT_EQ(1767225601, listenedTime.load()) << "the listener hears the time set, in whole seconds";
 }
+
+// Asked during the day's wait: answered by the first silent attempt while the ladder goes on.
+TEST_F(SntpClient, SyncNowAnswersWithTheFirstSilence) {
+    std::atomic<SntpResult> answer{SYNC_NOW_PENDING};
+    std::atomic<bool> answeredDuringTheLadder{false};
+    std::thread asker;
+    onSleep = [&] {
+        if (callAt.size() != 1 || asker.joinable()) return;
+        asker = std::thread([&answer] { answer = SntpSyncNow(); });
+        WaitFor([] { return syncCountdown.load() == 1; });  // stored between the client's read and write, it is lost
+    };
+    onExchange = [&] {
+        if (callAt.size() == 3) answeredDuringTheLadder = WaitFor([&answer] { return answer != SYNC_NOW_PENDING; });
+    };
+    RunClient({SNTP_OK, SNTP_NO_RESPONSE}, 6);
+    asker.join();
+    ASSERT_EQ(6u, callAt.size());
+    EXPECT_LT(callAt[1] - callAt[0], 86399 * S) << "the day's wait cut short";
+    EXPECT_TRUE(answeredDuringTheLadder.load());
+    EXPECT_EQ(SNTP_NO_RESPONSE, answer.load());
+}
+
+TEST_F(SntpClient, SyncNowWithoutAClientSaysItIsNotRunning) { EXPECT_EQ(SNTP_CLIENT_NOT_STARTED, SntpSyncNow()); }
 
 TEST_F(SntpClient, AStopDuringTheExchangeEndsTheThreadWithoutATrouble) {
     onExchange = [] { stopRequested = 1; };
