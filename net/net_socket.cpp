@@ -156,11 +156,11 @@ int32_t ReceiveAdmitted(NetSocket* socket, void* buffer, int32_t capacity, uint3
     }
     int32_t error = 0;
     if (socket->state == NET_STATE_CLOSED) {
-        // Kept on purpose as the library has always done it: a broadcast-capable socket is made,
-        // and open closes it at once and makes its own, so the option never survives and a
-        // socket reopened here is exactly one that open made. Nothing in this system sends
-        // broadcasts, and no path of this service gets here (the client and the server open
-        // before they receive), so the extra socket costs nothing that is ever paid.
+        // A broadcast-capable socket is made first, and open closes it at once and makes its
+        // own: the option never survives, and the socket reopened here is exactly one that
+        // open made. Left so because nothing is gained by removing it: nothing in this system
+        // sends broadcasts, and no path of this service gets here (the client and the server
+        // open before they receive), so the extra socket is never paid for.
         socket->handle = Sockets().open(&error);
         Sockets().setOption(socket->handle, SOCKET_OPTION_BROADCAST, 1);
         if (OpenNetSocket(socket, socket->localPort, peerLimit) != 0) {

@@ -159,7 +159,7 @@ uint64_t settingsAfterEra = 0;
 uint64_t exchangeResults[CODES];
 const int64_t ERA_WRAP_UNIX_SECONDS = 2085978496;  // 2036-02-07 06:28:16
 
-// The checks of an answer in the order the rules give; the first failing one decides.
+// The checks of an answer in the order the client makes them; the first failing one decides.
 int32_t ClassifyAnswer(const Datagram* datagram) {
     const uint8_t* answer = datagram->bytes;
     if (datagram->length != NTP_PACKET_SIZE) {
@@ -788,7 +788,7 @@ void ObserveReport(const uint8_t* report, uint32_t size) {
     }
     const ExpectedReport& want = expected[expectedHead];
     if (want.code != code || want.state != state) {
-        SimFail("the workstation got %s of trouble %d where the rules give %s of trouble %u",
+        SimFail("the workstation got %s of trouble %d where the oracle expects %s of trouble %u",
                 state == TROUBLE_SET ? "a set" : "a clear", code, want.state == TROUBLE_SET ? "a set" : "a clear",
                 want.code);
     }
@@ -954,7 +954,7 @@ void OracleMinute() {
 
     // The held troubles.
     if (memcmp(heldByRules, heldByWorkstation, sizeof heldByRules) != 0) {
-        SimFail("the workstation holds troubles other than the rules give");
+        SimFail("the workstation holds troubles other than the oracle expects");
     }
 
     // The role follows a setting that names an address, once it has been seen.
