@@ -150,6 +150,7 @@ TEST_F(ConfigFileTest, StatusAtTheEdges) {
         {"save without a path", SaveConfigFile(&unnamed.file, ""), 1},
         {"load without a path", LoadConfigFile(&unnamed.file, ""), 0},
         {"load of a file", LoadConfigFile(&unnamed.file, PathOf("present.dat").c_str()), 0},
+        {"save with an empty path: to the file loaded", SaveConfigFile(&unnamed.file, ""), 0},
         {"compare with a null key", CompareKeys(nullptr, "A"), 1},
     };
     for (const auto& c : calls) EXPECT_EQ(c.status, c.expected) << c.call;
@@ -176,7 +177,9 @@ TEST_F(ConfigFileTest, SaveMergesChangesIntoTheFileKeepingItsLayout) {
 // What one change and a save leave on disk; without a backup (its name here a directory's) the
 // file is left alone, not written over.
 TEST_F(ConfigFileTest, SaveWritesTheChangeBesideABackup) {
-    const std::string unchanged = "# header\nalpha 1   # first\n\"two words\" 2\n";
+    // Keys of 60 characters, bare and quoted: read cut to 55, and their lines still found.
+    const std::string unchanged = "# header\nalpha 1   # first\n\"two words\" 2\n" + std::string(60, 'K') + " 3\n\"" +
+                                  std::string(60, 'Q') + "\" 4\n";
     const struct {
         const char* rule;
         const char* file;    // the store's; "" for none
