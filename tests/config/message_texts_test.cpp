@@ -170,6 +170,29 @@ TEST_F(MessageTextsTest, ReaderPutsEachBlockInTheSlotsOfItsId) {
     EXPECT_EQ(slot28, SntpTroubleTable[SNTP_SOCKET_ERROR].defaultText);
 }
 
+// Block 692's data ends at the length unit of id 11068 (26 bytes): nothing past it is read.
+TEST_F(MessageTextsTest, ReaderGivesAnEmptyTextToAStringCutAtItsLength) {
+    Bytes cut = shipped;
+    Put32(cut, DataEntry(2) + 4, 26);
+    char16_t** table = ReadTable(cut);
+    const uint32_t count = MessageTextCount();
+    const std::u16string text = SlotText(table, 11068);
+    FreeStringTable(table, count);
+    EXPECT_EQ(text, u"");
+}
+
+// Block 388 as id 2, read from two bytes earlier (a data entry's reserved zero), holds seventeen
+// strings: the last one never reaches id 3's first slot.
+TEST_F(MessageTextsTest, ReaderDropsAStringPastTheSixteenthOfABlock) {
+    Bytes shifted = Renumbered();
+    Put32(shifted, DataEntry(0), Get32(shipped, DataEntry(0)) - 2);
+    char16_t** table = ReadTable(shifted);
+    const uint32_t count = MessageTextCount();
+    const std::u16string slot32 = SlotText(table, 32);
+    FreeStringTable(table, count);
+    EXPECT_EQ(slot32, u"(none)");
+}
+
 // Once the table was sized, a failure keeps its count.
 TEST_F(MessageTextsTest, ReaderRefusesDamagedFiles) {
     const struct {
