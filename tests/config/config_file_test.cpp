@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -9,6 +10,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "config/config_file.h"
 
@@ -47,8 +49,19 @@ struct ConfigFileTest : testing::Test {
     void TearDown() override {
         std::error_code ignored;
         fs::remove_all(directory, ignored);
+#ifndef _WIN32
+        // The lock files in /tmp that the store makes for file names and never removes.
+        for (std::string name : names) {
+            for (char& c : name) c = static_cast<char>(toupper(c));
+            fs::remove("/tmp/NorvikConfig." + name + ".lock", ignored);
+        }
+#endif
     }
-    std::string PathOf(const std::string& name) const { return (directory / name).string(); }
+    std::string PathOf(const std::string& name) {
+        names.push_back(name);
+        return (directory / name).string();
+    }
+    std::vector<std::string> names;
     const fs::path directory = fs::temp_directory_path() / ("config_file_test." + RUN_TAG + "." +
                                                             testing::UnitTest::GetInstance()->current_test_info()->name());
 };
