@@ -48,6 +48,14 @@ std::u16string SlotText(char16_t* const* table, uint32_t slot) {
     return table != nullptr && table[slot] != nullptr ? table[slot] : u"(none)";
 }
 
+// One slot's text in the table read from bytes.
+std::u16string ReadSlot(const Bytes& bytes, uint32_t slot) {
+    char16_t** table = ReadTable(bytes);
+    const std::u16string text = SlotText(table, slot);
+    FreeStringTable(table, MessageTextCount());
+    return text;
+}
+
 std::u16string Lookup(uint32_t id) {
     char16_t text[256];
     return GetMessageText(id, text, 256, u"default");
@@ -174,10 +182,7 @@ TEST_F(MessageTextsTest, ReaderPutsEachBlockInTheSlotsOfItsId) {
 TEST_F(MessageTextsTest, ReaderGivesAnEmptyTextToAStringCutAtItsLength) {
     Bytes cut = shipped;
     Put32(cut, DataEntry(2) + 4, 26);
-    char16_t** table = ReadTable(cut);
-    const uint32_t count = MessageTextCount();
-    const std::u16string text = SlotText(table, 11068);
-    FreeStringTable(table, count);
+    const std::u16string text = ReadSlot(cut, 11068);
     EXPECT_EQ(text, u"");
 }
 
@@ -186,10 +191,7 @@ TEST_F(MessageTextsTest, ReaderGivesAnEmptyTextToAStringCutAtItsLength) {
 TEST_F(MessageTextsTest, ReaderDropsAStringPastTheSixteenthOfABlock) {
     Bytes shifted = Renumbered();
     Put32(shifted, DataEntry(0), Get32(shipped, DataEntry(0)) - 2);
-    char16_t** table = ReadTable(shifted);
-    const uint32_t count = MessageTextCount();
-    const std::u16string slot32 = SlotText(table, 32);
-    FreeStringTable(table, count);
+    const std::u16string slot32 = ReadSlot(shifted, 32);
     EXPECT_EQ(slot32, u"(none)");
 }
 
