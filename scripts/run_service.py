@@ -8,14 +8,23 @@ import os
 import shutil
 import subprocess
 import sys
+import tempfile
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
-from winerig import (MONITOR, NOT_INSTALLED, RUNNING, SERVICE, SYSTEM_DIR, TIME_DIR, WINE, Rig,  # noqa: E402
-                     chrony_query, wait_for_server)
+from winerig import (CHRONY_QUIET, CHRONYD, MONITOR, NOT_INSTALLED, RUNNING, SERVICE, SYSTEM_DIR,  # noqa: E402
+                     TIME_DIR, WINE, Rig, wait_for_server)
 
 PROGRAMS = ("NorvikTime.exe", "TroubleMonitor.exe", "SntpQuery.exe")
 QUERY_EVERY_S = 30
+
+
+def chrony_query(address, timeout=30):
+    """chrony as a version-3 client that never sets the clock."""
+    with tempfile.TemporaryDirectory(prefix="norvik-chrony-") as workdir:
+        result = subprocess.run([CHRONYD, "-Q", "-t", "10", "-u", "root", f"pidfile {workdir}/chronyd.pid", *CHRONY_QUIET,
+                                 f"server {address} iburst version 3"], capture_output=True, text=True, timeout=timeout)
+    return result.returncode, result.stdout + result.stderr
 
 
 def say(text):

@@ -1,15 +1,14 @@
 #!/usr/bin/env python3
-"""SntpQuery.exe under Wine against chrony and a silent address. The options it refuses, the summary,
-the verdict and the status line are the query report's tests, the exchange line's form the run
+"""SntpQuery.exe under Wine against chrony. The options it refuses, the summary, the verdict (no
+answer included) and the status line are the query report's tests, the exchange line's form the run
 command's (package_e2e)."""
 
 import re, subprocess
 
 import winerig
 
-CHRONY, SILENT = "127.0.0.5", "127.0.0.9"  # nothing bound on SILENT
-NO_ANSWER = "The time server did not respond.  Contact your network administrator."
-OK, UNKNOWN = 0, 3  # the exit codes a monitoring system reads
+CHRONY = "127.0.0.5"
+OK = 0  # the exit code a monitoring system reads
 
 
 class QueryTest(winerig.RigTestCase):
@@ -33,12 +32,6 @@ class QueryTest(winerig.RigTestCase):
         self.assertEqual(OK, result.returncode, result.stdout)
         self.assertEqual(["1"] * 3, re.findall(r"  stratum (\d+)$", result.stdout, re.M), "each exchange's stratum")
         self.assertLess(max(map(abs, offsets)), 10, result.stdout)
-
-    def test_no_answer_is_unknown(self):
-        result = self.rig.wine(winerig.QUERY, SILENT, "-n", "2", "-i", "0", "-t", "500", "--warn-ms", "1")
-        self.assertEqual(UNKNOWN, result.returncode, result.stdout)
-        self.assertEqual(f"1  2 {NO_ANSWER}\n2  2 {NO_ANSWER}\nsummary: 0 of 2 answered\n"
-                         f"SNTP UNKNOWN - no answer from {SILENT}, 0 of 2 answered: {NO_ANSWER}", result.stdout.strip())
 
 
 if __name__ == "__main__":

@@ -205,14 +205,6 @@ class FakeSntpServer(threading.Thread):
                              + request[40:48] + struct.pack(">QQ", receive, receive), peer)
 
 
-def chrony_query(address, timeout=30):
-    """chrony as a version-3 client that never sets the clock."""
-    with tempfile.TemporaryDirectory(prefix="norvik-chrony-") as workdir:
-        result = subprocess.run([CHRONYD, "-Q", "-t", "10", "-u", "root", f"pidfile {workdir}/chronyd.pid", *CHRONY_QUIET,
-                                 f"server {address} iburst version 3"], capture_output=True, text=True, timeout=timeout)
-    return result.returncode, result.stdout + result.stderr
-
-
 def service_pid(rig):
     for pid in filter(str.isdigit, os.listdir("/proc")):
         try:

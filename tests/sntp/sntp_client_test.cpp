@@ -125,18 +125,6 @@ TEST_F(SntpClient, ASilentServerGetsFiveAttemptsThenTroubleTwoAndANewLadderLater
     EXPECT_EQ(0, synchronised.load());
 }
 
-// An unusable answer raises its trouble at each attempt; a success clears trouble 2 (reported, as
-// trouble 6 is active; 6 stays) and waits a day.
-TEST_F(SntpClient, FailuresRetryEveryTwentyMinutesAndASuccessWaitsADay) {
-    RunClient({SNTP_INCONSISTENT_ADDRESS, SNTP_INCONSISTENT_ADDRESS, SNTP_OK, SNTP_OK}, 4);
-    const uint64_t third = 59000 + 2 * 1199000;
-    EXPECT_EQ((std::vector<uint64_t>{59000, 59000 + 1199000, third, third + 86399000}), callAt);
-    const SeenTrouble raised{SNTP_INCONSISTENT_ADDRESS, TROUBLE_SET}, cleared{SNTP_NO_RESPONSE, TROUBLE_CLEARED};
-    const std::vector<SeenTrouble> troubles = TakeTroubles();
-    EXPECT_EQ((std::vector<SeenTrouble>{raised, raised, cleared, cleared}), troubles);
-    EXPECT_EQ(1u << SNTP_INCONSISTENT_ADDRESS, troubleMask.load());
-}
-
 // Every sleep ends 15 ms late, as one on a 15.6 ms system timer may: the day is still a day.
 TEST_F(SntpClient, TheDaysWaitEndsOnTimeWhenEverySleepEndsLate) {
     onSleep = [] { AdvanceVirtualTime(15); };

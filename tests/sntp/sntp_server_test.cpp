@@ -118,18 +118,6 @@ TEST_F(SntpServerThreadTest, ThePeerLimitHoldsLateInABatch) {
     EXPECT_EQ(0, answeredRefused);
 }
 
-// Synchronised, as an earlier run may leave it.
-TEST_F(SntpServerThreadTest, ForAnUpstreamItAnswersInitUntilReached) {
-    synchronised = 1;
-    sockets.Queue(Request(FIRST, 1));
-    Serve(0x0302010A);
-    serverMode = SERVER_MODE_LOCAL_CLOCK;
-    const std::vector<ScriptedDatagram> answers = sockets.Sent();
-    ASSERT_EQ(1u, answers.size());
-    EXPECT_EQ(0xDC, answers[0].bytes[0]) << "alarm, version 3, server";
-    EXPECT_EQ(0, std::memcmp("INIT", &answers[0].bytes[NTP_REFERENCE_ID_OFFSET], 4));
-}
-
 // Open fails: trouble 8 once, the library given back while idle (restarted every minute, the
 // server would pile up sockets). Wait fails: trouble 1 each second.
 TEST_F(SntpServerThreadTest, ASocketFailureIsReportedAndPausesASecond) {

@@ -98,34 +98,6 @@ TEST(PtrList, InsertsANewEqualKeyFirstOrLastByTheFlag) {
     }
 }
 
-TEST(PtrList, FindGivesTheFirstItemWithAnEqualKey) {
-    Entry entries[] = {{1, 'a'}, {5, 'b'}, {5, 'c'}, {9, 'd'}};
-    PtrList* list = CreatePtrList(CompareEntries);
-    for (Entry& entry : entries) PushPtrList(list, &entry);
-    const Entry five{5, '-'};
-    const void* const found = FindPtrList(list, &five);
-    DestroyPtrList(list);
-    EXPECT_EQ(found, &entries[1]);
-}
-
-// Popping the only node must clear the tail too, or the next push links behind the freed node.
-TEST(PtrList, PoppingTheOnlyItemEmptiesTheList) {
-    Entry entry{1, 'a'};
-    PtrList* list = CreatePtrList(nullptr);
-    PushPtrList(list, &entry);
-    void* const popped = PopFrontPtrList(list);
-    EXPECT_EQ(popped, &entry);
-    EXPECT_EQ(Tags(list), "");
-    DestroyPtrList(list);
-}
-
-TEST_F(FourEntries, RemovingAnItemNotInTheListFails) {
-    RemovePtrListItem(list, &entries[2]);
-    const int32_t removedAgain = RemovePtrListItem(list, &entries[2]);
-    EXPECT_EQ(removedAgain, 1);
-    EXPECT_EQ(Tags(list), "abd");
-}
-
 // A cursor on a removed node moves to its successor, which is still to be returned: at the head
 // (a popped) and in the middle (c removed).
 TEST_F(FourEntries, CursorSkipsNoItemWhenItsNodeIsRemoved) {
