@@ -135,14 +135,6 @@ TEST_F(ConfigFileTest, LoadCutsLinesValuesAndKeysToTheirLimits) {
     EXPECT_NE(FindPtrList(store.file.entries, std::string(55, 'K').c_str()), nullptr) << "the key as stored";
 }
 
-TEST_F(ConfigFileTest, LoadingAnotherFileReadsThatOne) {
-    WriteFileText(PathOf("first.dat"), "K 1\n");
-    WriteFileText(PathOf("second.dat"), "K 2\n");
-    OpenStore store(PathOf("first.dat"));
-    LoadConfigFile(&store.file, PathOf("second.dat").c_str());
-    EXPECT_EQ(store.Get("K"), "2");
-}
-
 TEST_F(ConfigFileTest, SetCutsTheValueTo4095Characters) {
     OpenStore store("");
     SetConfigString(&store.file, "W", std::string(5000, 'w').c_str());

@@ -14,11 +14,9 @@
 #include "tests/support/scoped_seams.h"
 
 namespace {
-using namespace std::string_literals;
 typedef std::vector<uint8_t> Bytes;
 const uint32_t SHIPPED_TEXT_COUNT = 692 * 16 + 1;  // the largest block, 692, holds id 11068
 const uint32_t SUBDIRECTORY = 0x80000000u;
-const std::u16string NO_RESPONSE = u"The time server did not respond.  Contact your network administrator.";
 
 const std::string HERE = [] {
     char16_t path[PATH_CAPACITY];
@@ -116,25 +114,6 @@ TEST_F(MessageTextsTest, IdWithoutATextGivesTheDefault) {
         EXPECT_EQ(Lookup(c.id), u"default") << c.label;
         FreeMessageTexts();
     }
-}
-
-// Callers rely on an empty result even when they passed no capacity.
-TEST_F(MessageTextsTest, MissingTextWithoutADefaultIsEmptyEvenInNoRoom) {
-    char16_t text[4] = u"xxx";
-    char16_t* const answer = GetMessageText(42, text, 0, nullptr);
-    EXPECT_EQ(answer, text);
-    EXPECT_EQ(std::u16string(text, 3), u"\0xx"s);
-}
-
-// Once initialised, later initialisations only count, whatever the installation holds now.
-TEST_F(MessageTextsTest, LaterInitialisationsKeepTheTexts) {
-    ScopedInstallRoot root(HERE.c_str());
-    InitMessageTextsFor(1033);
-    WriteScratchRoot(2057, shipped);
-    ScopedInstallRoot scratch(SCRATCH_ROOT.c_str());
-    const int32_t status = InitMessageTexts();
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(Lookup(6205), NO_RESPONSE);
 }
 
 // Candidates: the language, its primary language with the default sublanguage, 1033; accents stay intact.

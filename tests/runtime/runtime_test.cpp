@@ -94,11 +94,6 @@ TEST(Threads, StartRunsTheFunctionWithTheWholeArgument) {
     EXPECT_EQ(0x8123456789ABCDEFULL, delivered.load());
 }
 
-TEST(Threads, StartRefusesANullFunction) {
-    const int32_t started = StartThread(nullptr, 1);
-    EXPECT_EQ(0, started);
-}
-
 TEST(ThreadsDeathTest, AnExceptionEscapingAThreadEndsTheProcessWithStatusOne) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(StartThrowingThreadThenWait(), testing::ExitedWithCode(1), "");

@@ -136,14 +136,6 @@ TEST(TroubleQueue, DeliversRecordsInQueueOrderAsTroubleReports) {
     EXPECT_EQ(reports, (std::vector<Report>{{u"SNTP", 51, 7, 255, u"A"}, {u"SNTP", 51, 8, 0, u"B"}}));
 }
 
-TEST(TroubleQueue, CutsSourceAndTextTo255Units) {
-    RecordingSink sink;
-    const std::u16string longSource(300, u's'), longText(300, u't');
-    QueueTrouble(NewTroubleRecord(longSource.c_str(), longText.c_str(), 9, TROUBLE_SET));
-    DrainTroubles();
-    EXPECT_EQ(reports, (std::vector<Report>{{longSource.substr(0, 255), 51, 9, 255, longText.substr(0, 255)}}));
-}
-
 // Producers push while the sink runs: none lost or doubled, each producer's records in its order.
 TEST(TroubleQueue, ProducersOnOtherThreadsLoseNothing) {
     const uint32_t PRODUCERS = 4;
