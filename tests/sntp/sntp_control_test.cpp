@@ -94,14 +94,6 @@ protected:
 };
 }  // namespace
 
-// A directory cut to the path's capacity names no file: the empty setting.
-TEST_F(SntpController, ASettingFileThatCannotBeFoundReadsAsEmpty) {
-    char value[SNTP_SETTING_SIZE] = "stale";
-    const int32_t read = ReadSntpIp(value, std::string(400, 'd').c_str());
-    EXPECT_EQ(0, read);
-    EXPECT_STREQ("", value);
-}
-
 // Each row restarts from what the row above left: the role read anew, the troubles cleared after
 // 1200 ms of grace, the thread replaced (a server lets its port go).
 TEST_F(SntpController, EachRestartFollowsTheSetting) {

