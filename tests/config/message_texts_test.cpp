@@ -46,7 +46,6 @@ std::u16string SlotText(char16_t* const* table, uint32_t slot) {
     return table != nullptr && table[slot] != nullptr ? table[slot] : u"(none)";
 }
 
-// One slot's text in the table read from bytes.
 std::u16string ReadSlot(const Bytes& bytes, uint32_t slot) {
     char16_t** table = ReadTable(bytes);
     const std::u16string text = SlotText(table, slot);

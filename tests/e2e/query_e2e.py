@@ -1,7 +1,5 @@
 #!/usr/bin/env python3
-"""SntpQuery.exe under Wine against chrony. The options it refuses, the summary, the verdict (no
-answer included) and the status line are the query report's tests, the exchange line's form the run
-command's (package_e2e)."""
+"""SntpQuery.exe under Wine against chrony; what its report says is the query report's tests'."""
 
 import re, subprocess
 

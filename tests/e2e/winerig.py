@@ -49,6 +49,7 @@ class Rig:
         # A persistent wineserver: a service dies a few seconds after its prefix's last ordinary process.
         if fresh and os.path.isdir(self.prefix):
             self.wineserver("-k")
+            self.remove_server_dir()
             shutil.rmtree(self.prefix)
         if not os.path.isdir(os.path.join(self.prefix, "drive_c")):
             # No pipes, which what wineboot leaves running would inherit; the prefix comes down and up
@@ -85,6 +86,13 @@ class Rig:
             self.persistent.kill()
             self.persistent.wait()
         self.persistent = None
+        self.remove_server_dir()
+
+    def remove_server_dir(self):
+        """Wine leaves a prefix's server directory in a /tmp/wine-* of its own once the server has gone."""
+        prefix = os.stat(self.prefix)
+        for found in glob.glob(f"/tmp/wine-*/server-{prefix.st_dev:x}-{prefix.st_ino:x}"):
+            shutil.rmtree(os.path.dirname(found), ignore_errors=True)
 
     def wine(self, *args, timeout=120):
         # Output through files: a long-lived process it starts (the manager, a service) would

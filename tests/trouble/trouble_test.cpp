@@ -12,36 +12,13 @@
 #include "trouble/workstation_report.h"
 
 namespace {
-struct Entry {
-    int32_t key;
-    char tag;
-};
-
-int32_t CompareEntries(const void* nodeKey, const void* key) {
-    return static_cast<const Entry*>(nodeKey)->key - static_cast<const Entry*>(key)->key;
-}
-
-// The tags from head to tail, once the backward links, the tail and the count agree with them.
-std::string Tags(const PtrList* list) {
-    std::string forward;
-    const PtrListNode* last = nullptr;
-    for (const PtrListNode* node = list->head; node != nullptr; node = node->next) {
-        EXPECT_EQ(node->previous, last);
-        forward += static_cast<const Entry*>(node->item)->tag;
-        last = node;
-    }
-    EXPECT_EQ(list->tail, last);
-    EXPECT_EQ(list->count, forward.size());
-    return forward;
-}
-
 struct FourEntries : testing::Test {
     void SetUp() override {
-        for (Entry& entry : entries) PushPtrList(list, &entry);
+        for (int32_t& entry : entries) PushPtrList(list, &entry);
     }
     void TearDown() override { DestroyPtrList(list); }
-    Entry entries[4] = {{1, 'a'}, {2, 'b'}, {3, 'c'}, {4, 'd'}};
-    PtrList* list = CreatePtrList(CompareEntries);
+    int32_t entries[4] = {1, 2, 3, 4};
+    PtrList* list = CreatePtrList(nullptr);  // cursors need no order
 };
 
 struct Report {
@@ -85,18 +62,6 @@ public:
     RecordingSink& operator=(const RecordingSink&) = delete;
 };
 }  // namespace
-
-// Equal keys 5 arrive as a, d, e: each new one goes before the equal keys, or after them.
-TEST(PtrList, InsertsANewEqualKeyFirstOrLastByTheFlag) {
-    for (const auto& [insertAfterEqual, order] : {std::make_pair(0u, "fbedagc"), std::make_pair(1u, "fbadegc")}) {
-        Entry entries[] = {{5, 'a'}, {1, 'b'}, {9, 'c'}, {5, 'd'}, {5, 'e'}, {0, 'f'}, {7, 'g'}};
-        PtrList* list = CreatePtrList(CompareEntries);
-        list->insertAfterEqual = insertAfterEqual;
-        for (Entry& entry : entries) InsertOrderedPtrList(list, &entry, nullptr);
-        EXPECT_EQ(Tags(list), order) << "insertAfterEqual " << insertAfterEqual;
-        DestroyPtrList(list);
-    }
-}
 
 // A cursor on a removed node moves to its successor, which is still to be returned: at the head
 // (a popped) and in the middle (c removed).
