@@ -23,11 +23,16 @@ const uint16_t TEST_SERVER_PORT = 12325;  // the server role binds this instead 
 std::atomic<int32_t> exchangeResult{0};
 std::atomic<uint32_t> graceMs{0};  // slept in the grace periods
 
-// Bounded by the clock, as a short sleep may return at once.
+// Bounded by the clock, as a short sleep may return at once. The condition may ask the server,
+// so its last answer is the result, not a further asking.
 bool WaitUntil(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + 5s;
-    while (!condition() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(100us);
-    return condition();
+    bool met = condition();
+    while (!met && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(100us);
+        met = condition();
+    }
+    return met;
 }
 
 SntpResult ScriptedExchange(const char*, int32_t, NtpTimestamp* time, NtpTimestamp*, uint32_t*) {
