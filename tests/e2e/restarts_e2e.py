@@ -50,8 +50,8 @@ class RestartsUnderLoad(winerig.RigTestCase):
                 overlap.start()
                 time.sleep(chance.uniform(0.1, 1.0))
                 overlapping += 1
-            restarted = rig.norvik("command", "128")
-            self.assertEqual(PERFORMED, restarted)
+            restarted = rig.wine(winerig.EXE, "command", "128")
+            self.assertEqual(PERFORMED, (restarted.returncode, restarted.stdout), restarted.stderr)
             restarts += 1
             if overlap is not None:
                 overlap.join(timeout=60)

@@ -89,10 +89,11 @@ class Rig:
         self.remove_server_dir()
 
     def remove_server_dir(self):
-        """Wine leaves a prefix's server directory in a /tmp/wine-* of its own once the server has gone."""
-        prefix = os.stat(self.prefix)
-        for found in glob.glob(f"/tmp/wine-*/server-{prefix.st_dev:x}-{prefix.st_ino:x}"):
-            shutil.rmtree(os.path.dirname(found), ignore_errors=True)
+        """Wine leaves a prefix's server directory, named in the prefix, in /tmp once the server has gone."""
+        with contextlib.suppress(OSError):
+            name = Path(self.prefix, "wineserver").read_text().strip()
+            if re.fullmatch(r"wine-\w+", name):
+                shutil.rmtree(os.path.join("/tmp", name))
 
     def wine(self, *args, timeout=120):
         # Output through files: a long-lived process it starts (the manager, a service) would
